@@ -1,0 +1,54 @@
+// A forwarding plane, as its manager and the switch's sides see it.
+//
+// The manager decides what is installed and when; a plane makes it act. Each
+// operation takes over at once for the next frame: no frame sees a part of it.
+#pragma once
+
+#include "platform/fp/rule.h"
+
+#include <cstdint>
+#include <span>
+
+namespace vvl::fp
+{
+
+// Told by the plane from the loop; all may be called for the same frame.
+class PlaneEvents
+{
+  public:
+    virtual ~PlaneEvents() = default;
+
+    // A frame of a voice device came in on a trapped port; it was forwarded as
+    // well. The frame lives until the call returns.
+    virtual void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) = 0;
+
+    // A source MAC was seen in a VLAN on a port, after the ACLs: at once where
+    // it is new or has moved, then at most once a second.
+    virtual void mac_seen(uint16_t vlan, const Mac &mac, uint32_t phyid) = 0;
+};
+
+class Plane
+{
+  public:
+    virtual ~Plane() = default;
+
+    // Replaces the rules of one ACL. rules: ascending id, at most
+    // FP_UDP_ACE_COUNT_MAX. Returns 0 or a negative code, with nothing changed.
+    virtual int set_rules(Acl acl, std::span<const Rule> rules) = 0;
+
+    // Replaces the set of ACLs that are bound to a port (acl_bit()s; 0: none).
+    virtual int set_binding(uint32_t phyid, uint8_t acls) = 0;
+
+    // Replaces everything in one step.
+    virtual int replace_all(const PlaneState &state) = 0;
+
+    // Copies voice frames of the port to the packet side, or stops it. A voice
+    // frame is one whose source MAC matches a MAC rule of Acl::voice, in any
+    // VLAN, whether or not the ACL is bound to the port.
+    virtual int set_trap(uint32_t phyid, bool on) = 0;
+
+    // Forgets a learned address; its next frame counts as new.
+    virtual void forget(uint16_t vlan, const Mac &mac) = 0;
+};
+
+} // namespace vvl::fp

@@ -1,0 +1,63 @@
+// What the forwarding plane is told: rules, the ACLs that hold them, and the
+// ports that ACLs are bound to. Both planes work from these records.
+#pragma once
+
+#include "platform/base/mac.h"
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+namespace vvl::fp
+{
+
+// The ACLs that a frame passes, in this order.
+enum class Acl : uint8_t {
+    mac_vlan, // "mac_vlan_app": decides the VLAN
+    voice,    // "vvlan_secu_pas_app": voice devices in the voice VLAN
+    security, // "vvlan_secu_deny_app": everything else in the voice VLAN
+};
+constexpr size_t acl_count = 3;
+
+constexpr uint8_t acl_bit(Acl acl)
+{
+    return static_cast<uint8_t>(1u << static_cast<unsigned>(acl));
+}
+
+// How a frame is tagged, as the "vlan_form" match field sees it under mask 3.
+enum class VlanForm : uint8_t {
+    untagged = 0,      // no 802.1Q tag, or a priority tag (VLAN 0)
+    tagged = 1,        // one 802.1Q tag
+    double_tagged = 2, // an outer tag and an inner one
+};
+
+// One ACE. A match that is not set matches every frame; of several matching
+// rules the one whose MAC mask has most bits acts, then the one with the lowest id.
+struct Rule {
+    uint64_t id = 0;       // ACE id, 1 and up
+    Mac mac{};             // compared under mask; bits outside the mask are ignored
+    Mac mask{};            // all zero: any source MAC
+    uint16_t vid = 0;      // VLAN id, compared under vid_mask
+    uint16_t vid_mask = 0; // 0: any VLAN
+    uint8_t form = 0;      // VlanForm, compared under form_mask
+    uint8_t form_mask = 0; // 0: any form
+    bool drop = false;     // "fwd" 0
+    bool set_cos = false;  // 802.1p priority of the outer tag := cos
+    bool set_dscp = false; // IPv4 DSCP and IPv6 traffic class := dscp
+    bool set_prio = false; // internal priority := prio
+    bool add_tag = false;  // VLAN := tag_vid
+    uint8_t cos = 0;       // 0 to 7
+    uint8_t dscp = 0;      // 0 to 63
+    uint8_t prio = 0;      // 0 to 7
+    uint16_t tag_vid = 0;  // 1 to 4094
+    bool operator==(const Rule &) const = default;
+};
+
+// A whole forwarding state.
+struct PlaneState {
+    std::vector<Rule> rules[acl_count];  // by Acl, ascending id
+    std::map<uint32_t, uint8_t> binding; // phyid -> acl_bit()s; ports without any are absent
+    bool operator==(const PlaneState &) const = default;
+};
+
+} // namespace vvl::fp

@@ -1,0 +1,63 @@
+// The module in its host: loaded, given its context, and taken out again.
+//
+// A process has one agent, since the module finds its platform functions by
+// their C names. The store, the plane and the other sides stay when the module
+// is unloaded; that is what a restart is.
+#pragma once
+
+#include "platform/base/loop.h"
+#include "platform/fp/manager.h"
+#include "platform/mom/client.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace vvl::host
+{
+
+// One row of the port-id map.
+struct PortId {
+    uint32_t ifx;
+    uint32_t phyid;
+};
+
+class Agent
+{
+  public:
+    // module: path of the shared object. All arguments outlive the agent.
+    Agent(Loop &loop, mom::Store &store, fp::Manager &manager, std::span<const PortId> ports, std::string module);
+    ~Agent(); // unloads
+
+    Agent(const Agent &) = delete;
+    Agent &operator=(const Agent &) = delete;
+
+    // Loads the module and calls its entry points; the rest of its start-up
+    // comes from the loop. On failure why names the step and the reason and
+    // nothing is left loaded.
+    bool load(std::string &why);
+
+    // Takes its timers, debug commands, callbacks and its store client away,
+    // then unloads it. Nothing to do where it is not loaded.
+    void unload();
+
+    bool loaded() const;
+
+    // Cuts the module's connection to one database, or lets it come back.
+    bool set_store_link(uint32_t db, bool up, std::string &why);
+
+    // Runs a debug command with its one integer argument, if it takes one
+    // (argument: empty otherwise). It prints to standard output.
+    bool run_debug_command(const std::string &name, const std::string &argument, std::string &why);
+
+    // The registered commands with their argument descriptions, by name.
+    std::vector<std::pair<std::string, std::string>> debug_commands() const;
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace vvl::host

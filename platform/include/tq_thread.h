@@ -1,0 +1,39 @@
+/* One-shot timers on the host's event loop.
+ *
+ * A callback runs on the loop, one at a time with every other callback of the
+ * host, never from inside the call that armed it.
+ */
+#ifndef TQ_THREAD_H
+#define TQ_THREAD_H
+
+#include <sys/time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct tq_thread_master;
+
+/* Handed to a timer callback; valid until the callback returns. */
+typedef struct tq_thread {
+    void *arg; /* the argument given when the timer was armed */
+} tq_thread_t;
+
+typedef int (*tq_thread_func_t)(tq_thread_t *thread); /* the result is ignored */
+
+/* Arms a timer that fires once.
+ * master:   the event-loop master of the global context
+ * func:     called once when the interval is over; not null
+ * arg:      handed over in the callback's tq_thread_t; may be null
+ * interval: seconds and microseconds from now, not negative; read during the
+ *           call only
+ * name:     for listings; copied; may be null
+ * Returns the timer, owned by the host and freed after its callback, or null
+ * where master, func or interval is missing or the interval is negative. */
+tq_thread_t *tq_thread_add_timer_timeval_withname(struct tq_thread_master *master, tq_thread_func_t func, void *arg,
+                                                  const struct timeval *interval, const char *name);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
