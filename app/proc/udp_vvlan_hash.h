@@ -1,0 +1,310 @@
+/* Keyed hash table: the ports, the learned MACs and the recovery entries.
+ *
+ * Open addressing over record pointers with two flag bits per bucket and
+ * triangular probing. Records carry their own key and never move, so callers
+ * keep pointers to them across inserts. A key is given by a Traits type:
+ *
+ *   using record = ...;                                  the record type
+ *   static uint32_t hash(const record *);                over the key bytes
+ *   static bool equal(const record *, const record *);   of two keys
+ *   static void update(record *, const record *tmpl);    create on a present key
+ *
+ * The functions below are the one implementation; each instance wraps them in
+ * exported functions with its own name.
+ */
+#ifndef UDP_VVLAN_HASH_H
+#define UDP_VVLAN_HASH_H
+
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+typedef struct vvlan_hash {
+    uint32_t n_buckets;   /* 0 before the first insert, then a power of two, at least 4 */
+    uint32_t size;        /* live records */
+    uint32_t n_occupied;  /* live records and deleted marks */
+    uint32_t upper_bound; /* the insert that finds n_occupied here rehashes first */
+    uint32_t *flags;      /* two bits a bucket, 16 buckets a word: 2 empty, 1 deleted, 0 live */
+    void **keys;          /* record pointers, meaningful in live buckets */
+} vvlan_hash_t;
+
+constexpr uint32_t VVLAN_HASH_EMPTY = 2;
+constexpr uint32_t VVLAN_HASH_DELETED = 1;
+constexpr uint32_t VVLAN_HASH_BUCKETS_MIN = 4;
+constexpr double VVLAN_HASH_LOAD_MAX = 0.77;
+
+/* Bob Jenkins' lookup2 for a key of up to 8 bytes, initial value 0: low holds
+ * key bytes 0 to 3 and high bytes 4 to 7, least significant first. */
+static inline uint32_t udp_vvlan_hash_lookup2(uint32_t low, uint32_t high, uint32_t length)
+{
+    constexpr uint32_t golden_ratio = 0x9e3779b9;
+    uint32_t a = golden_ratio + low;
+    uint32_t b = golden_ratio + high;
+    uint32_t c = length;
+    a = (a - b - c) ^ (c >> 13);
+    b = (b - c - a) ^ (a << 8);
+    c = (c - a - b) ^ (b >> 13);
+    a = (a - b - c) ^ (c >> 12);
+    b = (b - c - a) ^ (a << 16);
+    c = (c - a - b) ^ (b >> 5);
+    a = (a - b - c) ^ (c >> 3);
+    b = (b - c - a) ^ (a << 10);
+    c = (c - a - b) ^ (b >> 15);
+    return c;
+}
+
+static inline uint32_t udp_vvlan_hash_flag(const uint32_t *flags, uint32_t bucket)
+{
+    return flags[bucket / 16] >> (2 * (bucket % 16)) & 3u;
+}
+
+static inline void udp_vvlan_hash_set_flag(uint32_t *flags, uint32_t bucket, uint32_t flag)
+{
+    const uint32_t shift = 2 * (bucket % 16);
+    flags[bucket / 16] = (flags[bucket / 16] & ~(3u << shift)) | flag << shift;
+}
+
+/* Most occupied buckets that a table of this size may have. */
+static inline uint32_t udp_vvlan_hash_bound(uint32_t n_buckets)
+{
+    return static_cast<uint32_t>(n_buckets * VVLAN_HASH_LOAD_MAX + 0.5);
+}
+
+/* An empty table, or null when memory is exhausted. */
+static inline vvlan_hash_t *udp_vvlan_hash_create(void)
+{
+    return static_cast<vvlan_hash_t *>(calloc(1, sizeof(vvlan_hash_t)));
+}
+
+template <typename Traits> struct vvlan_hash_ops {
+    using record = typename Traits::record;
+    using walk_callback = int (*)(record *, void *);
+
+    /* The bucket of the key, or n_buckets when it is absent. */
+    static uint32_t locate(const vvlan_hash_t *table, const record *key)
+    {
+        const uint32_t mask = table->n_buckets - 1;
+        const uint32_t home = Traits::hash(key) & mask;
+        uint32_t bucket = home;
+        uint32_t step = 0;
+        do {
+            const uint32_t flag = udp_vvlan_hash_flag(table->flags, bucket);
+            if (flag == 0 && Traits::equal(static_cast<const record *>(table->keys[bucket]), key)) {
+                return bucket;
+            }
+            if ((flag & VVLAN_HASH_EMPTY) != 0) {
+                break;
+            }
+            bucket = (bucket + ++step) & mask;
+        } while (bucket != home);
+        return table->n_buckets;
+    }
+
+    static record *find(const vvlan_hash_t *table, const record *key)
+    {
+        if (table == nullptr || key == nullptr || table->n_buckets == 0) {
+            return nullptr;
+        }
+        const uint32_t bucket = locate(table, key);
+        return bucket < table->n_buckets ? static_cast<record *>(table->keys[bucket]) : nullptr;
+    }
+
+    /* Stores the pointer unless the key is present. False when memory ran out. */
+    static bool insert(vvlan_hash_t *table, record *item)
+    {
+        if (table == nullptr) {
+            return false;
+        }
+        if (table->n_occupied >= table->upper_bound) {
+            /* Many deleted marks: clear them at the same size; otherwise grow. */
+            const bool same_size = table->n_buckets > 2 * table->size;
+            if (!rehash(table, same_size ? table->n_buckets - 1 : table->n_buckets + 1)) {
+                return false;
+            }
+        }
+        const uint32_t bucket = insert_target(table, item);
+        if (bucket == table->n_buckets) {
+            return false;
+        }
+        const uint32_t flag = udp_vvlan_hash_flag(table->flags, bucket);
+        if (flag != 0) {
+            table->keys[bucket] = item;
+            udp_vvlan_hash_set_flag(table->flags, bucket, 0);
+            table->size++;
+            table->n_occupied += (flag & VVLAN_HASH_EMPTY) != 0;
+        }
+        return true;
+    }
+
+    static void remove(vvlan_hash_t *table, const record *key)
+    {
+        if (table == nullptr || key == nullptr || table->n_buckets == 0) {
+            return;
+        }
+        const uint32_t bucket = locate(table, key);
+        if (bucket < table->n_buckets) {
+            udp_vvlan_hash_set_flag(table->flags, bucket, VVLAN_HASH_DELETED);
+            table->size--;
+        }
+    }
+
+    /* Walks buckets start to start + count - 1; n_buckets is read anew each
+     * time, and the callback may remove records, its own included. */
+    static int traverse(const vvlan_hash_t *table, walk_callback callback, uint32_t start, uint32_t count, void *arg)
+    {
+        for (uint32_t bucket = start; table != nullptr && bucket < table->n_buckets && bucket - start < count;
+             bucket++) {
+            if (udp_vvlan_hash_flag(table->flags, bucket) == 0) {
+                const int rv = callback(static_cast<record *>(table->keys[bucket]), arg);
+                if (rv != 0) {
+                    return rv;
+                }
+            }
+        }
+        return 0;
+    }
+
+    static uint32_t size(const vvlan_hash_t *table) { return table != nullptr ? table->size : 0; }
+
+    /* The record of the template's key, made from the template when there is
+     * none. Null, with nothing kept, when memory is exhausted. */
+    static record *create(vvlan_hash_t *table, const record *tmpl)
+    {
+        record *item = find(table, tmpl);
+        if (item != nullptr) {
+            Traits::update(item, tmpl);
+            return item;
+        }
+        item = static_cast<record *>(malloc(sizeof *item));
+        if (item == nullptr) {
+            return nullptr;
+        }
+        memcpy(item, tmpl, sizeof *item);
+        if (!insert(table, item)) {
+            free(item);
+            return nullptr;
+        }
+        return item;
+    }
+
+    static void destroy(vvlan_hash_t *table, record *item)
+    {
+        remove(table, item);
+        free(item);
+    }
+
+    /* Frees the table with its records. */
+    static void release(vvlan_hash_t *table)
+    {
+        if (table == nullptr) {
+            return;
+        }
+        traverse(
+            table,
+            [](record *item, void *) {
+                free(item);
+                return 0;
+            },
+            0, UINT32_MAX, nullptr);
+        free(table->flags);
+        free(table->keys);
+        free(table);
+    }
+
+  private:
+    /* The first deleted bucket on the key's way (a reused site), the key's own
+     * bucket, or the empty one that ends the way; n_buckets when all are taken. */
+    static uint32_t insert_target(const vvlan_hash_t *table, const record *item)
+    {
+        const uint32_t mask = table->n_buckets - 1;
+        const uint32_t home = Traits::hash(item) & mask;
+        uint32_t site = table->n_buckets;
+        uint32_t bucket = home;
+        uint32_t step = 0;
+        do {
+            const uint32_t flag = udp_vvlan_hash_flag(table->flags, bucket);
+            if ((flag & VVLAN_HASH_EMPTY) != 0) {
+                return site < table->n_buckets ? site : bucket;
+            }
+            if (flag == 0) {
+                if (Traits::equal(static_cast<const record *>(table->keys[bucket]), item)) {
+                    return bucket;
+                }
+            } else if (site == table->n_buckets) {
+                site = bucket;
+            }
+            bucket = (bucket + ++step) & mask;
+        } while (bucket != home);
+        return site;
+    }
+
+    static uint32_t round_up(uint32_t count)
+    {
+        uint32_t rounded = VVLAN_HASH_BUCKETS_MIN;
+        while (rounded < count) {
+            rounded <<= 1;
+        }
+        return rounded;
+    }
+
+    /* Moves to the rounded bucket count. False, with the table unchanged, when
+     * memory is exhausted. Tables never become smaller. */
+    static bool rehash(vvlan_hash_t *table, uint32_t requested)
+    {
+        const uint32_t n_buckets = round_up(requested);
+        if (table->size >= udp_vvlan_hash_bound(n_buckets)) {
+            return true;
+        }
+        const size_t flags_size = sizeof(uint32_t) * (n_buckets < 16 ? 1 : n_buckets / 16);
+        auto *flags = static_cast<uint32_t *>(malloc(flags_size));
+        if (flags == nullptr) {
+            return false;
+        }
+        memset(flags, 0xAA, flags_size); /* every bucket empty */
+        if (n_buckets > table->n_buckets) {
+            auto *keys = static_cast<void **>(realloc(table->keys, sizeof(void *) * n_buckets));
+            if (keys == nullptr) {
+                free(flags);
+                return false;
+            }
+            table->keys = keys;
+        }
+        move_records(table, flags, n_buckets - 1);
+        free(table->flags);
+        table->flags = flags;
+        table->n_buckets = n_buckets;
+        table->n_occupied = table->size;
+        table->upper_bound = udp_vvlan_hash_bound(n_buckets);
+        return true;
+    }
+
+    /* In place: each record goes to its new bucket and kicks out the one that
+     * still sits there, which is carried on in turn. */
+    static void move_records(vvlan_hash_t *table, uint32_t *flags, uint32_t mask)
+    {
+        for (uint32_t old = 0; old < table->n_buckets; old++) {
+            if (udp_vvlan_hash_flag(table->flags, old) != 0) {
+                continue;
+            }
+            void *carried = table->keys[old];
+            udp_vvlan_hash_set_flag(table->flags, old, VVLAN_HASH_DELETED);
+            for (;;) {
+                uint32_t bucket = Traits::hash(static_cast<const record *>(carried)) & mask;
+                for (uint32_t step = 0; udp_vvlan_hash_flag(flags, bucket) != VVLAN_HASH_EMPTY;) {
+                    bucket = (bucket + ++step) & mask;
+                }
+                udp_vvlan_hash_set_flag(flags, bucket, 0);
+                if (bucket >= table->n_buckets || udp_vvlan_hash_flag(table->flags, bucket) != 0) {
+                    table->keys[bucket] = carried;
+                    break;
+                }
+                void *displaced = table->keys[bucket];
+                table->keys[bucket] = carried;
+                carried = displaced;
+                udp_vvlan_hash_set_flag(table->flags, bucket, VVLAN_HASH_DELETED);
+            }
+        }
+    }
+};
+
+#endif
