@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 #include <stdio.h>
+#include <string.h>
 
 extern "C" {
 
@@ -43,16 +44,25 @@ constexpr size_t VVLAN_LOG_TEXT_SIZE = 1024; /* bytes; longer texts are cut */
 #define VVLAN_MAC_FORMAT "%02X%02X.%02X%02X.%02X%02X"
 #define VVLAN_MAC_ARGS(mac) (mac)[0], (mac)[1], (mac)[2], (mac)[3], (mac)[4], (mac)[5]
 
+/* Formats and writes one message: line, file and function of the place, then
+ * as for printf. One instance per list of argument types, so that the many
+ * places that log cost a call each and not a buffer each. */
+template <typename... Args>
+[[gnu::noinline]] void udp_vvlan_log_format(int level, long line, const char *file, const char *func,
+                                            const char *format, Args... args)
+{
+    char text[VVLAN_LOG_TEXT_SIZE] = {};
+    at_snprintf(text, sizeof text, format, args...);
+    udp_vvlan_log_write(file, strlen(file), func, strlen(func), line, level, text);
+}
+
 /* A message is formatted only when the level asks for it. _RAW takes formats
  * that only the host's formatter knows; VVLAN_LOG has the compiler check the
  * format as printf's. */
 #define VVLAN_LOG_RAW(threshold, level, ...)                                                                           \
     do {                                                                                                               \
         if (g_vvlan_zlog_level >= (threshold)) {                                                                       \
-            char vvlan_text[VVLAN_LOG_TEXT_SIZE] = {};                                                                 \
-            at_snprintf(vvlan_text, sizeof vvlan_text, __VA_ARGS__);                                                   \
-            udp_vvlan_log_write(__FILE_NAME__, sizeof __FILE_NAME__ - 1, __func__, sizeof __func__ - 1, __LINE__,      \
-                                (level), vvlan_text);                                                                  \
+            udp_vvlan_log_format((level), __LINE__, __FILE_NAME__, __func__, __VA_ARGS__);                             \
         }                                                                                                              \
     } while (0)
 #define VVLAN_LOG(threshold, level, ...)                                                                               \

@@ -2,7 +2,10 @@
  *
  * Open addressing over record pointers with two flag bits per bucket and
  * triangular probing. Records carry their own key and never move, so callers
- * keep pointers to them across inserts. A key is given by a Traits type:
+ * keep pointers to them across inserts. Behind the flags lies a tag byte per
+ * bucket with some bits of the hash: a look-up goes by the tags and touches a
+ * record, which is seldom in the cache, only where it is likely the right one.
+ * A key is given by a Traits type:
  *
  *   using record = ...;                                  the record type
  *   static uint32_t hash(const record *);                over the key bytes
@@ -24,7 +27,7 @@ typedef struct vvlan_hash {
     uint32_t size;        /* live records */
     uint32_t n_occupied;  /* live records and deleted marks */
     uint32_t upper_bound; /* the insert that finds n_occupied here rehashes first */
-    uint32_t *flags;      /* two bits a bucket, 16 buckets a word: 2 empty, 1 deleted, 0 live */
+    uint32_t *flags;      /* two bits a bucket, 16 buckets a word: 2 empty, 1 deleted, 0 live; the tags behind them */
     void **keys;          /* record pointers, meaningful in live buckets */
 } vvlan_hash_t;
 
@@ -64,6 +67,24 @@ static inline void udp_vvlan_hash_set_flag(uint32_t *flags, uint32_t bucket, uin
     flags[bucket / 16] = (flags[bucket / 16] & ~(3u << shift)) | flag << shift;
 }
 
+/* Words of the flags of this many buckets. */
+static inline uint32_t udp_vvlan_hash_flag_words(uint32_t n_buckets)
+{
+    return n_buckets < 16 ? 1 : n_buckets / 16;
+}
+
+/* The tags: 0 where the bucket is not live, otherwise bits of the hash that do
+ * not choose the bucket, and never 0. */
+static inline uint8_t *udp_vvlan_hash_tags(uint32_t *flags, uint32_t n_buckets)
+{
+    return reinterpret_cast<uint8_t *>(flags + udp_vvlan_hash_flag_words(n_buckets));
+}
+
+static inline uint8_t udp_vvlan_hash_tag(uint32_t hash)
+{
+    return static_cast<uint8_t>(hash >> 25 | 0x80);
+}
+
 /* Most occupied buckets that a table of this size may have. */
 static inline uint32_t udp_vvlan_hash_bound(uint32_t n_buckets)
 {
@@ -83,16 +104,19 @@ template <typename Traits> struct vvlan_hash_ops {
     /* The bucket of the key, or n_buckets when it is absent. */
     static uint32_t locate(const vvlan_hash_t *table, const record *key)
     {
+        const uint32_t hash = Traits::hash(key);
+        const uint8_t *tags = udp_vvlan_hash_tags(table->flags, table->n_buckets);
+        const uint8_t tag = udp_vvlan_hash_tag(hash);
         const uint32_t mask = table->n_buckets - 1;
-        const uint32_t home = Traits::hash(key) & mask;
+        const uint32_t home = hash & mask;
         uint32_t bucket = home;
         uint32_t step = 0;
         do {
-            const uint32_t flag = udp_vvlan_hash_flag(table->flags, bucket);
-            if (flag == 0 && Traits::equal(static_cast<const record *>(table->keys[bucket]), key)) {
-                return bucket;
-            }
-            if ((flag & VVLAN_HASH_EMPTY) != 0) {
+            if (tags[bucket] == tag) {
+                if (Traits::equal(static_cast<const record *>(table->keys[bucket]), key)) {
+                    return bucket;
+                }
+            } else if (tags[bucket] == 0 && udp_vvlan_hash_flag(table->flags, bucket) == VVLAN_HASH_EMPTY) {
                 break;
             }
             bucket = (bucket + ++step) & mask;
@@ -129,7 +153,7 @@ template <typename Traits> struct vvlan_hash_ops {
         const uint32_t flag = udp_vvlan_hash_flag(table->flags, bucket);
         if (flag != 0) {
             table->keys[bucket] = item;
-            udp_vvlan_hash_set_flag(table->flags, bucket, 0);
+            mark_live(table->flags, table->n_buckets, bucket, Traits::hash(item));
             table->size++;
             table->n_occupied += (flag & VVLAN_HASH_EMPTY) != 0;
         }
@@ -144,6 +168,7 @@ template <typename Traits> struct vvlan_hash_ops {
         const uint32_t bucket = locate(table, key);
         if (bucket < table->n_buckets) {
             udp_vvlan_hash_set_flag(table->flags, bucket, VVLAN_HASH_DELETED);
+            udp_vvlan_hash_tags(table->flags, table->n_buckets)[bucket] = 0;
             table->size--;
         }
     }
@@ -212,6 +237,12 @@ template <typename Traits> struct vvlan_hash_ops {
     }
 
   private:
+    static void mark_live(uint32_t *flags, uint32_t n_buckets, uint32_t bucket, uint32_t hash)
+    {
+        udp_vvlan_hash_set_flag(flags, bucket, 0);
+        udp_vvlan_hash_tags(flags, n_buckets)[bucket] = udp_vvlan_hash_tag(hash);
+    }
+
     /* The first deleted bucket on the key's way (a reused site), the key's own
      * bucket, or the empty one that ends the way; n_buckets when all are taken. */
     static uint32_t insert_target(const vvlan_hash_t *table, const record *item)
@@ -255,12 +286,13 @@ template <typename Traits> struct vvlan_hash_ops {
         if (table->size >= udp_vvlan_hash_bound(n_buckets)) {
             return true;
         }
-        const size_t flags_size = sizeof(uint32_t) * (n_buckets < 16 ? 1 : n_buckets / 16);
-        auto *flags = static_cast<uint32_t *>(malloc(flags_size));
+        const size_t flags_size = sizeof(uint32_t) * udp_vvlan_hash_flag_words(n_buckets);
+        auto *flags = static_cast<uint32_t *>(malloc(flags_size + n_buckets));
         if (flags == nullptr) {
             return false;
         }
         memset(flags, 0xAA, flags_size); /* every bucket empty */
+        memset(udp_vvlan_hash_tags(flags, n_buckets), 0, n_buckets);
         if (n_buckets > table->n_buckets) {
             auto *keys = static_cast<void **>(realloc(table->keys, sizeof(void *) * n_buckets));
             if (keys == nullptr) {
@@ -269,7 +301,7 @@ template <typename Traits> struct vvlan_hash_ops {
             }
             table->keys = keys;
         }
-        move_records(table, flags, n_buckets - 1);
+        move_records(table, flags, n_buckets);
         free(table->flags);
         table->flags = flags;
         table->n_buckets = n_buckets;
@@ -280,8 +312,9 @@ template <typename Traits> struct vvlan_hash_ops {
 
     /* In place: each record goes to its new bucket and kicks out the one that
      * still sits there, which is carried on in turn. */
-    static void move_records(vvlan_hash_t *table, uint32_t *flags, uint32_t mask)
+    static void move_records(vvlan_hash_t *table, uint32_t *flags, uint32_t n_buckets)
     {
+        const uint32_t mask = n_buckets - 1;
         for (uint32_t old = 0; old < table->n_buckets; old++) {
             if (udp_vvlan_hash_flag(table->flags, old) != 0) {
                 continue;
@@ -289,11 +322,12 @@ template <typename Traits> struct vvlan_hash_ops {
             void *carried = table->keys[old];
             udp_vvlan_hash_set_flag(table->flags, old, VVLAN_HASH_DELETED);
             for (;;) {
-                uint32_t bucket = Traits::hash(static_cast<const record *>(carried)) & mask;
+                const uint32_t hash = Traits::hash(static_cast<const record *>(carried));
+                uint32_t bucket = hash & mask;
                 for (uint32_t step = 0; udp_vvlan_hash_flag(flags, bucket) != VVLAN_HASH_EMPTY;) {
                     bucket = (bucket + ++step) & mask;
                 }
-                udp_vvlan_hash_set_flag(flags, bucket, 0);
+                mark_live(flags, n_buckets, bucket, hash);
                 if (bucket >= table->n_buckets || udp_vvlan_hash_flag(table->flags, bucket) != 0) {
                     table->keys[bucket] = carried;
                     break;
