@@ -37,7 +37,7 @@ static inline void udp_vvlan_list_append(vvlan_list_t *head, vvlan_list_t *node)
 /* Leaves the node's own links null: using an unlinked node faults at once. */
 static inline void udp_vvlan_list_unlink(vvlan_list_t *node)
 {
-    node->prev->next = node->next;
+    node->prev->next = node->next; // NOLINT(clang-analyzer-core.NullDereference): linked nodes have neighbours
     node->next->prev = node->prev;
     node->next = nullptr;
     node->prev = nullptr;

@@ -351,6 +351,7 @@ int udp_vvlan_event_set_mac_noti([[maybe_unused]] void *ctx, tq_mom_record_t *re
     if (udp_vvlan_event_check(record) != 0) {
         return VVLAN_E_INVALID;
     }
+    /* NOLINTBEGIN(clang-analyzer-core.NullDereference): the check refuses a null record */
     VVLAN_LOG_INFO("set_mac_noti: %d", record->phase);
     if (record->phase == TQ_MOM_SCAN_OVER) {
         VVLAN_LOG_INFO("receive a TQ_MOM_SCAN_OVER event: %d", record->phase);
@@ -358,6 +359,7 @@ int udp_vvlan_event_set_mac_noti([[maybe_unused]] void *ctx, tq_mom_record_t *re
         return VVLAN_OK;
     }
     const auto *noti = static_cast<const UBridge__MacVidRegNoti *>(record->object);
+    /* NOLINTEND(clang-analyzer-core.NullDereference) */
     if (noti == nullptr) {
         VVLAN_LOG_ERROR("Assert:mac_noti is NULL.");
         return VVLAN_OK;

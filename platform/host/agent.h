@@ -7,6 +7,7 @@
 
 #include "platform/base/loop.h"
 #include "platform/fp/manager.h"
+#include "platform/host/port_id.h"
 #include "platform/mom/client.h"
 
 #include <cstdint>
@@ -18,17 +19,12 @@
 namespace vvl::host
 {
 
-// One row of the port-id map.
-struct PortId {
-    uint32_t ifx;
-    uint32_t phyid;
-};
-
 class Agent
 {
   public:
     // module: path of the shared object. All arguments outlive the agent.
-    Agent(Loop &loop, mom::Store &store, fp::Manager &manager, std::span<const PortId> ports, std::string module);
+    Agent(Loop &loop, mom::Store &store, fp::Manager &manager, std::span<const PortId> ports,
+          const std::string &module);
     ~Agent(); // unloads
 
     Agent(const Agent &) = delete;

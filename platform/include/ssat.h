@@ -12,12 +12,14 @@
 extern "C" {
 #endif
 
+#define SSAT_COMMAND_COUNT_MAX 256u /* commands in the host */
+
 /* The registry casts a handler to what its argument description says:
  * "void ..." to void (*)(void); "NAME=%d ..." to a function of one int. */
 typedef void (*ssat_handler_t)(void);
 
 /* Opens the registry for a module; the arguments are those that the host gave
- * to the module's own entry point. 0 on success. */
+ * to the module's own entry point. 0 on success, -4 where module is null. */
 int ssat_lib_init(void *a0, void *module, void *a2, void *a3);
 
 /* Registers one command.
@@ -27,7 +29,8 @@ int ssat_lib_init(void *a0, void *module, void *a2, void *a3);
  * argdesc: "void  :help" or "NAME=%d  :help"; copied
  * handler: must stay callable until the module is unloaded
  * 0 on success; -4 for a missing name or handler, an argument description of
- * another shape, or flags other than 0; -17 for a name that is taken. */
+ * another shape, or flags other than 0; -6 where SSAT_COMMAND_COUNT_MAX commands
+ * are registered; -17 for a name that is taken. */
 int ssat_reg_mod_cmd(void *module, const char *name, uint32_t flags, const char *argdesc, ssat_handler_t handler);
 
 #ifdef __cplusplus

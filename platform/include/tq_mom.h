@@ -13,6 +13,7 @@
  * - Results are 0 or one of the codes below. A call that fails changes
  *   nothing. Nothing blocks for longer than TQ_MOM_SYNC_LIMIT_MS.
  * - ctx is the global context; db a database number, 0 to 15.
+ * - Flags other than those below, and of a cycle any but 0, are refused.
  * - An object whose key field is absent, or whose packed form is larger than
  *   TQ_MOM_OBJECT_SIZE_MAX, is refused with TQ_MOM_E_INVALID.
  */
@@ -28,7 +29,7 @@ extern "C" {
 
 /* Operations (tq_mom_record_t::operate). */
 #define TQ_MOM_SET 1          /* object written; object: the message */
-#define TQ_MOM_DEL 3          /* object removed; object: a message with its key alone */
+#define TQ_MOM_DEL 3          /* object removed; object: a message with its key alone (see subscribe_field) */
 #define TQ_MOM_HSET 4         /* fields of a keyless object written; object: tq_mom_hash_t */
 #define TQ_MOM_PUBLISH 24     /* message published, not stored; object: the message */
 #define TQ_MOM_WITHDRAWN 28   /* unsubscribed: the subscriber withdraws its registration */
@@ -58,7 +59,6 @@ extern "C" {
 #define TQ_MOM_OK 0
 #define TQ_MOM_E_INVALID (-4)      /* null or malformed argument, object without its key, unknown type */
 #define TQ_MOM_E_MEMORY (-6)       /* out of memory */
-#define TQ_MOM_E_NOT_FOUND (-7)    /* no such subscription */
 #define TQ_MOM_E_UNREACHABLE (-11) /* the database is not connected or did not answer in time */
 
 /* Limits. */
@@ -129,33 +129,40 @@ void tq_mom_tq_obj_free(ProtobufCMessage *object);
 
 /* ---- Scans and subscriptions ------------------------------------------- */
 
-/* Takes a snapshot of the objects that the template matches and delivers each
+/* Takes a snapshot, at the time of the call, of the objects that the template matches and delivers each
  * as TQ_MOM_SET (a keyless one as TQ_MOM_HSET) with phase 0, then one record
- * with phase TQ_MOM_SCAN_OVER, operate TQ_MOM_SET and no object. */
+ * with phase TQ_MOM_SCAN_OVER, operate TQ_MOM_SET and no object. Changes made
+ * before the call are delivered before the snapshot, later ones after it. A
+ * scan that fails later on delivers one record with the error, and no end. */
 int tq_mom_scan(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
                 void *user);
 
-/* The same before the call returns, without the last record. */
+/* The same before the call returns, without the last record. It overtakes the
+ * changes that are on their way. */
 int tq_mom_scan_sync(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
                      void *user);
 
 /* Delivers TQ_MOM_ESTABLISHED, then a record for each change of an object
  * that the template matches. A subscription is identified by database, type,
  * matched key, callback and user; making it again replaces it, establishes it
- * again, and then delivers TQ_MOM_DEL for each object that it had delivered
- * before and that exists no more. */
+ * again, and then delivers TQ_MOM_DEL for each object that it, or a scan of
+ * the same client, had delivered before and that exists no more. After a lost
+ * connection (reconnect type 2) it is silent until it is made again. */
 int tq_mom_subscribe(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
                      void *user);
 
 /* Ends the subscription with the same arguments and delivers
- * TQ_MOM_WITHDRAWN once. TQ_MOM_E_NOT_FOUND where there is none. */
+ * TQ_MOM_WITHDRAWN once, and nothing else from then on. Field subscriptions
+ * with the same arguments end as well, each with its own TQ_MOM_WITHDRAWN.
+ * Where there is none, succeeds and delivers nothing. */
 int tq_mom_unsubscribe(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
                        void *user);
 
 /* Subscribes to single fields of a keyless object: callbacks[i] with users[i]
  * is told when fields[i] is among the fields that changed. Each field is a
- * subscription of its own, and is established by itself. The arrays hold
- * count entries and are copied. */
+ * subscription of its own, and is established by itself. Its records carry a
+ * tq_mom_hash_t, TQ_MOM_DEL too: there message has no field, and fields are
+ * those that were removed. The arrays hold count entries and are copied. */
 int tq_mom_subscribe_field(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, const uint32_t *fields,
                            const tq_mom_callback_t *callbacks, void *const *users, uint32_t count);
 
@@ -166,10 +173,12 @@ int tq_mom_clear_expire(void *ctx, uint32_t db, const ProtobufCMessage *key, tq_
 
 /* Marks every object of the type stale. A set or tq_mom_clear_expire unmarks
  * one. Opening a cycle again starts it over; a cycle that is never closed
- * removes nothing. expiry is kept for the store's information. */
+ * removes nothing. The marks are the store's: they outlive the client, and
+ * whoever writes an object unmarks it. expiry is for the store's information. */
 int tq_mom_dsbegin_sync(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, uint64_t expiry);
 
-/* The same; answers with one record of phase TQ_MOM_CYCLE_OPEN. */
+/* The same; answers with one record of phase TQ_MOM_CYCLE_OPEN, or of phase
+ * TQ_MOM_NOTHING with the error where the cycle could not be opened. */
 int tq_mom_dsbegin(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, uint64_t expiry,
                    tq_mom_callback_t callback, void *user);
 
@@ -181,9 +190,11 @@ int tq_mom_dsend(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t 
 /* ---- Owned objects ----------------------------------------------------- */
 
 /* ow is an owner's id. An object lives while any owner holds it: setow takes
- * hold of it, del_ow lets go, the last to let go removes it. The cycle of one
- * owner marks and sweeps that owner's holds only. Otherwise as the operations
- * without _ow. */
+ * hold of it, del_ow lets go, the last to let go removes it. tq_mom_set makes
+ * it live without an owner, until tq_mom_del, which removes it whoever holds
+ * it; so does the sweep of a cycle without an owner. The cycle of one owner
+ * marks and sweeps that owner's holds only, and only that owner's setow or
+ * tq_mom_clear_expire unmarks one. Otherwise as the operations without _ow. */
 int tq_mom_setow(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user,
                  uint64_t ow);
 int tq_mom_del_ow(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user,

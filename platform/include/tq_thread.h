@@ -12,6 +12,9 @@
 extern "C" {
 #endif
 
+#define TQ_THREAD_TIMER_COUNT_MAX 1024u    /* timers armed at a time on one master */
+#define TQ_THREAD_INTERVAL_S_MAX 315360000 /* longest interval, ten years, in seconds */
+
 struct tq_thread_master;
 
 /* Handed to a timer callback; valid until the callback returns. */
@@ -25,11 +28,12 @@ typedef int (*tq_thread_func_t)(tq_thread_t *thread); /* the result is ignored *
  * master:   the event-loop master of the global context
  * func:     called once when the interval is over; not null
  * arg:      handed over in the callback's tq_thread_t; may be null
- * interval: seconds and microseconds from now, not negative; read during the
- *           call only
+ * interval: 0 to TQ_THREAD_INTERVAL_S_MAX seconds and 0 to 999999 microseconds
+ *           from now; read during the call only
  * name:     for listings; copied; may be null
  * Returns the timer, owned by the host and freed after its callback, or null
- * where master, func or interval is missing or the interval is negative. */
+ * where master, func or interval is missing, the interval is out of range, or
+ * TQ_THREAD_TIMER_COUNT_MAX timers are armed. */
 tq_thread_t *tq_thread_add_timer_timeval_withname(struct tq_thread_master *master, tq_thread_func_t func, void *arg,
                                                   const struct timeval *interval, const char *name);
 

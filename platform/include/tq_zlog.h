@@ -19,8 +19,11 @@ extern "C" {
 #define TQ_ZLOG_ERROR 100
 #define TQ_ZLOG_FATAL 120
 
+#define TQ_ZLOG_CATEGORY_COUNT_MAX 64u /* categories in the host */
+
 /* Opens (or finds) the category of this name. Returns its handle, owned by
- * the host and valid for the life of the process, or null on failure. */
+ * the host and valid for the life of the process, or null where the name is
+ * missing or TQ_ZLOG_CATEGORY_COUNT_MAX others are open. */
 void *tq_zlog_init(const char *category);
 
 /* Writes one line. category: a handle of tq_zlog_init. file, func: not

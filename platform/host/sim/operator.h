@@ -1,0 +1,54 @@
+// The operator: writes voice VLAN configuration to the store as the control
+// side does, and the command rows for it. It works against any store; nothing
+// here knows the simulator.
+#pragma once
+
+#include "platform/base/loop.h"
+#include "platform/host/sim/command.h"
+#include "platform/mom/client.h"
+#include "tq_global.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vvl::host
+{
+
+class Operator
+{
+  public:
+    // store and loop outlive the operator.
+    Operator(mom::Store &store, Loop &loop);
+    ~Operator();
+    Operator(const Operator &) = delete;
+    Operator &operator=(const Operator &) = delete;
+
+    // Connects to the configuration database. Once only. Until it succeeds the
+    // calls below fail.
+    bool connect(std::string &why);
+
+    // Each writes one object, or some fields of the global one. The arguments
+    // are in range already. On failure why names the object and the reason.
+    bool set_vlan(uint32_t vlan, bool on, std::string &why); // 1 to 4094
+    bool set_security(bool on, std::string &why);
+    bool set_age(uint32_t minutes, std::string &why);            // 0 to 65535
+    bool set_qos(uint32_t cos, uint32_t dscp, std::string &why); // 0 to 7, 0 to 63
+    bool set_oui(const Mac &mac, const Mac &mask, bool present, std::string &why);
+    bool set_port(uint32_t ifx, bool enabled, bool automatic, std::string &why);
+    bool delete_port(uint32_t ifx, std::string &why);
+
+    // The mode that the port's configuration holds: automatic where it has none.
+    bool port_is_automatic(uint32_t ifx);
+
+  private:
+    mom::Store &store_;
+    Loop &loop_;
+    tq_global_t client_{};
+    bool attached_ = false;
+};
+
+// The rows that need CommandContext::op, and the types that they use.
+std::span<const CommandRow> operator_commands();
+std::span<const ArgumentType> operator_types();
+
+} // namespace vvl::host

@@ -1,0 +1,83 @@
+// The timeline: one line per event with the virtual time, on standard output,
+// and the observer that makes lines of what changes in the store.
+//
+// The module's dumps print to C's standard output, so everything here does as
+// well; otherwise the lines would not stay in order.
+#pragma once
+
+#include "platform/base/loop.h"
+#include "platform/mom/client.h"
+#include "tq_global.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vvl::host
+{
+
+enum class LineKind : uint8_t {
+    command, // of the scenario
+    event,   // something happened in the switch
+    alarm,   // something failed there
+    note,    // the simulator's own remark
+};
+
+// "1d 00:05:00.000000"
+std::string time_text(uint64_t time_us);
+
+class Timeline
+{
+  public:
+    Timeline(Loop &loop, bool color) : loop_(loop), color_(color) {}
+
+    void add(LineKind kind, const std::string &text);
+    // A line without a time.
+    static void print(const std::string &text);
+
+  private:
+    Loop &loop_;
+    bool color_;
+};
+
+struct NamedType;
+
+// A store client that only reads: it follows the agent's state for the
+// timeline, and answers the expectations.
+class Observer
+{
+  public:
+    // All arguments outlive the observer.
+    Observer(mom::Store &store, Loop &loop, Timeline &timeline);
+    ~Observer();
+    Observer(const Observer &) = delete;
+    Observer &operator=(const Observer &) = delete;
+
+    bool start(std::string &why);
+
+    bool has_object(const NamedType &type, const std::string &key);
+    size_t count_objects(const NamedType &type);
+    // The type of the last error event (p_bridge.vvlan_err_type), -1 for none.
+    int last_error_event();
+
+  private:
+    static int on_change(void *ctx, tq_mom_record_t *record, void *user);
+
+    // A followed type, with what is known to be in the store. An object that
+    // is written again unchanged makes no line.
+    struct Follow {
+        Observer *observer;
+        size_t row;                                 // in the table of timeline.cpp
+        std::map<std::string, std::string> objects; // key text -> packed object
+    };
+
+    mom::Store &store_;
+    Loop &loop_;
+    Timeline &timeline_;
+    tq_global_t client_{};
+    bool attached_ = false;
+    std::vector<Follow> follows_; // not resized after start(): the subscriptions point into it
+};
+
+} // namespace vvl::host

@@ -1,0 +1,153 @@
+// The composition of the switch. Members stand in the order in which each may
+// use the ones before it; they go in the opposite order, so nothing is told of
+// an event by a part that is gone.
+#include "platform/host/switch.h"
+
+#include "platform/host/services.h"
+#include "platform/mom/store_local.h"
+#include "platform/sides/bridge_side.h"
+#include "platform/sides/fan_out.h"
+#include "platform/sides/packet_side.h"
+
+#include <algorithm>
+
+namespace vvl::host
+{
+namespace
+{
+
+std::vector<PortId> port_ids(const std::vector<SwitchPort> &ports)
+{
+    std::vector<PortId> ids;
+    ids.reserve(ports.size());
+    for (const SwitchPort &port : ports) {
+        ids.push_back({port.ifx, port.phyid});
+    }
+    return ids;
+}
+
+// The parts that listen to the plane. They are made anew for each start,
+// since a side starts only once.
+struct Sides {
+    Sides(mom::Store &store, Loop &loop, fp::SoftPlane &p)
+        : plane(p), packet(store, loop, p), bridge(store, loop, p), events({&packet, &bridge})
+    {
+    }
+    ~Sides() { plane.set_events(nullptr); }
+    Sides(const Sides &) = delete;
+    Sides &operator=(const Sides &) = delete;
+
+    bool start(std::string &why)
+    {
+        plane.set_events(&events);
+        return packet.start(why) && bridge.start(why);
+    }
+
+    fp::SoftPlane &plane;
+    sides::PacketSide packet;
+    sides::BridgeSide bridge;
+    sides::FanOut events;
+};
+
+} // namespace
+
+struct Switch::Impl {
+    Impl(SwitchConfig c, Loop &l)
+        : config(std::move(c)), loop(l), store(mom::make_local_store()), plane(l), manager(plane, l),
+          ids(port_ids(config.ports)), agent(l, *store, manager, ids, config.module)
+    {
+        for (const SwitchPort &port : config.ports) {
+            plane.add_port(port.phyid, port.pvid, port.uplink);
+            plane.set_link(port.phyid, true);
+        }
+    }
+
+    const SwitchConfig config;
+    Loop &loop;
+    std::unique_ptr<mom::Store> store;
+    fp::SoftPlane plane;
+    fp::Manager manager;
+    const std::vector<PortId> ids;
+    Agent agent;
+    std::unique_ptr<Sides> sides; // null while the switch is stopped
+};
+
+Switch::Switch(SwitchConfig config, Loop &loop) : impl_(std::make_unique<Impl>(std::move(config), loop)) {}
+
+Switch::~Switch()
+{
+    stop();
+}
+
+bool Switch::start(std::string &why)
+{
+    if (impl_->sides != nullptr) {
+        why = "switch: it is running already";
+        return false;
+    }
+    impl_->sides = std::make_unique<Sides>(*impl_->store, impl_->loop, impl_->plane);
+    if (!impl_->sides->start(why) || !impl_->agent.load(why)) {
+        impl_->sides.reset();
+        return false;
+    }
+    return true;
+}
+
+void Switch::stop()
+{
+    impl_->agent.unload();
+    impl_->sides.reset();
+}
+
+bool Switch::set_port_link(uint32_t ifx, bool up)
+{
+    const SwitchPort *port = find_port(ifx);
+    if (port == nullptr) {
+        return false;
+    }
+    impl_->plane.set_link(port->phyid, up);
+    if (!up && impl_->sides != nullptr) {
+        impl_->sides->bridge.link_lost(port->phyid);
+    }
+    return true;
+}
+
+const SwitchPort *Switch::find_port(uint32_t ifx) const
+{
+    const auto &ports = impl_->config.ports;
+    const auto found =
+        std::find_if(ports.begin(), ports.end(), [&](const SwitchPort &port) { return port.ifx == ifx; });
+    return found != ports.end() ? &*found : nullptr;
+}
+
+const SwitchConfig &Switch::config() const
+{
+    return impl_->config;
+}
+
+Loop &Switch::loop()
+{
+    return impl_->loop;
+}
+
+mom::Store &Switch::store()
+{
+    return *impl_->store;
+}
+
+fp::SoftPlane &Switch::plane()
+{
+    return impl_->plane;
+}
+
+fp::Manager &Switch::manager()
+{
+    return impl_->manager;
+}
+
+Agent &Switch::agent()
+{
+    return impl_->agent;
+}
+
+} // namespace vvl::host

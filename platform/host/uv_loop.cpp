@@ -1,0 +1,182 @@
+// libuv supplies waiting, the clock and signals. The order of tasks and timers
+// is kept here, in the same structures as on the virtual loop, because libuv
+// counts whole milliseconds and promises no order among equal timers: one
+// libuv timer stands for the earliest of ours, and one wake-up handle for the
+// queue of tasks. A handle must not go before its close callback has run, so
+// the destructor closes all of them and runs the loop once more.
+#include "platform/host/uv_loop.h"
+
+#include <uv.h>
+
+#include <deque>
+#include <limits>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace vvl::host
+{
+namespace
+{
+
+void check(int result, const char *what)
+{
+    if (result < 0) {
+        throw std::runtime_error(std::string("event loop: ") + what + ": " + uv_strerror(result));
+    }
+}
+
+} // namespace
+
+struct UvLoop::Impl {
+    struct Timer {
+        LoopId id;
+        std::function<void()> task;
+    };
+    struct Signal {
+        uv_signal_t handle;
+        std::function<void()> handler;
+    };
+
+    // Runs what was queued when the call began; what these tasks post comes
+    // in the next round, so that a task that posts itself cannot starve timers.
+    void run_tasks();
+    void run_timers();
+    void arm();
+
+    uv_loop_t loop;
+    uv_timer_t timer;
+    uv_async_t wake;
+    uint64_t start_ns = uv_hrtime();
+    LoopId last_id = 0;
+    std::deque<std::function<void()>> tasks;
+    std::multimap<uint64_t, Timer> timers; // by due time in us; equal times keep the order of arming
+    std::map<LoopId, std::multimap<uint64_t, Timer>::iterator> timer_by_id;
+    std::vector<std::unique_ptr<Signal>> signals;
+};
+
+void UvLoop::Impl::run_tasks()
+{
+    for (size_t left = tasks.size(); left > 0; left--) {
+        auto task = std::move(tasks.front());
+        tasks.pop_front();
+        task();
+    }
+    if (!tasks.empty()) {
+        uv_async_send(&wake);
+    }
+}
+
+void UvLoop::Impl::run_timers()
+{
+    const uint64_t now = (uv_hrtime() - start_ns) / 1000;
+    run_tasks();
+    while (!timers.empty() && timers.begin()->first <= now) {
+        auto first = timers.extract(timers.begin());
+        timer_by_id.erase(first.mapped().id);
+        first.mapped().task();
+        run_tasks();
+    }
+    arm();
+}
+
+void UvLoop::Impl::arm()
+{
+    if (timers.empty()) {
+        uv_timer_stop(&timer);
+        return;
+    }
+    const uint64_t now = (uv_hrtime() - start_ns) / 1000;
+    const uint64_t due = timers.begin()->first;
+    uv_update_time(&loop);
+    uv_timer_start(
+        &timer, [](uv_timer_t *handle) { static_cast<Impl *>(handle->data)->run_timers(); },
+        due > now ? (due - now) / 1000 + 1 : 0, 0);
+}
+
+UvLoop::UvLoop() : impl_(std::make_unique<Impl>())
+{
+    check(uv_loop_init(&impl_->loop), "cannot be made");
+    check(uv_timer_init(&impl_->loop, &impl_->timer), "timer");
+    check(uv_async_init(&impl_->loop, &impl_->wake,
+                        [](uv_async_t *handle) { static_cast<Impl *>(handle->data)->run_tasks(); }),
+          "wake-up handle");
+    impl_->timer.data = impl_.get();
+    impl_->wake.data = impl_.get();
+}
+
+UvLoop::~UvLoop()
+{
+    auto close_handle = [](uv_handle_t *handle, void *) {
+        if (uv_is_closing(handle) == 0) {
+            uv_close(handle, nullptr);
+        }
+    };
+    uv_walk(&impl_->loop, close_handle, nullptr);
+    uv_run(&impl_->loop, UV_RUN_DEFAULT);
+    uv_loop_close(&impl_->loop);
+}
+
+uint64_t UvLoop::now_us() const
+{
+    return (uv_hrtime() - impl_->start_ns) / 1000;
+}
+
+void UvLoop::post(std::function<void()> task)
+{
+    impl_->tasks.push_back(std::move(task));
+    uv_async_send(&impl_->wake);
+}
+
+LoopId UvLoop::add_timer(uint64_t delay_us, std::function<void()> task)
+{
+    const uint64_t now = now_us();
+    const uint64_t due =
+        delay_us > std::numeric_limits<uint64_t>::max() - now ? std::numeric_limits<uint64_t>::max() : now + delay_us;
+    const LoopId id = ++impl_->last_id;
+    const auto place = impl_->timers.emplace(due, Impl::Timer{id, std::move(task)});
+    impl_->timer_by_id.emplace(id, place);
+    if (place == impl_->timers.begin()) {
+        impl_->arm();
+    }
+    return id;
+}
+
+void UvLoop::cancel_timer(LoopId timer)
+{
+    const auto found = impl_->timer_by_id.find(timer);
+    if (found == impl_->timer_by_id.end()) {
+        return;
+    }
+    impl_->timers.erase(found->second);
+    impl_->timer_by_id.erase(found);
+    impl_->arm();
+}
+
+int UvLoop::on_signal(int signal, std::function<void()> handler)
+{
+    auto record = std::make_unique<Impl::Signal>();
+    record->handler = std::move(handler);
+    record->handle.data = record.get();
+    int result = uv_signal_init(&impl_->loop, &record->handle);
+    if (result < 0) {
+        return result;
+    }
+    impl_->signals.push_back(std::move(record));
+    uv_signal_t *handle = &impl_->signals.back()->handle;
+    return uv_signal_start(
+        handle, [](uv_signal_t *h, int) { static_cast<Impl::Signal *>(h->data)->handler(); }, signal);
+}
+
+void UvLoop::run()
+{
+    uv_run(&impl_->loop, UV_RUN_DEFAULT);
+}
+
+void UvLoop::stop()
+{
+    uv_stop(&impl_->loop);
+}
+
+} // namespace vvl::host

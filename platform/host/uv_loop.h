@@ -1,0 +1,37 @@
+// The event loop on libuv and the real monotonic clock.
+#pragma once
+
+#include "platform/base/loop.h"
+
+#include <functional>
+#include <memory>
+
+namespace vvl::host
+{
+
+class UvLoop final : public Loop
+{
+  public:
+    // Throws std::runtime_error where the system refuses what a loop needs.
+    UvLoop();
+    ~UvLoop() override; // drops what has not run; not from inside a callback
+
+    uint64_t now_us() const override;
+    void post(std::function<void()> task) override;
+    LoopId add_timer(uint64_t delay_us, std::function<void()> task) override;
+    void cancel_timer(LoopId timer) override;
+
+    // Calls handler from the loop for each signal of this number. Returns 0 or
+    // a negative libuv code.
+    int on_signal(int signal, std::function<void()> handler);
+
+    // Runs until stop() is called from a task, a timer or a signal handler.
+    void run();
+    void stop();
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace vvl::host

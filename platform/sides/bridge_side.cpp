@@ -1,0 +1,308 @@
+// Resynchronisation and single changes run the same code: opening a cycle
+// marks all notifications stale, each registration that the scan then lists
+// writes its VLAN's entries (which clears their marks), and closing the cycle
+// removes the rest. Withdrawals that nobody was told of need no care here: the
+// client delivers them when the subscription is made again.
+#include "platform/sides/bridge_side.h"
+
+#include "libddm.h"
+#include "platform/base/log.h"
+
+#include "u_bridge.pb-c.h"
+
+namespace vvl::sides
+{
+namespace
+{
+
+constexpr uint32_t db_bridge = 6;
+constexpr uint64_t cycle_expiry = 1000; // the store keeps it for information only
+constexpr uint32_t vlan_id_max = 4094;  // 0 and 4095 are reserved by IEEE 802.1Q
+
+bool is_vlan(uint32_t vid)
+{
+    return vid >= 1 && vid <= vlan_id_max;
+}
+
+// Group addresses are never a source (IEEE 802, I/G bit); all zeros is no station.
+bool is_station(const Mac &mac)
+{
+    return (mac[0] & 1) == 0 && mac != Mac{};
+}
+
+// A notification with its sub-messages, for the time of one store call.
+struct Notification {
+    Mac mac;
+    PLibpub__Mac data = P_LIBPUB__MAC__INIT;
+    UBridge__UdpL2addrBaseIndex index = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__INIT;
+    UBridge__MacVidRegNoti message = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
+
+    explicit Notification(const Mac &address = {}) : mac(address)
+    {
+        data.data = {mac.size(), mac.data()};
+        index.t_mac = &data;
+        message.index = &index;
+    }
+    Notification(const Notification &) = delete;
+    Notification &operator=(const Notification &) = delete;
+};
+
+void log_failure(const char *step, int rv)
+{
+    log_line(LogLevel::error, std::string("bridge side: cannot ") + step + " (" + std::to_string(rv) + ")");
+}
+
+} // namespace
+
+BridgeSide::BridgeSide(mom::Store &store, Loop &loop, fp::Plane &plane, uint64_t age_us)
+    : plane_(plane), store_(store), loop_(loop), age_us_(age_us)
+{
+    client_.host = this;
+}
+
+BridgeSide::~BridgeSide()
+{
+    loop_.cancel_timer(aging_timer_);
+    if (attached_) {
+        mom::detach(&client_);
+    }
+}
+
+bool BridgeSide::start(std::string &why)
+{
+    int rv = mom::attach(&client_, store_, loop_, "bridge side");
+    if (rv != 0) {
+        why = "bridge side: store client refused (" + std::to_string(rv) + ")";
+        return false;
+    }
+    attached_ = true;
+    tq_mom_client_set_reconnect_cb(&client_, db_bridge, on_reconnected, nullptr);
+    rv = tq_mom_client_connect(&client_, db_bridge, on_connected, this);
+    if (rv != 0) {
+        why = "bridge side: cannot connect to database " + std::to_string(db_bridge) + " (" + std::to_string(rv) + ")";
+        mom::detach(&client_);
+        attached_ = false;
+        return false;
+    }
+    return true;
+}
+
+void BridgeSide::link_lost(uint32_t phyid)
+{
+    for (auto entry = learned_.begin(); entry != learned_.end();) {
+        if (entry->second.phyid == phyid) {
+            counters_.lost++;
+            entry = remove(entry);
+        } else {
+            ++entry;
+        }
+    }
+}
+
+void BridgeSide::mac_seen(uint16_t vlan, const Mac &mac, uint32_t phyid)
+{
+    uint32_t ifx = 0;
+    if (!is_vlan(vlan) || !is_station(mac) || libddm_get_ifx_by_phyid(phyid, &ifx) != 0) {
+        counters_.refused++;
+        return;
+    }
+    const Key key{vlan, mac};
+    auto found = learned_.find(key);
+    if (found == learned_.end()) {
+        if (!learn(key, phyid, ifx)) {
+            counters_.full++;
+        }
+        return;
+    }
+    Entry &entry = found->second;
+    entry.seen_us = loop_.now_us();
+    by_age_.splice(by_age_.end(), by_age_, entry.place);
+    if (entry.phyid != phyid) {
+        entry.phyid = phyid;
+        entry.ifx = ifx;
+        counters_.moved++;
+        write(key, entry, true);
+    }
+}
+
+// ---- The store ------------------------------------------------------------
+
+int BridgeSide::on_connected(void *, void *user)
+{
+    static_cast<BridgeSide *>(user)->subscribe();
+    return 0;
+}
+
+int BridgeSide::on_reconnected(void *ctx, uint32_t, int32_t type)
+{
+    if (type == mom::reconnect_missed) {
+        static_cast<BridgeSide *>(static_cast<tq_global_t *>(ctx)->host)->subscribe();
+    }
+    return 0;
+}
+
+int BridgeSide::on_registration(void *, tq_mom_record_t *record, void *user)
+{
+    auto *side = static_cast<BridgeSide *>(user);
+    if (record->error != 0) {
+        log_failure("read a registration", record->error);
+        return record->error;
+    }
+    if (record->operate == TQ_MOM_ESTABLISHED) {
+        side->open_cycle();
+    } else if (record->phase == TQ_MOM_CYCLE_OPEN || record->phase == TQ_MOM_CYCLE_OPEN2) {
+        side->scan();
+    } else if (record->phase == TQ_MOM_SCAN_OVER) {
+        side->close_cycle();
+    } else if (record->object != nullptr) {
+        const auto *object = static_cast<const UBridge__MacVidReg *>(record->object);
+        const uint32_t vid = object->index != nullptr ? object->index->vid : 0;
+        if (record->operate == TQ_MOM_SET) {
+            side->register_vlan(vid);
+        } else if (record->operate == TQ_MOM_DEL) {
+            side->withdraw_vlan(vid);
+        }
+    }
+    return 0;
+}
+
+void BridgeSide::subscribe()
+{
+    UBridge__MacVidIndex index = U_BRIDGE__MAC_VID_INDEX__INIT;
+    UBridge__MacVidReg tmpl = U_BRIDGE__MAC_VID_REG__INIT;
+    tmpl.index = &index;
+    int rv = tq_mom_subscribe(&client_, db_bridge, &tmpl.base, TQ_MOM_MATCH_ALL, on_registration, this);
+    if (rv != 0) {
+        log_failure("subscribe to registrations", rv);
+    }
+}
+
+void BridgeSide::open_cycle()
+{
+    Notification tmpl;
+    int rv =
+        tq_mom_dsbegin(&client_, db_bridge, &tmpl.message.base, TQ_MOM_MATCH_ALL, cycle_expiry, on_registration, this);
+    if (rv != 0) {
+        log_failure("open a cycle over the notifications", rv);
+    }
+}
+
+void BridgeSide::scan()
+{
+    UBridge__MacVidIndex index = U_BRIDGE__MAC_VID_INDEX__INIT;
+    UBridge__MacVidReg tmpl = U_BRIDGE__MAC_VID_REG__INIT;
+    tmpl.index = &index;
+    int rv = tq_mom_scan(&client_, db_bridge, &tmpl.base, TQ_MOM_MATCH_ALL, on_registration, this);
+    if (rv != 0) {
+        log_failure("scan the registrations", rv);
+    }
+}
+
+void BridgeSide::close_cycle()
+{
+    Notification tmpl;
+    int rv = tq_mom_dsend(&client_, db_bridge, &tmpl.message.base, TQ_MOM_MATCH_ALL, nullptr, nullptr);
+    if (rv != 0) {
+        log_failure("close the cycle over the notifications", rv);
+    }
+}
+
+void BridgeSide::register_vlan(uint32_t vid)
+{
+    if (!is_vlan(vid)) {
+        counters_.refused++;
+        log_line(LogLevel::warn, "bridge side: registration of VLAN " + std::to_string(vid) + ", not 1 to 4094");
+        return;
+    }
+    const auto vlan = static_cast<uint16_t>(vid);
+    // A registration that is known already is no exception: listed by a scan,
+    // its notifications need their stale marks cleared.
+    vlans_.insert(vlan);
+    write_vlan(vlan, true);
+}
+
+void BridgeSide::withdraw_vlan(uint32_t vid)
+{
+    if (is_vlan(vid) && vlans_.erase(static_cast<uint16_t>(vid)) != 0) {
+        write_vlan(static_cast<uint16_t>(vid), false);
+    }
+}
+
+void BridgeSide::write_vlan(uint16_t vlan, bool present)
+{
+    for (auto entry = learned_.lower_bound(Key{vlan, Mac{}}); entry != learned_.end() && entry->first.vlan == vlan;
+         ++entry) {
+        write(entry->first, entry->second, present);
+    }
+}
+
+void BridgeSide::write(const Key &key, const Entry &entry, bool present)
+{
+    if (present && !registered(key.vlan)) {
+        return;
+    }
+    Notification notification(key.mac);
+    notification.index.t_fid = key.vlan;
+    notification.message.port_id = entry.ifx;
+    const ProtobufCMessage *object = &notification.message.base;
+    int rv = present ? tq_mom_set(&client_, db_bridge, object, nullptr, nullptr)
+                     : tq_mom_del(&client_, db_bridge, object, nullptr, nullptr);
+    if (rv != 0) {
+        counters_.write_failed++;
+    }
+}
+
+// ---- The table --------------------------------------------------------------
+
+bool BridgeSide::learn(const Key &key, uint32_t phyid, uint32_t ifx)
+{
+    if (learned_.size() >= learned_count_max) {
+        return false;
+    }
+    const auto place = by_age_.insert(by_age_.end(), key);
+    const auto entry = learned_.emplace(key, Entry{phyid, ifx, loop_.now_us(), place}).first;
+    counters_.learned++;
+    write(key, entry->second, true);
+    if (aging_timer_ == 0) {
+        arm_aging();
+    }
+    return true;
+}
+
+BridgeSide::Table::iterator BridgeSide::remove(Table::iterator entry)
+{
+    if (registered(entry->first.vlan)) {
+        write(entry->first, entry->second, false);
+    }
+    plane_.forget(entry->first.vlan, entry->first.mac);
+    by_age_.erase(entry->second.place);
+    return learned_.erase(entry);
+}
+
+void BridgeSide::arm_aging()
+{
+    if (by_age_.empty()) {
+        return;
+    }
+    const uint64_t due_us = learned_.at(by_age_.front()).seen_us + age_us_;
+    const uint64_t now_us = loop_.now_us();
+    aging_timer_ = loop_.add_timer(due_us > now_us ? due_us - now_us : 0, [this] { age(); });
+}
+
+// Addresses that were seen since the timer was armed have moved to the end of
+// the list; what is due stands at its front.
+void BridgeSide::age()
+{
+    aging_timer_ = 0;
+    while (!by_age_.empty()) {
+        auto oldest = learned_.find(by_age_.front());
+        if (oldest->second.seen_us + age_us_ > loop_.now_us()) {
+            break;
+        }
+        counters_.aged++;
+        remove(oldest);
+    }
+    arm_aging();
+}
+
+} // namespace vvl::sides

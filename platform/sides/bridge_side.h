@@ -1,0 +1,111 @@
+// The bridge side: the learned-address table, and its copy in the store for
+// the VLANs that somebody asked for.
+//
+// The table holds every source address that the plane reports, in any VLAN,
+// until it has not been seen for the aging time or its port loses its link.
+// For a VLAN with a registration (u_bridge.mac_vid_reg, database 6) each entry
+// is also kept as a u_bridge.mac_vid_reg_noti. What an earlier run left there
+// is swept at the start, and after each lost connection, by a data-sync cycle.
+#pragma once
+
+#include "platform/base/loop.h"
+#include "platform/fp/plane.h"
+#include "platform/mom/client.h"
+#include "tq_global.h"
+
+#include <list>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace vvl::sides
+{
+
+constexpr size_t learned_count_max = 16384; // addresses; a further one is not learned, and counted
+
+// The aging time that IEEE 802.1Q recommends for learned addresses.
+constexpr uint64_t bridge_age_default_us = 300'000'000;
+
+struct BridgeCounters {
+    uint64_t learned = 0;      // new addresses
+    uint64_t moved = 0;        // addresses seen on another port than before
+    uint64_t aged = 0;         // addresses not seen for the aging time
+    uint64_t lost = 0;         // addresses of ports that lost their link
+    uint64_t full = 0;         // addresses not learned at learned_count_max
+    uint64_t refused = 0;      // group addresses, VLANs outside 1 to 4094, ports outside the port-id map
+    uint64_t write_failed = 0; // notifications that the store refused; the next resynchronisation mends them
+};
+
+class BridgeSide final : public fp::PlaneEvents
+{
+  public:
+    // All arguments outlive the side. age_us: aging time, at least 1.
+    BridgeSide(mom::Store &store, Loop &loop, fp::Plane &plane, uint64_t age_us = bridge_age_default_us);
+    ~BridgeSide() override; // the store keeps its notifications
+
+    BridgeSide(const BridgeSide &) = delete;
+    BridgeSide &operator=(const BridgeSide &) = delete;
+
+    // Connects to database 6; the rest follows from the loop. On failure why
+    // names the database and the reason, and the side does nothing. Once only.
+    bool start(std::string &why);
+
+    // The port lost its link: its addresses are gone.
+    void link_lost(uint32_t phyid);
+
+    void voice_trapped(uint32_t, const Mac &, std::span<const uint8_t>) override {}
+    void mac_seen(uint16_t vlan, const Mac &mac, uint32_t phyid) override;
+
+    size_t learned_count() const { return learned_.size(); }
+    const BridgeCounters &counters() const { return counters_; }
+
+    // The side's store client, for cutting its connections (mom::set_link).
+    void *client() { return &client_; }
+
+  private:
+    struct Key {
+        uint16_t vlan;
+        Mac mac;
+        auto operator<=>(const Key &) const = default;
+    };
+    struct Entry {
+        uint32_t phyid;
+        uint32_t ifx;
+        uint64_t seen_us;
+        std::list<Key>::iterator place; // in by_age_
+    };
+    using Table = std::map<Key, Entry>;
+
+    static int on_connected(void *ctx, void *user);
+    static int on_reconnected(void *ctx, uint32_t db, int32_t type);
+    static int on_registration(void *ctx, tq_mom_record_t *record, void *user);
+
+    void subscribe();
+    void open_cycle();
+    void scan();
+    void close_cycle();
+    void register_vlan(uint32_t vid);
+    void withdraw_vlan(uint32_t vid);
+    bool registered(uint16_t vlan) const { return vlans_.count(vlan) != 0; }
+    void write_vlan(uint16_t vlan, bool present);
+    void write(const Key &key, const Entry &entry, bool present);
+    bool learn(const Key &key, uint32_t phyid, uint32_t ifx);
+    Table::iterator remove(Table::iterator entry);
+    void arm_aging();
+    void age();
+
+    fp::Plane &plane_;
+    mom::Store &store_;
+    Loop &loop_;
+    uint64_t age_us_;
+    tq_global_t client_{};
+    bool attached_ = false;
+    LoopId aging_timer_ = 0; // one for all addresses; 0: not armed
+    Table learned_;
+    std::list<Key> by_age_; // longest unseen first
+    std::set<uint16_t> vlans_;
+    BridgeCounters counters_;
+};
+
+} // namespace vvl::sides

@@ -1,0 +1,71 @@
+// The packet side: turns a trapped voice frame into a port notification.
+//
+// While the trap object of a port (u_bridge.vvlan_port_cfg, database 8) is in
+// the store, the plane copies the port's voice frames here, and the first of
+// them is published as s_bridge.vvlan_port_noty in database 0. Publishing each
+// frame would flood the store at line rate, so a port stays silent until its
+// trap object is set again.
+#pragma once
+
+#include "platform/base/loop.h"
+#include "platform/fp/plane.h"
+#include "platform/mom/client.h"
+#include "tq_global.h"
+
+#include <map>
+#include <string>
+
+namespace vvl::sides
+{
+
+constexpr size_t trap_count_max = 4096; // trapped ports; a further one is refused, logged and counted
+
+struct PacketCounters {
+    uint64_t published = 0;      // notifications handed to the store
+    uint64_t publish_failed = 0; // notifications that the store refused; the next frame tries again
+    uint64_t port_unknown = 0;   // trap objects of ports outside the port-id map
+    uint64_t full = 0;           // trap objects refused at trap_count_max
+};
+
+class PacketSide final : public fp::PlaneEvents
+{
+  public:
+    // All arguments outlive the side.
+    PacketSide(mom::Store &store, Loop &loop, fp::Plane &plane);
+    ~PacketSide() override; // takes its traps out of the plane
+
+    PacketSide(const PacketSide &) = delete;
+    PacketSide &operator=(const PacketSide &) = delete;
+
+    // Connects to databases 8 and 0; the traps follow from the loop. On failure
+    // why names the database and the reason, and the side does nothing. Once only.
+    bool start(std::string &why);
+
+    void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) override;
+    void mac_seen(uint16_t, const Mac &, uint32_t) override {}
+
+    const PacketCounters &counters() const { return counters_; }
+
+    // The side's store client, for cutting its connections (mom::set_link).
+    void *client() { return &client_; }
+
+  private:
+    static int on_connected(void *ctx, void *user);
+    static int on_reconnected(void *ctx, uint32_t db, int32_t type);
+    static int on_trap_object(void *ctx, tq_mom_record_t *record, void *user);
+
+    void subscribe();
+    void scan();
+    void set_trap(uint32_t ifx, bool on);
+    void clear_trap(uint32_t phyid);
+
+    fp::Plane &plane_;
+    mom::Store &store_;
+    Loop &loop_;
+    tq_global_t client_{};
+    bool attached_ = false;
+    std::map<uint32_t, bool> traps_; // by phyid; true: the next voice frame is published
+    PacketCounters counters_;
+};
+
+} // namespace vvl::sides

@@ -1,0 +1,100 @@
+#include "platform/host/sim/capture.h"
+#include "tests/scenario/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+namespace vvl::host
+{
+namespace
+{
+
+// Offsets in a pcap file, and the sizes of its headers.
+constexpr size_t file_header_size = 24;
+constexpr size_t link_type_at = 20;
+constexpr size_t record_header_size = 16;
+constexpr size_t frame_size = 60;
+
+class CaptureTest : public testing::Test
+{
+  protected:
+    // Three frames, at 0, 20 and 10 ms.
+    std::string sample() const
+    {
+        CaptureWriter writer;
+        std::string ignored;
+        EXPECT_TRUE(writer.open(folder.path("sample.pcap"), ignored)) << ignored;
+        uint8_t number = 0;
+        for (uint64_t time_us : {5'000'000, 5'020'000, 5'010'000}) {
+            writer.write(time_us, std::vector<uint8_t>(frame_size, ++number));
+        }
+        EXPECT_TRUE(writer.close(ignored)) << ignored;
+        return TempFolder::read(folder.path("sample.pcap"));
+    }
+
+    static size_t record_at(size_t index) { return file_header_size + index * (record_header_size + frame_size); }
+
+    // Replaces a little-endian word.
+    static std::string patch(std::string bytes, size_t at, uint32_t value)
+    {
+        for (size_t i = 0; i < 4; i++) {
+            bytes.at(at + i) = static_cast<char>(value >> 8 * i);
+        }
+        return bytes;
+    }
+
+    // The reason for which the bytes are refused.
+    std::string refusal(const std::string &bytes)
+    {
+        Capture capture{{1, {}}};
+        std::string why;
+        const std::string path = folder.write("c.pcap", bytes);
+        EXPECT_FALSE(read_capture(path, capture, why));
+        EXPECT_EQ(capture.size(), 1u) << "unchanged";
+        EXPECT_TRUE(why.starts_with(path + ": ")) << why;
+        return why.substr(std::min(why.size(), path.size() + 2));
+    }
+
+    TempFolder folder;
+};
+
+TEST_F(CaptureTest, WrittenFramesAreReadBackWithTimesThatNeverGoBack)
+{
+    sample();
+    Capture capture;
+    std::string why;
+    ASSERT_TRUE(read_capture(folder.path("sample.pcap"), capture, why)) << why;
+    ASSERT_EQ(capture.size(), 3u);
+    EXPECT_EQ(capture[0].time_us, 0u);
+    EXPECT_EQ(capture[1].time_us, 20'000u);
+    EXPECT_EQ(capture[2].time_us, 20'000u);
+    EXPECT_EQ(capture[2].bytes, std::vector<uint8_t>(frame_size, 3));
+}
+
+TEST_F(CaptureTest, DamagedOrUnfitFileIsRefusedWithItsReason)
+{
+    const std::string good = sample();
+    EXPECT_EQ(refusal(patch(good, 0, 0x12345678)), "unknown file format");
+    EXPECT_EQ(refusal(patch(good, link_type_at, 113)), "link type LINUX_SLL is not Ethernet");
+    EXPECT_EQ(refusal(good.substr(0, file_header_size)), "holds no frame");
+    EXPECT_NE(refusal(good.substr(0, 10)).find("truncated"), std::string::npos);
+    // Cut within a frame, and within the header of one.
+    EXPECT_NE(refusal(good.substr(0, good.size() - 1)).find("truncated"), std::string::npos);
+    EXPECT_NE(refusal(good.substr(0, record_at(2) + 3)).find("truncated"), std::string::npos);
+    EXPECT_EQ(refusal(patch(good, record_at(1) + 12, 214)), "frame 2 is cut short: 60 of 214 bytes were captured");
+    EXPECT_EQ(refusal(patch(good, record_at(1) + 12, 70'000)), "frame 2 is larger than 65535 bytes");
+    EXPECT_NE(refusal(patch(good, record_at(1) + 8, 0x7fffffff)), "");
+}
+
+TEST_F(CaptureTest, FileThatCannotBeOpenedIsNamed)
+{
+    Capture capture;
+    std::string why;
+    EXPECT_FALSE(read_capture(folder.path("none.pcap"), capture, why));
+    EXPECT_EQ(why, folder.path("none.pcap") + ": No such file or directory");
+    CaptureWriter writer;
+    EXPECT_FALSE(writer.open(folder.path("no/folder.pcap"), why));
+    EXPECT_EQ(why, folder.path("no/folder.pcap") + ": No such file or directory");
+}
+
+} // namespace
+} // namespace vvl::host

@@ -1,0 +1,124 @@
+#include "platform/host/sim/operator.h"
+
+#include "platform/base/virtual_loop.h"
+#include "platform/mom/keys.h"
+#include "platform/mom/store_local.h"
+
+#include "p_bridge.pb-c.h"
+
+#include <gtest/gtest.h>
+
+namespace vvl::host
+{
+namespace
+{
+
+class OperatorTest : public testing::Test
+{
+  protected:
+    OperatorTest() : store(mom::make_local_store()), op(*store, loop)
+    {
+        std::string why;
+        EXPECT_TRUE(op.connect(why)) << why;
+        mom::attach(&reader, *store, loop, "reader");
+        tq_mom_client_connect_sync(&reader, 4);
+        grammar.rows = {operator_commands().begin(), operator_commands().end()};
+        grammar.types = {operator_types().begin(), operator_types().end()};
+    }
+    ~OperatorTest() override { mom::detach(&reader); }
+
+    // Runs operator lines as a tool would, without a simulation.
+    void run(const char *line)
+    {
+        Command command;
+        std::string why;
+        ASSERT_TRUE(parse_command(grammar, line, command, why)) << why;
+        CommandContext context{&op, nullptr, nullptr};
+        EXPECT_TRUE(command.row->run(context, command.args, why)) << why;
+        loop.run_pending();
+    }
+
+    // The stored object of this key in its packed form; empty where there is none.
+    std::string stored(const char *type, const std::string &key)
+    {
+        const mom::ObjectType &object = *mom::find_type(type);
+        auto wanted = key.empty() ? mom::make_message(*object.descriptor) : mom::decode_key(object, key);
+        ProtobufCMessage *found = tq_mom_get_sync(&reader, 4, wanted.get(), nullptr);
+        std::string bytes;
+        if (found != nullptr) {
+            mom::pack(*found, bytes);
+        }
+        tq_mom_tq_obj_free(found);
+        return bytes;
+    }
+
+    // "enable,mode" of a port, or "none".
+    std::string port(uint32_t ifx)
+    {
+        const std::string bytes = stored("p_bridge.vvlan_port_cfg", std::to_string(ifx));
+        if (bytes.empty()) {
+            return "none";
+        }
+        auto message = mom::unpack(*mom::find_type("p_bridge.vvlan_port_cfg"), bytes);
+        const auto *config = static_cast<const PBridge__VvlanPortCfg *>(static_cast<void *>(message.get()));
+        return std::to_string(config->enable) + "," + std::to_string(config->mode);
+    }
+
+    VirtualLoop loop;
+    std::unique_ptr<mom::Store> store;
+    Operator op;
+    tq_global_t reader{};
+    Grammar grammar;
+};
+
+TEST_F(OperatorTest, EachGlobalSettingLeavesTheOthersAlone)
+{
+    for (const char *line : {"vlan 100 on", "qos cos 5 dscp 40", "security on", "age 90", "qos cos 4 dscp 32"}) {
+        run(line);
+    }
+    auto message = mom::unpack(*mom::find_type("p_bridge.vvlan_glb_cfg"), stored("p_bridge.vvlan_glb_cfg", ""));
+    const auto *config = static_cast<const PBridge__VvlanGlbCfg *>(static_cast<void *>(message.get()));
+    ASSERT_NE(config->glb_switch, nullptr);
+    ASSERT_NE(config->qos, nullptr);
+    EXPECT_EQ(config->glb_switch->vlan, 100u);
+    EXPECT_EQ(config->glb_switch->enable, 1u);
+    EXPECT_EQ(config->secu_mode, 1u);
+    EXPECT_EQ(config->age_time, 90u);
+    EXPECT_EQ(config->qos->cos, 4u);
+    EXPECT_EQ(config->qos->dscp, 32u);
+}
+
+TEST_F(OperatorTest, DisabledPortKeepsItsModeUnlessOneIsGiven)
+{
+    run("port 1 manual");
+    EXPECT_EQ(port(1), "1,0");
+    run("port 1 disable");
+    EXPECT_EQ(port(1), "0,0");
+    run("port 1 disable auto");
+    EXPECT_EQ(port(1), "0,1");
+    run("port 2 disable");
+    EXPECT_EQ(port(2), "0,1") << "automatic is the default";
+    run("port 1 delete");
+    EXPECT_EQ(port(1), "none");
+}
+
+TEST_F(OperatorTest, OuiIsOneObjectHoweverItsMaskIsWritten)
+{
+    const char *key = "00:04:76:00:00:00/ff:ff:ff:00:00:00";
+    run("oui add 00:04:76:00:00:00/24");
+    EXPECT_NE(stored("p_bridge.vvlan_oui_cfg", key), "");
+    run("oui del 00:04:76:00:00:00/ff:ff:ff:00:00:00");
+    EXPECT_EQ(stored("p_bridge.vvlan_oui_cfg", key), "");
+}
+
+TEST_F(OperatorTest, UnreachableStoreIsReportedWithTheObject)
+{
+    Operator unconnected(*store, loop);
+    std::string why;
+    EXPECT_FALSE(unconnected.set_port(7, true, true, why));
+    EXPECT_TRUE(why.starts_with("port 7: ")) << why;
+    EXPECT_EQ(port(7), "none");
+}
+
+} // namespace
+} // namespace vvl::host

@@ -1,0 +1,208 @@
+// Plays scenarios with the real program, each in a process of its own.
+#include "tests/scenario/temp_folder.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace vvl
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int status = -1;
+    std::string out;    // standard output
+    std::string errors; // standard error
+    std::string frames; // the capture of what left
+};
+
+std::string last_line(const std::string &text)
+{
+    const size_t end = text.find_last_not_of('\n');
+    const size_t begin = text.rfind('\n', end);
+    return text.substr(begin + 1, end - begin);
+}
+
+class Player
+{
+  public:
+    Outcome play(const std::string &scenario) const
+    {
+        const std::string command = std::string(VVLAND_COMMAND) + " sim '" + scenario + "' --out '" +
+                                    folder.path("out.pcap") + "' >'" + folder.path("out") + "' 2>'" +
+                                    folder.path("errors") + "'";
+        const int status = std::system(command.c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TempFolder::read(folder.path("out")),
+                TempFolder::read(folder.path("errors")), TempFolder::read(folder.path("out.pcap"))};
+    }
+
+    Outcome play_text(const std::string &text) const { return play(folder.write("s.vv", text)); }
+
+    // "s.vv:3: reason" without the folder.
+    std::string error_line(const Outcome &outcome) const
+    {
+        const std::string prefix = folder.path("");
+        std::string line = last_line(outcome.errors);
+        for (size_t at = line.find(prefix); at != std::string::npos; at = line.find(prefix)) {
+            line.erase(at, prefix.size());
+        }
+        return line;
+    }
+
+    TempFolder folder;
+};
+
+std::vector<std::string> example_files()
+{
+    std::vector<std::string> files;
+    for (const auto &entry : fs::recursive_directory_iterator(EXAMPLES)) {
+        if (entry.path().extension() == ".vv") {
+            files.push_back(entry.path().string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+class Example : public testing::TestWithParam<std::string>
+{
+};
+
+TEST_P(Example, RunsAsItSaysAndTheSameTwice)
+{
+    if (!fs::exists("/usr/share/sip-tester/g711a.pcap")) {
+        GTEST_SKIP() << "needs the captures of the package sip-tester";
+    }
+    const Player player;
+    const Outcome first = player.play(GetParam());
+    EXPECT_EQ(first.status, 0) << first.errors;
+    EXPECT_EQ(first.errors, "");
+    EXPECT_TRUE(last_line(first.out).starts_with("frames: ")) << last_line(first.out);
+    EXPECT_FALSE(first.frames.empty());
+    const Outcome second = player.play(GetParam());
+    EXPECT_EQ(first.out, second.out);
+    EXPECT_EQ(first.frames, second.frames);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Example, testing::ValuesIn(example_files()), [](const auto &example) {
+    std::string name = fs::path(example.param).stem().string();
+    std::replace(name.begin(), name.end(), '-', '_');
+    return name;
+});
+
+TEST(PlayTest, BadScenarioEndsBeforeAnythingRuns)
+{
+    const Player player;
+    const Outcome outcome = player.play_text("vlan 100 on\nport 1 atuo\n");
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(player.error_line(outcome),
+              "s.vv:2: 'atuo' after 'port 1': expected auto, manual, disable or delete; did you mean 'auto'?");
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_FALSE(fs::exists(player.folder.path("out.pcap")));
+    const Outcome missing = player.play(player.folder.path("none.vv"));
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(player.error_line(missing), "none.vv: cannot be opened");
+}
+
+TEST(PlayTest, FailedExpectationNamesItsLineAndWhatWasFound)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"expect port 1 joined", "expected port 1 joined, found waiting"},
+        {"expect port 2 waiting", "expected port 2 waiting, found out"},
+        {"expect bound 1 none", "expected bound 1 none, found security"},
+        {"expect bound 2 voice", "expected bound 2 voice, found none"},
+        {"expect ouis 0", "expected ouis 0, found 1"},
+        {"expect macs 1", "expected macs 1, found 0"},
+        {"expect error-event oui", "expected error-event oui, found none"},
+        {"expect frames in >= 1", "expected frames in >= 1, found 0"},
+        {"expect no object u_bridge.mac_vid_reg 100", "expected no object u_bridge.mac_vid_reg 100, found one"},
+        {"expect object p_bridge.vvlan_oui_cfg 00:04:77:00:00:00/24",
+         "expected object p_bridge.vvlan_oui_cfg 00:04:77:00:00:00/24, found none"},
+        {"start", "the module is loaded already"},
+        {"debug no_such", "no_such"},
+    };
+    const Player player;
+    for (const auto &[line, error] : cases) {
+        const Outcome outcome =
+            player.play_text(std::string("vlan 100 on\noui add 00:04:76:00:00:00/24\nport 1 auto\n") + line + "\n");
+        EXPECT_EQ(outcome.status, 1) << line;
+        EXPECT_NE(player.error_line(outcome).find(error), std::string::npos) << player.error_line(outcome);
+        EXPECT_TRUE(player.error_line(outcome).starts_with("s.vv:4: ")) << player.error_line(outcome);
+    }
+}
+
+TEST(PlayTest, CaptureThatIsCutShortPlaysNoFrame)
+{
+    const Player player;
+    const std::string whole = TempFolder::read(std::string(EXAMPLES) + "/security/pc.pcap");
+    ASSERT_FALSE(whole.empty());
+    player.folder.write("cut.pcap", whole.substr(0, whole.size() - 5));
+    const Outcome outcome = player.play_text("play cut.pcap port 1\n");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(player.error_line(outcome).starts_with("s.vv:1: cut.pcap: truncated")) << player.error_line(outcome);
+    constexpr size_t empty_capture_size = 24;
+    EXPECT_EQ(outcome.frames.size(), empty_capture_size);
+}
+
+TEST(PlayTest, LinkLossAndCapturesThatOverlap)
+{
+    const Player player;
+    player.folder.write("pc.pcap", TempFolder::read(std::string(EXAMPLES) + "/security/pc.pcap"));
+    const Outcome outcome = player.play_text("vlan 100 on\n"
+                                             "play pc.pcap port 1 background\n"
+                                             "play pc.pcap port 2 from 500ms\n"
+                                             "expect frames in = 10\n" // five of port 1, five of port 2
+                                             "expect macs 1\n"
+                                             "link 2 down\n"
+                                             "expect macs 0\n");
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_TRUE(last_line(outcome.out).starts_with("frames: 15 in, 15 out, ")) << outcome.out;
+}
+
+// Captures of real networks, which are not ours to give away. Each scenario
+// says what its capture must do; the capture's own name stands for %.
+struct RealCapture {
+    const char *file;
+    const char *scenario;
+};
+constexpr RealCapture real_captures[] = {
+    // Two telephones and a call server, all untagged.
+    {"two-phones.pcap", "vlan 100 on\noui add 00:1e:7a:00:00:00/24\noui add 00:1d:45:00:00:00/24\nport 1 auto\n"
+                        "play % port 1\nexpect port 1 joined\nexpect frames in = 200\nexpect frames trapped = 1\n"
+                        "expect frames tagged = 164\nexpect frames dropped = 0\nexpect macs 2\n"},
+    // Voice in VLAN 107 whose addresses no OUI matches: closed by security mode.
+    {"tagged-voice.pcapng", "vlan 107 on\nsecurity on\noui add 00:04:13:00:00:00/24\nport 1 auto\nplay % port 1\n"
+                            "expect port 1 waiting\nexpect frames trapped = 0\nexpect frames tagged = 0\n"
+                            "expect frames dropped >= 1\nexpect macs 0\n"},
+    // One telephone that marks its own media; its far end does not match.
+    {"media-dscp40.pcap", "vlan 100 on\noui add 00:04:13:00:00:00/24\nport 1 auto\nplay % port 1\n"
+                          "expect port 1 joined\nexpect frames in = 22\nexpect frames trapped = 1\n"
+                          "expect frames tagged >= 1\nexpect macs 1\n"},
+    // Single and double tags outside the voice VLAN pass as they are.
+    {"vlan-pcp-dei.pcapng", "vlan 100 on\nsecurity on\noui add 00:04:13:00:00:00/24\nport 1 auto\nplay % port 1\n"
+                            "expect frames in = 9\nexpect frames remarked = 0\nexpect frames dropped = 0\n"},
+};
+
+TEST(PlayTest, CapturesOfRealNetworks)
+{
+    const char *folder = std::getenv("VVLAN_CAPTURES");
+    if (folder == nullptr) {
+        GTEST_SKIP() << "VVLAN_CAPTURES names no folder with captures";
+    }
+    const Player player;
+    for (const RealCapture &row : real_captures) {
+        std::string text = row.scenario;
+        text.replace(text.find('%'), 1, "\"" + std::string(folder) + "/" + row.file + "\"");
+        const Outcome outcome = player.play_text(text);
+        EXPECT_EQ(outcome.status, 0) << row.file << ": " << outcome.errors;
+    }
+}
+
+} // namespace
+} // namespace vvl

@@ -1,0 +1,73 @@
+#include "platform/host/sim/runner.h"
+#include "platform/host/sim/scenario.h"
+#include "tests/scenario/temp_folder.h"
+
+#include <gtest/gtest.h>
+
+namespace vvl::host
+{
+namespace
+{
+
+class ScenarioFileTest : public testing::Test
+{
+  protected:
+    bool read(const std::string &text)
+    {
+        why.clear();
+        grammar = scenario_grammar();
+        const std::string path = folder.write("s.vv", text);
+        const bool done = read_scenario(path, grammar, scenario, why);
+        if (why.starts_with(path)) {
+            why = why.substr(path.size());
+        }
+        return done;
+    }
+
+    TempFolder folder;
+    Grammar grammar;
+    Scenario scenario;
+    std::string why;
+};
+
+TEST_F(ScenarioFileTest, FirstErrorIsNamedByItsLineAndNothingIsKept)
+{
+    EXPECT_FALSE(read("# a comment\n\nvlan 100 on\nport 1 atuo\nvlam 1 on\n"));
+    EXPECT_EQ(why, ":4: 'atuo' after 'port 1': expected auto, manual, disable or delete; did you mean 'auto'?");
+    EXPECT_TRUE(scenario.steps.empty());
+}
+
+TEST_F(ScenarioFileTest, DeclarationsDecideWhichPortsExist)
+{
+    ASSERT_TRUE(read("port 8 auto\nport 24 manual\n")) << why;
+    EXPECT_EQ(scenario.ports().size(), 9u);
+    EXPECT_FALSE(read("port 9 auto\n"));
+    EXPECT_EQ(why, ":1: port 9 does not exist");
+
+    ASSERT_TRUE(read("ports 10..12\nport-map 40 0x77\nuplink 12\nport 40 auto\n")) << why;
+    const auto ports = scenario.ports();
+    ASSERT_EQ(ports.size(), 4u);
+    EXPECT_EQ(ports[0].phyid, 0x10au);
+    EXPECT_FALSE(ports[0].uplink);
+    EXPECT_TRUE(ports[2].uplink);
+    EXPECT_EQ(ports[3].phyid, 0x77u);
+    EXPECT_FALSE(read("ports 10..12\nport 1 auto\n")) << "the default is gone";
+}
+
+TEST_F(ScenarioFileTest, DeclarationsThatDoNotFitAreRefused)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"vlan 1 on\nports 1..4\n", ":2: a declaration belongs before the first command"},
+        {"port-map 1 5\nport-map 2 5\n", ":2: ports 1 and 2 have the same physical port"},
+        {"port-map 1 5\nport-map 1 6\n", ":2: port 1 is mapped twice"},
+        {"ports 1..2000\n", ":1: more than 1024 ports"},
+        {"", ": is empty"},
+    };
+    for (const auto &[text, error] : cases) {
+        EXPECT_FALSE(read(text)) << text;
+        EXPECT_EQ(why, error) << text;
+    }
+}
+
+} // namespace
+} // namespace vvl::host

@@ -1,0 +1,140 @@
+// The configuration file: what a good one means, and the one line that each
+// kind of fault is reported by.
+#include "platform/host/config.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+using namespace vvl;
+using namespace vvl::host;
+
+namespace
+{
+
+TEST(Config, a_good_file_is_read_with_defaults_and_paths_from_its_own_folder)
+{
+    const char *text = "# a switch\n"
+                       "\n"
+                       "[host]\n"
+                       "module = lib/libudp_vvlan.so   # beside this file\n"
+                       "log-level=debug\r\n"
+                       "log-file = /var/log/vv#1.log\n"
+                       "startup = startup.vv\n"
+                       "[ store ]\n"
+                       "kind = local\n"
+                       "[plane]\n"
+                       "[port 0x10]\n"
+                       "\tphyid = 0x101\n"
+                       "[port 7]\n"
+                       "role = uplink\n"
+                       "phyid = 4294967295\n"
+                       "pvid = 4094";
+    HostConfig config;
+    std::string why;
+    ASSERT_TRUE(parse_config(text, "/etc/vv/vvland.conf", config, why)) << why;
+    EXPECT_EQ(config.network.module, "/etc/vv/lib/libudp_vvlan.so");
+    EXPECT_EQ(config.log_file, "/var/log/vv#1.log");
+    EXPECT_EQ(config.startup, "/etc/vv/startup.vv");
+    EXPECT_EQ(config.log_level, LogLevel::debug);
+    ASSERT_EQ(config.network.ports.size(), 2u);
+    const SwitchPort &access = config.network.ports[0];
+    EXPECT_EQ(std::make_tuple(access.ifx, access.phyid, access.pvid, access.uplink),
+              std::make_tuple(16u, 257u, uint16_t{1}, false));
+    const SwitchPort &uplink = config.network.ports[1];
+    EXPECT_EQ(std::make_tuple(uplink.ifx, uplink.phyid, uplink.pvid, uplink.uplink),
+              std::make_tuple(7u, UINT32_MAX, uint16_t{4094}, true));
+}
+
+struct Fault {
+    const char *text;
+    const char *reason; // what follows "f.conf:"
+};
+
+const Fault faults[] = {
+    // lines
+    {"", "1: the file ends without a section '[host]'"},
+    {"[store]\nkind = local\n", "2: the file ends without a section '[host]'"},
+    {"module = m\n[host]\n", "1: 'module' stands before the first section"},
+    {"[host\n", "1: a section line must end in ']'"},
+    {"[host] x\n", "1: a section line must end in ']'"},
+    {"[host]\nmodule m\n", "2: neither '[section]' nor 'key = value'"},
+    {"[host]\nmodule = a\001b\n", "2: a control character in the line"},
+    // sections
+    {"[hosts]\n", "1: no section '[hosts]' is known"},
+    {"[]\n", "1: no section '[]' is known"},
+    {"[host 1]\n", "1: no section '[host 1]' is known"},
+    {"[host]\nmodule = m\n\n[host]\n", "4: section '[host]' is in line 1 already"},
+    {"[port 5]\nphyid = 1\n[port 0x5]\nphyid = 2\n", "3: section '[port 5]' is in line 1 already"},
+    {"[port]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
+    {"[port 0]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
+    {"[port 2147483648]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
+    {"[port 1 2]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
+    // keys; a section that lacks one is named where it began
+    {"[host]\n[store]\n", "1: section '[host]' lacks 'module'"},
+    {"[host]\nmodule = m\n[port 3]\npvid = 2\n", "3: section '[port 3]' lacks 'phyid'"},
+    {"[host]\nmodules = m\n", "2: no key 'modules' is known in '[host]'"},
+    {"[host]\nkind = local\n", "2: no key 'kind' is known in '[host]'"},
+    {"[port 3]\nmodule = m\n", "2: no key 'module' is known in '[port 3]'"},
+    {"[host]\n= m\n", "2: no key '' is known in '[host]'"},
+    {"[host]\nmodule = m\nmodule = m\n", "3: 'module' is in this section already"},
+    {"[host]\nmodule =  # none\n", "2: 'module' has no value"},
+    // values
+    {"[host]\nlog-level = loud\n", "2: 'log-level' must be debug, info, warn or error, not 'loud'"},
+    {"[store]\nkind = Local\n", "2: 'kind' must be local, not 'Local'"},
+    {"[plane]\nkind = ebpf\n", "2: 'kind' must be soft, not 'ebpf'"},
+    {"[port 1]\nrole = trunk\n", "2: 'role' must be access or uplink, not 'trunk'"},
+    {"[port 1]\npvid = 0\n", "2: 'pvid' must be a number from 1 to 4094, not '0'"},
+    {"[port 1]\npvid = 4095\n", "2: 'pvid' must be a number from 1 to 4094, not '4095'"},
+    {"[port 1]\npvid = 10 20\n", "2: 'pvid' must be a number from 1 to 4094, not '10 20'"},
+    {"[port 1]\nphyid = -1\n", "2: 'phyid' must be a number from 0 to 4294967295, not '-1'"},
+    {"[port 1]\nphyid = 4294967296\n", "2: 'phyid' must be a number from 0 to 4294967295, not '4294967296'"},
+    {"[port 1]\nphyid = 9\n[port 2]\nphyid = 0x9\n", "4: 'phyid' is that of [port 1] already, not '0x9'"},
+};
+
+TEST(Config, each_fault_is_one_line_and_leaves_the_record_alone)
+{
+    for (const Fault &fault : faults) {
+        HostConfig config;
+        config.log_file = "as it was";
+        std::string why;
+        EXPECT_FALSE(parse_config(fault.text, "f.conf", config, why)) << fault.text;
+        EXPECT_EQ(why, "f.conf:" + std::string(fault.reason)) << fault.text;
+        EXPECT_EQ(config.log_file, "as it was");
+        EXPECT_TRUE(config.network.ports.empty());
+    }
+}
+
+TEST(Config, the_limit_of_ports_is_kept)
+{
+    std::string text = "[host]\nmodule = m\n";
+    for (size_t i = 1; i <= port_count_max; i++) {
+        text += "[port " + std::to_string(i) + "]\nphyid = " + std::to_string(i) + "\n";
+    }
+    HostConfig config;
+    std::string why;
+    EXPECT_TRUE(parse_config(text, "f.conf", config, why)) << why;
+    EXPECT_FALSE(parse_config(text + "[port 9999]\nphyid = 9999\n", "f.conf", config, why));
+    EXPECT_EQ(why, "f.conf:8195: more than 4096 ports");
+}
+
+TEST(Config, a_file_that_cannot_be_read_is_named_with_the_reason)
+{
+    const std::string folder = testing::TempDir();
+    HostConfig config;
+    std::string why;
+    EXPECT_FALSE(read_config(folder + "no-such.conf", config, why));
+    EXPECT_EQ(why, folder + "no-such.conf: No such file or directory");
+    EXPECT_FALSE(read_config(folder, config, why));
+    EXPECT_EQ(why, folder + ": is a folder");
+    const std::string large = folder + "large_" + std::to_string(getpid()) + ".conf";
+    std::ofstream(large) << std::string(config_size_max + 1, '\n');
+    EXPECT_FALSE(read_config(large, config, why));
+    EXPECT_EQ(why, large + ": larger than 1048576 bytes");
+    std::filesystem::remove(large);
+}
+
+} // namespace

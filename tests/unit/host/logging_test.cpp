@@ -1,0 +1,96 @@
+// The log's levels, categories and forms, through the calls that write to it.
+#include "platform/host/logging.h"
+#include "tq_zlog.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+using namespace vvl;
+using namespace vvl::host;
+
+namespace
+{
+
+void write_lines()
+{
+    void *category = tq_zlog_init("vvlan");
+    for (int level : {TQ_ZLOG_DEBUG, TQ_ZLOG_INFO, TQ_ZLOG_NOTICE, TQ_ZLOG_WARN, TQ_ZLOG_ERROR, TQ_ZLOG_FATAL}) {
+        tqdf_zlog(category, "", 0, "", 0, 1, level, "level {%d}", level); // braces are no placeholders
+    }
+    log_line(LogLevel::debug, "a detail");
+    log_line(LogLevel::error, "a {} fault");
+}
+
+TEST(Logging, journal_lines_carry_their_priority_and_category)
+{
+    std::string why;
+    testing::internal::CaptureStderr();
+    {
+        const auto logging = Logging::open({LogLevel::debug, "", true}, why);
+        ASSERT_NE(logging, nullptr) << why;
+        write_lines();
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "<7>vvlan: level {20}\n"
+                                                      "<6>vvlan: level {40}\n"
+                                                      "<6>vvlan: level {60}\n"
+                                                      "<4>vvlan: level {80}\n"
+                                                      "<3>vvlan: level {100}\n"
+                                                      "<2>vvlan: level {120}\n"
+                                                      "<7>host: a detail\n"
+                                                      "<3>host: a {} fault\n");
+}
+
+TEST(Logging, a_file_is_appended_to_from_its_level_up_with_time_stamps)
+{
+    const std::string file = testing::TempDir() + "vvland_log_" + std::to_string(getpid());
+    std::string why;
+    std::ostringstream text;
+    for (int round = 0; round < 2; round++) {
+        const auto logging = Logging::open({LogLevel::warn, file, true}, why);
+        ASSERT_NE(logging, nullptr) << why;
+        write_lines();
+        text.str(""); // read while it is open: a process that dies keeps its last faults
+        text << std::ifstream(file).rdbuf();
+    }
+    std::filesystem::remove(file);
+    const std::string round = "T warning vvlan: level {80}\n"
+                              "T error vvlan: level {100}\n"
+                              "T critical vvlan: level {120}\n"
+                              "T error host: a {} fault\n";
+    const std::regex stamp("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d");
+    EXPECT_EQ(std::regex_replace(text.str(), stamp, "T"), round + round);
+}
+
+TEST(Logging, a_file_that_cannot_be_opened_is_named_and_the_old_sinks_stay)
+{
+    std::string seen;
+    set_log_sink([&](LogLevel, const std::string &text) { seen = text; });
+    std::string why;
+    EXPECT_EQ(Logging::open({LogLevel::info, "/dev/null/x.log", false}, why), nullptr);
+    EXPECT_NE(why.find("/dev/null/x.log"), std::string::npos) << why;
+    log_line(LogLevel::info, "still here");
+    EXPECT_EQ(seen, "still here");
+    set_log_sink({});
+}
+
+TEST(Logging, only_the_stream_that_the_journal_named_counts_as_the_journal)
+{
+    struct stat status = {};
+    ASSERT_EQ(fstat(2, &status), 0);
+    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
+    EXPECT_TRUE(journal_is_listening());
+    setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino + 1)).c_str(), 1);
+    EXPECT_FALSE(journal_is_listening());
+    unsetenv("JOURNAL_STREAM");
+    EXPECT_FALSE(journal_is_listening());
+}
+
+} // namespace

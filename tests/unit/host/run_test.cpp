@@ -1,0 +1,76 @@
+// The daemon from its configuration file to its end. The module of these tests
+// sends SIGTERM to the process from its first timer, so a run ends by itself.
+#include "platform/host/run.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+using namespace vvl::host;
+
+namespace
+{
+
+class RunTest : public testing::Test
+{
+  protected:
+    RunTest() : folder(testing::TempDir() + "vvland_run_XXXXXX") { EXPECT_NE(mkdtemp(folder.data()), nullptr); }
+    ~RunTest() override { std::filesystem::remove_all(folder); }
+
+    // Writes the files, runs the command on the configuration and returns what
+    // it wrote to standard error.
+    std::string run(int (*command)(const std::string &), const std::string &module, const std::string &startup)
+    {
+        std::ofstream(file("startup.vv")) << startup;
+        std::ofstream(file("vvland.conf")) << "[host]\nmodule = " MODULE_DIR "/" + module + ".so\n"
+                                           << "log-file = log\nstartup = startup.vv\n[port 1]\nphyid = 257\n";
+        testing::internal::CaptureStderr();
+        testing::internal::CaptureStdout();
+        code = command(file("vvland.conf"));
+        testing::internal::GetCapturedStdout();
+        return testing::internal::GetCapturedStderr();
+    }
+
+    std::string log() const
+    {
+        std::ifstream stream(file("log"));
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+
+    std::string file(const std::string &name) const { return folder + "/" + name; }
+
+    std::string folder;
+    int code = -1;
+};
+
+TEST_F(RunTest, a_signal_ends_a_run_in_good_order)
+{
+    EXPECT_EQ(run(run_daemon, "module_ends", "vlan 100 on # the voice VLAN\n\nport 1 auto\n"), "");
+    EXPECT_EQ(code, exit_good);
+    EXPECT_NE(log().find("running, 1 ports"), std::string::npos) << log();
+    EXPECT_NE(log().find("tick 1"), std::string::npos) << log();
+    EXPECT_NE(log().find("stopping"), std::string::npos) << log();
+    EXPECT_EQ(log().find("error"), std::string::npos) << log();
+}
+
+TEST_F(RunTest, a_fault_in_the_startup_file_stops_everything_before_it_begins)
+{
+    for (auto *command : {run_daemon, check_config}) {
+        const std::string said = run(command, "module_ends", "vlan 100 on\nport 2 auto\n");
+        EXPECT_EQ(code, exit_refused);
+        EXPECT_EQ(said.find("vvland: " + file("startup.vv") + ":2: "), 0u) << said;
+        EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+        EXPECT_FALSE(std::filesystem::exists(file("log")));
+    }
+}
+
+TEST_F(RunTest, a_module_that_cannot_be_loaded_is_logged_and_ends_the_run)
+{
+    run(run_daemon, "no_such_module", "");
+    EXPECT_EQ(code, exit_failed);
+    EXPECT_NE(log().find("no_such_module.so: cannot open shared object file"), std::string::npos) << log();
+}
+
+} // namespace
