@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
 #include <unordered_map>
@@ -153,41 +154,31 @@ void erase_all(benchmark::State &state, Setup &setup, Erase erase, Fill fill)
     }
 }
 
-void repeat(benchmark::internal::Benchmark *registered)
-{
-    registered->Repetitions(vvl::bench::repetition_count)->ReportAggregatesOnly(false)->Unit(benchmark::kNanosecond);
-}
-
 template <typename Traits> void register_size(const std::string &suffix, uint32_t count, uint32_t erase_rounds)
 {
     // Lives until the process ends: the benchmarks run after registration.
     auto &setup = *new Setup<Traits>(count);
     using benchmark::RegisterBenchmark;
     for (const auto &[what, keys] : {std::pair{"hit_", &setup.hits}, std::pair{"miss_", &setup.misses}}) {
-        repeat(RegisterBenchmark((what + suffix + "/table").c_str(), [&setup, keys](benchmark::State &state) {
-                   find_in_table(state, setup, *keys);
-               })->MinTime(0.05));
-        repeat(RegisterBenchmark((what + suffix + "/std").c_str(), [&setup, keys](benchmark::State &state) {
-                   find_in_map(state, setup, *keys);
-               })->MinTime(0.05));
+        RegisterBenchmark((what + suffix + "/table").c_str(),
+                          [&setup, keys](benchmark::State &state) { find_in_table(state, setup, *keys); });
+        RegisterBenchmark((what + suffix + "/std").c_str(),
+                          [&setup, keys](benchmark::State &state) { find_in_map(state, setup, *keys); });
     }
-    repeat(RegisterBenchmark(("erase_" + suffix + "/table").c_str(),
-                             [&setup](benchmark::State &state) {
-                                 erase_all(
-                                     state, setup,
-                                     [&](const auto &key) { vvlan_hash_ops<Traits>::remove(setup.table, &key); },
-                                     [&] { setup.fill_table(); });
-                             })
-               ->UseManualTime()
-               ->Iterations(erase_rounds));
-    repeat(RegisterBenchmark(("erase_" + suffix + "/std").c_str(),
-                             [&setup](benchmark::State &state) {
-                                 erase_all(
-                                     state, setup, [&](const auto &key) { setup.map.erase(Key<Traits>(key)); },
-                                     [&] { setup.fill_map(); });
-                             })
-               ->UseManualTime()
-               ->Iterations(erase_rounds));
+    const auto erase_from_table = [&setup](benchmark::State &state) {
+        erase_all(
+            state, setup, [&](const auto &key) { vvlan_hash_ops<Traits>::remove(setup.table, &key); },
+            [&] { setup.fill_table(); });
+    };
+    const auto erase_from_map = [&setup](benchmark::State &state) {
+        erase_all(
+            state, setup, [&](const auto &key) { setup.map.erase(Key<Traits>(key)); }, [&] { setup.fill_map(); });
+    };
+    for (const auto &[name, run] :
+         {std::pair<const char *, std::function<void(benchmark::State &)>>{"/table", erase_from_table},
+          {"/std", erase_from_map}}) {
+        RegisterBenchmark(("erase_" + suffix + name).c_str(), run)->UseManualTime()->Iterations(erase_rounds);
+    }
 }
 
 } // namespace

@@ -14,11 +14,11 @@
 namespace vvl::bench
 {
 
-constexpr int repetition_count = 9;
-
 class Times : public benchmark::ConsoleReporter
 {
   public:
+    Times() : ConsoleReporter(OO_None) {} // plain text, so that the last lines stay readable for machines
+
     void ReportRuns(const std::vector<Run> &runs) override
     {
         ConsoleReporter::ReportRuns(runs);
@@ -60,12 +60,17 @@ inline void print_bar(const std::string &name, double value)
     }
 }
 
-// Runs all registered benchmarks, interleaved; false for bad arguments.
+// Runs all registered benchmarks, repeated and interleaved; the command line
+// can overrule both. False for bad arguments.
 inline bool run_all(Times &times, int argc, char **argv)
 {
-    std::string interleave = "--benchmark_enable_random_interleaving=true";
-    std::vector<char *> arguments(argv, argv + argc);
-    arguments.insert(arguments.begin() + 1, interleave.data());
+    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.05",
+                              "--benchmark_enable_random_interleaving=true"};
+    std::vector<char *> arguments{argv[0]};
+    for (std::string &text : defaults) {
+        arguments.push_back(text.data());
+    }
+    arguments.insert(arguments.end(), argv + 1, argv + argc);
     int count = static_cast<int>(arguments.size());
     arguments.push_back(nullptr);
     benchmark::Initialize(&count, arguments.data());

@@ -18,8 +18,10 @@ class PlaneEvents
   public:
     virtual ~PlaneEvents() = default;
 
-    // A frame of a voice device came in on a trapped port; it was forwarded as
-    // well. The frame lives until the call returns.
+    // A frame of a voice device came in on a trapped port. frame is as it came
+    // in and lives until the call returns. The frame's own way does not change:
+    // it is forwarded as well, or dropped where Acl::security denies it, which
+    // it does to a phone that tags its frames before its port has Acl::voice.
     virtual void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) = 0;
 
     // A source MAC was seen in a VLAN on a port, after the ACLs: at once where

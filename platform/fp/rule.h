@@ -6,6 +6,8 @@
 
 #include <cstdint>
 #include <map>
+#include <span>
+#include <string>
 #include <vector>
 
 namespace vvl::fp
@@ -19,6 +21,11 @@ enum class Acl : uint8_t {
 };
 constexpr size_t acl_count = 3;
 
+// Ranges of a rule's values.
+constexpr uint8_t cos_max = 7;     // IEEE 802.1Q: three bits of priority
+constexpr uint8_t dscp_max = 63;   // RFC 2474: six bits
+constexpr uint16_t vid_max = 4094; // IEEE 802.1Q: 4095 is reserved
+
 constexpr uint8_t acl_bit(Acl acl)
 {
     return static_cast<uint8_t>(1u << static_cast<unsigned>(acl));
@@ -26,13 +33,15 @@ constexpr uint8_t acl_bit(Acl acl)
 
 // How a frame is tagged, as the "vlan_form" match field sees it under mask 3.
 enum class VlanForm : uint8_t {
-    untagged = 0,      // no 802.1Q tag, or a priority tag (VLAN 0)
+    untagged = 0,      // no 802.1Q tag, or a priority tag (outer VLAN 0)
     tagged = 1,        // one 802.1Q tag
     double_tagged = 2, // an outer tag and an inner one
 };
 
 // One ACE. A match that is not set matches every frame; of several matching
 // rules the one whose MAC mask has most bits acts, then the one with the lowest id.
+// Acl::mac_vlan acts by add_tag alone, and sees the VLAN id as it is on the wire
+// (0 without a tag); the others act by the rest, and see the resulting VLAN.
 struct Rule {
     uint64_t id = 0;       // ACE id, 1 and up
     Mac mac{};             // compared under mask; bits outside the mask are ignored
@@ -52,6 +61,11 @@ struct Rule {
     uint16_t tag_vid = 0;  // 1 to 4094
     bool operator==(const Rule &) const = default;
 };
+
+// Whether a plane can take these rules: ascending ids from 1, at most
+// FP_UDP_ACE_COUNT_MAX of them, every value in its range. Otherwise why names
+// the rule and the reason.
+bool check_rules(std::span<const Rule> rules, std::string &why);
 
 // A whole forwarding state.
 struct PlaneState {

@@ -11,6 +11,7 @@
 #include "platform/host/services.h"
 
 #include <dlfcn.h>
+#include <filesystem>
 
 #include <optional>
 
@@ -137,6 +138,13 @@ void Agent::Impl::close_library()
         dlclose(still);
         log_line(LogLevel::error, "module '" + module + "': still in memory after unloading");
     }
+}
+
+std::string default_module_path()
+{
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    return (self.parent_path().parent_path() / "lib" / "libudp_vvlan.so").string();
 }
 
 Agent::Agent(Loop &loop, mom::Store &store, fp::Manager &manager, std::span<const PortId> ports,

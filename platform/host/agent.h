@@ -19,6 +19,10 @@
 namespace vvl::host
 {
 
+// Where a build and an installation have the module, seen from the executable:
+// ../lib/libudp_vvlan.so.
+std::string default_module_path();
+
 class Agent
 {
   public:

@@ -5,6 +5,7 @@
 // lacks shows only at its end, and is reported at the section's own line.
 #include "platform/host/config.h"
 
+#include "platform/host/agent.h"
 #include "platform/host/number.h"
 
 #include <algorithm>
@@ -192,7 +193,7 @@ bool set_role(Parser &parser, const std::string &value, std::string &why)
 }
 
 constexpr Key key_table[] = {
-    {SectionKind::host, true, "module", set_module},      {SectionKind::host, false, "log-level", set_log_level},
+    {SectionKind::host, false, "module", set_module},     {SectionKind::host, false, "log-level", set_log_level},
     {SectionKind::host, false, "log-file", set_log_file}, {SectionKind::host, false, "startup", set_startup},
     {SectionKind::store, false, "kind", set_store_kind},  {SectionKind::plane, false, "kind", set_plane_kind},
     {SectionKind::port, true, "phyid", set_phyid},        {SectionKind::port, false, "pvid", set_pvid},
@@ -337,6 +338,9 @@ bool parse_config(std::string_view text, const std::string &file, HostConfig &co
     if (!good || !parser.finish(reason)) {
         why = file + ":" + std::to_string(std::max(parser.line, 1u)) + ": " + reason;
         return false;
+    }
+    if (parser.config.network.module.empty()) {
+        parser.config.network.module = default_module_path();
     }
     config = std::move(parser.config);
     return true;

@@ -1,11 +1,11 @@
 // vvland's command line. Each subcommand is one call; what it prints and
 // returns is its own.
+#include "platform/host/agent.h"
 #include "platform/host/run.h"
 #include "platform/host/sim/sim.h"
 
 #include <CLI/CLI.hpp>
 
-#include <filesystem>
 #include <map>
 #include <string>
 
@@ -13,14 +13,6 @@ using namespace vvl::host;
 
 namespace
 {
-
-// Where a build and an installation have the module, seen from the executable.
-std::string default_module()
-{
-    std::error_code error;
-    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-    return (self.parent_path().parent_path() / "lib" / "libudp_vvlan.so").string();
-}
 
 void add_run(CLI::App &app, int &code)
 {
@@ -45,7 +37,7 @@ void add_sim(CLI::App &app, int &code)
     auto color = std::make_shared<std::string>("auto");
     auto options = std::make_shared<SimOptions>();
     auto help_commands = std::make_shared<bool>(false);
-    options->module = default_module();
+    options->module = default_module_path();
 
     CLI::App *sim = app.add_subcommand("sim", "Play a scenario against a switch on a virtual clock");
     sim->add_option("FILE", options->scenario, "Scenario file");

@@ -74,7 +74,6 @@ const Fault faults[] = {
     {"[port 2147483648]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     {"[port 1 2]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     // keys; a section that lacks one is named where it began
-    {"[host]\n[store]\n", "1: section '[host]' lacks 'module'"},
     {"[host]\nmodule = m\n[port 3]\npvid = 2\n", "3: section '[port 3]' lacks 'phyid'"},
     {"[host]\nmodules = m\n", "2: no key 'modules' is known in '[host]'"},
     {"[host]\nkind = local\n", "2: no key 'kind' is known in '[host]'"},

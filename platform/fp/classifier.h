@@ -1,0 +1,58 @@
+// Finds the rule that acts on a frame, in a time that depends neither on the
+// number of rules nor on their masks.
+//
+// Limits: FP_UDP_ACE_COUNT_MAX rules. Built once per change of an ACL and then
+// only read; a lookup allocates nothing.
+#pragma once
+
+#include "fp_udp.h"
+#include "platform/fp/rule.h"
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace vvl::fp
+{
+
+class Classifier
+{
+  public:
+    // rules: such that check_rules accepts them; copied.
+    explicit Classifier(std::span<const Rule> rules = {});
+
+    // The rule that acts on a frame with this source MAC (as of to_u64), VLAN
+    // id and VlanForm, or null. Lives as long as the classifier.
+    const Rule *find(uint64_t mac, uint16_t vid, uint8_t form) const;
+
+    // Whether a rule names this source MAC, whatever else it asks for. Rules
+    // for any source MAC do not count.
+    bool names_mac(uint64_t mac) const;
+
+  private:
+    static constexpr size_t digit_count = 2 * mac_size; // hexadecimal digits of an address
+
+    // A set of rules by their ranks, of which the lowest wins: bit n of word 0 is
+    // the rule of rank n, bit n of word 1 that of rank 64 + n. An array, so that
+    // the compiler joins two sets in one step where the processor can.
+    using RuleSet = std::array<uint64_t, 2>;
+    static_assert(FP_UDP_ACE_COUNT_MAX <= 128);
+
+    // What a rule asks of the VLAN id (low 16 bits) and the form (above), kept
+    // apart from the rules so that a lookup touches little memory.
+    struct VlanMatch {
+        uint32_t value;
+        uint32_t mask;
+    };
+
+    RuleSet rules_for(uint64_t mac) const;
+
+    // Per digit of the address and value of that digit: the rules that agree with it.
+    std::array<std::array<RuleSet, 16>, digit_count> agreeing_{};
+    RuleSet naming_{};             // the rules with a MAC mask
+    std::vector<VlanMatch> vlans_; // by rank
+    std::vector<Rule> rules_;      // by rank
+};
+
+} // namespace vvl::fp

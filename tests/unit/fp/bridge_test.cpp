@@ -1,0 +1,141 @@
+// The bridge behind the ACLs: where frames go, and what is learned from them.
+#include "platform/fp/mac_table.h"
+#include "tests/unit/fp/plane_fixture.h"
+
+namespace vvl::fp::test
+{
+namespace
+{
+
+class BridgeTest : public PlaneTest
+{
+  protected:
+    std::vector<uint32_t> ports_reached(uint32_t phyid, const Bytes &frame)
+    {
+        std::vector<uint32_t> ports;
+        for (const auto &[port, bytes] : rig_->send(phyid, frame)) {
+            EXPECT_EQ(frame, bytes);
+            ports.push_back(port);
+        }
+        return ports;
+    }
+};
+
+using Ports = std::vector<uint32_t>;
+
+Bytes frame_to(const Mac &to, const Mac &from, std::initializer_list<unsigned> tags = {})
+{
+    return ethernet(to, from, tags, 0x0800, ipv4(0));
+}
+
+TEST_P(BridgeTest, UnknownAndGroupDestinationsFollowTheUplinkRule)
+{
+    for (const Mac &to : {server, broadcast, Mac{1, 0, 0x5e, 0, 0, 1}}) {
+        EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(to, phone)));
+        EXPECT_EQ(Ports({1, 2, 3}), ports_reached(uplink, frame_to(to, stranger)));
+    }
+    rig_->set_link(2, false);
+    EXPECT_EQ(Ports({1, 3}), ports_reached(uplink, frame_to(broadcast, stranger)));
+    EXPECT_EQ(Ports(), ports_reached(2, frame_to(broadcast, phone)));
+    EXPECT_EQ(1u, rig_->counters(2).dropped);
+    EXPECT_EQ(Ports(), ports_reached(77, frame_to(broadcast, phone)));
+}
+
+TEST_P(BridgeTest, KnownDestinationIsReachedInItsVlanAlone)
+{
+    rig_->send(2, frame_to(broadcast, server));
+    EXPECT_EQ(Ports({2}), ports_reached(1, frame_to(server, phone)));
+    EXPECT_EQ(Ports({2}), ports_reached(uplink, frame_to(server, stranger)));
+    EXPECT_EQ(Ports(), ports_reached(2, frame_to(server, stranger))); // behind the same port
+    EXPECT_EQ(Ports({2}), ports_reached(3, frame_to(server, phone, {0x8100, 1})));
+    EXPECT_EQ(Ports({uplink}), ports_reached(3, frame_to(server, phone))); // VLAN 7
+    EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone, {0x8100, 7})));
+
+    rig_->plane().forget(1, server);
+    EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone)));
+    rig_->send(2, frame_to(broadcast, server));
+    rig_->set_link(2, false);
+    EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone)));
+}
+
+TEST_P(BridgeTest, AddressIsReportedWhenNewMovedForgottenOrDue)
+{
+    const Bytes frame = frame_to(broadcast, phone);
+    const auto reports = [&](uint32_t phyid, const Bytes &bytes) {
+        seen_.clear();
+        rig_->send(phyid, bytes);
+        return seen_;
+    };
+    using Reports = std::vector<Seen>;
+    EXPECT_EQ(Reports({{1, phone, 1}}), reports(1, frame));
+    rig_->advance(mac_seen_interval_us - 1);
+    EXPECT_EQ(Reports(), reports(1, frame));
+    rig_->advance(1);
+    EXPECT_EQ(Reports({{1, phone, 1}}), reports(1, frame));
+    EXPECT_EQ(Reports({{1, phone, 2}}), reports(2, frame));
+    EXPECT_EQ(Reports({{7, phone, 3}}), reports(3, frame)); // another VLAN, another address
+    rig_->plane().forget(1, phone);
+    EXPECT_EQ(Reports({{1, phone, 2}}), reports(2, frame));
+    rig_->set_link(2, false);
+    rig_->set_link(2, true);
+    EXPECT_EQ(Reports({{1, phone, 2}}), reports(2, frame));
+}
+
+TEST_P(BridgeTest, AddressIsLearnedInTheResultingVlanAndNotFromDeniedFrames)
+{
+    PlaneState state;
+    state.rules[0] = {voice_tag_rule(5)};
+    state.rules[2] = {deny_rule()};
+    state.binding = {{1, acl_bit(Acl::mac_vlan)}, {2, acl_bit(Acl::security)}};
+    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    rig_->send(1, frame_to(broadcast, phone));
+    rig_->send(2, frame_to(broadcast, stranger, {0x8100, voice_vlan}));
+    rig_->send(1, frame_to(broadcast, Mac{3, 0, 0, 0, 0, 1})); // a group address
+    rig_->send(1, frame_to(broadcast, Mac{}));
+    EXPECT_EQ(std::vector<Seen>({{voice_vlan, phone, 1}}), seen_);
+}
+
+INSTANTIATE_TEST_SUITE_P(Planes, BridgeTest, ::testing::ValuesIn(planes_under_test),
+                         [](const auto &row) { return row.param.name; });
+
+// An output that brings the frame back in, as a cable between two ports would.
+TEST(SoftPlaneLoop, FrameThatComesBackDuringItsOwnOutputIsForwardedWhole)
+{
+    VirtualLoop loop;
+    SoftPlane plane(loop);
+    for (uint32_t phyid : {1u, 2u, 3u}) {
+        plane.add_port(phyid, 1, false);
+    }
+    plane.add_port(uplink, 1, true);
+    const Bytes frame = frame_to(broadcast, phone);
+    Sent sent;
+    plane.set_output([&](uint32_t phyid, std::span<const uint8_t> bytes) {
+        sent.emplace_back(phyid, Bytes(bytes.begin(), bytes.end()));
+        if (phyid == 1) {
+            plane.receive(2, frame_to(server, stranger, {0x8100, 5}));
+        }
+    });
+    plane.receive(uplink, frame);
+    const Sent expected = {{1, frame}, {uplink, frame_to(server, stranger, {0x8100, 5})}, {2, frame}, {3, frame}};
+    EXPECT_EQ(expected, sent);
+}
+
+TEST(MacTable, FullTableKeepsWhatItKnowsAndCountsTheRest)
+{
+    MacTable table;
+    for (uint64_t mac = 1; mac <= mac_table_max; mac++) {
+        ASSERT_TRUE(table.learn(1, mac, 1, 0));
+    }
+    uint32_t phyid = 0;
+    EXPECT_FALSE(table.learn(2, 1, 1, 0));
+    EXPECT_FALSE(table.find(2, 1, phyid));
+    EXPECT_EQ(1u, table.refused());
+    EXPECT_TRUE(table.learn(1, 1, 2, 0)); // a known one may still move
+    table.forget_port(1);
+    EXPECT_TRUE(table.find(1, 1, phyid));
+    EXPECT_EQ(2u, phyid);
+    EXPECT_TRUE(table.learn(2, 1, 1, 0));
+}
+
+} // namespace
+} // namespace vvl::fp::test

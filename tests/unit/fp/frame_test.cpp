@@ -1,0 +1,147 @@
+// Header reading and rewriting: every form, every length, and checksums judged
+// by recomputing them.
+#include "platform/fp/frame.h"
+#include "tests/unit/fp/frames.h"
+
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <tuple>
+
+namespace vvl::fp::test
+{
+namespace
+{
+
+Bytes framed(std::initializer_list<unsigned> tags, unsigned type, const Bytes &payload)
+{
+    return ethernet(server, phone, tags, type, payload);
+}
+
+Bytes cut(const Bytes &frame, size_t size)
+{
+    return {frame.begin(), frame.begin() + static_cast<long>(size)}; // as large on the heap
+}
+
+// Each form, whole and at each length that it can be cut to: no access behind
+// the end, and an IP header that is not whole stays as it is.
+TEST(FrameHeader, ReadsEveryFormAtEveryLength)
+{
+    const struct {
+        Bytes frame;
+        VlanForm form;
+        uint16_t vid;
+        uint16_t type;
+        size_t header_size;
+    } cases[] = {
+        {framed({}, 0x0800, ipv4(0)), VlanForm::untagged, 0, 0x0800, 14},
+        {framed({0x8100, 0xf000}, 0x0800, ipv4(0)), VlanForm::untagged, 0, 0x0800, 18},
+        {framed({0x8100, 0x7064}, 0x86dd, ipv6(0)), VlanForm::tagged, 100, 0x86dd, 18},
+        {framed({0x88a8, 0x0fff}, 0x0800, ipv4(0)), VlanForm::tagged, 4095, 0x0800, 18},
+        {framed({0x88a8, 7, 0x8100, 9}, 0x0800, ipv4(0, 1, 3)), VlanForm::double_tagged, 7, 0x0800, 22},
+        {framed({0x8100, 7, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::double_tagged, 7, 0x0800, 22},
+        {framed({0x9100, 7, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::double_tagged, 7, 0x0800, 22},
+        {framed({0x8100, 0, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::untagged, 0, 0x0800, 22},
+        {framed({0x8100, 7}, 0x9100, ipv4(0)), VlanForm::tagged, 7, 0x9100, 18}, // an outer type inside
+        {framed({}, 0x05dc, Bytes(50, 0x42)), VlanForm::untagged, 0, 0x05dc, 14},
+        {framed({0x8100, 3}, 4, {1, 2, 3, 4}), VlanForm::tagged, 3, 4, 18},
+    };
+    for (const auto &one : cases) {
+        for (size_t size = 0; size <= one.frame.size(); size++) {
+            SCOPED_TRACE("case " + std::to_string(&one - cases) + " cut to " + std::to_string(size));
+            Bytes frame = cut(one.frame, size);
+            FrameHeader header;
+            const bool whole = read_header(frame, header);
+            ASSERT_EQ(size >= one.header_size, whole);
+            if (!whole) {
+                continue;
+            }
+            EXPECT_EQ(std::tuple(to_u64(server.data()), to_u64(phone.data()), one.form, one.vid, one.type),
+                      std::tuple(header.destination, header.source, header.form(), header.vid, header.ethertype));
+            EXPECT_EQ(one.header_size, header.payload);
+            const size_t ip_size = one.type == 0x0800
+                                       ? (frame.size() > header.payload ? 4 * (frame[header.payload] & 15) : 20)
+                                   : one.type == 0x86dd ? 40
+                                                        : SIZE_MAX;
+            EXPECT_EQ(size - one.header_size >= ip_size, set_dscp(frame, header, 46));
+            EXPECT_EQ(size - one.header_size >= ip_size, frame != cut(one.frame, size));
+            EXPECT_EQ(header.tag_count > 0, set_cos(frame, header, 5));
+        }
+    }
+}
+
+TEST(FrameRewrite, Ipv4DscpKeepsEcnAndChecksumForAnyHeader)
+{
+    const uint64_t seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937_64 random(seed);
+    for (int i = 0; i < 20000; i++) {
+        const auto tos = static_cast<unsigned>(random() % 256);
+        const auto dscp = static_cast<uint8_t>(random() % 64);
+        const auto options = static_cast<unsigned>(random() % 11);
+        const Bytes before = framed({}, 0x0800, ipv4(tos, static_cast<unsigned>(random() & 0xffff), options));
+        Bytes after = before;
+        FrameHeader header;
+        ASSERT_TRUE(read_header(after, header));
+        ASSERT_TRUE(set_dscp(after, header, dscp));
+        ASSERT_EQ(dscp << 2 | (tos & 3), after[15]);
+        ASSERT_EQ(0xffff, ipv4_sum(std::span(after).subspan(14)));
+        Bytes restored = after;
+        restored[15] = before[15];
+        restored[24] = before[24];
+        restored[25] = before[25];
+        ASSERT_EQ(before, tos >> 2 == dscp ? after : restored);
+    }
+}
+
+// A header that lies about its length or version is left alone; one that was
+// damaged on its way must not look sound behind the switch.
+TEST(FrameRewrite, BrokenIpv4HeadersAreNotMended)
+{
+    for (uint8_t first : {0x44, 0x4f, 0x65, 0x05, 0x45}) {
+        Bytes frame = framed({}, 0x0800, ipv4(0));
+        frame[14] = first;
+        frame[24] ^= 0x10;
+        const Bytes before = frame;
+        FrameHeader header;
+        ASSERT_TRUE(read_header(frame, header));
+        EXPECT_EQ(first == 0x45, set_dscp(frame, header, 46));
+        EXPECT_EQ(first == 0x45, before != frame);
+        EXPECT_TRUE(first != 0x45 || ipv4_sum(std::span(frame).subspan(14)) != 0xffff);
+    }
+}
+
+TEST(FrameRewrite, ChangesItsOwnBitsAlone)
+{
+    using Change = void (*)(Bytes &, FrameHeader &);
+    const Change tag = [](Bytes &frame, FrameHeader &header) { add_tag(frame, header, 100); };
+    const Change cos = [](Bytes &frame, FrameHeader &header) { set_cos(frame, header, 2); };
+    const Change dscp = [](Bytes &frame, FrameHeader &header) { set_dscp(frame, header, 46); };
+    Bytes odd_checksum = ipv4(46 << 2);
+    odd_checksum[10] = odd_checksum[11] = 0xff;
+    const struct {
+        Change change;
+        Bytes before;
+        Bytes after;
+    } cases[] = {
+        {tag, framed({}, 0x0800, ipv4(0)), framed({0x8100, 100}, 0x0800, ipv4(0))},
+        {tag, framed({}, 3, {1, 2, 3}), framed({0x8100, 100}, 3, {1, 2, 3})},
+        {tag, framed({0x8100, 0xb000}, 0x0806, {1}), framed({0x8100, 0xb064}, 0x0806, {1})},
+        {cos, framed({0x88a8, 0xf007, 0x8100, 0x2009}, 5, {}), framed({0x88a8, 0x5007, 0x8100, 0x2009}, 5, {})},
+        {dscp, framed({}, 0x0800, odd_checksum), framed({}, 0x0800, odd_checksum)}, // nothing to change
+        {dscp, framed({0x8100, 5}, 0x86dd, ipv6(0xfe)), framed({0x8100, 5}, 0x86dd, ipv6(46 << 2 | 2))},
+    };
+    for (const auto &one : cases) {
+        Bytes frame = one.before;
+        FrameHeader header, again;
+        ASSERT_TRUE(read_header(frame, header));
+        one.change(frame, header);
+        EXPECT_EQ(one.after, frame);
+        ASSERT_TRUE(read_header(frame, again));
+        EXPECT_EQ(again.payload, header.payload);
+        EXPECT_EQ(again.form(), header.form());
+    }
+}
+
+} // namespace
+} // namespace vvl::fp::test

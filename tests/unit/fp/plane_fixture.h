@@ -1,0 +1,137 @@
+// A plane under test: how one is set up and driven. Each row of
+// planes_under_test passes the same contract tests.
+//
+// The switch has the access ports 1 and 2 (VLAN 1) and 3 (VLAN 7), and the
+// uplink 9 (VLAN 1).
+#pragma once
+
+#include "platform/base/virtual_loop.h"
+#include "platform/fp/plane_soft.h"
+#include "tests/unit/fp/frames.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <ostream>
+#include <tuple>
+
+namespace vvl::fp::test
+{
+
+constexpr uint32_t uplink = 9;
+constexpr uint16_t voice_vlan = 100;
+
+using Sent = std::vector<std::pair<uint32_t, Bytes>>; // phyid and frame, in order
+
+// Drives one plane. Frames and events are complete when send returns.
+class Rig
+{
+  public:
+    virtual ~Rig() = default;
+    virtual Plane &plane() = 0;
+    virtual void set_events(PlaneEvents *events) = 0;
+    virtual void set_link(uint32_t phyid, bool up) = 0;
+    virtual Sent send(uint32_t phyid, const Bytes &frame) = 0;
+    virtual PortCounters counters(uint32_t phyid) = 0;
+    virtual void advance(uint64_t delta_us) = 0;
+};
+
+class SoftRig final : public Rig
+{
+  public:
+    SoftRig()
+    {
+        plane_.set_output([this](uint32_t phyid, std::span<const uint8_t> frame) {
+            sent_.emplace_back(phyid, Bytes(frame.begin(), frame.end()));
+        });
+        plane_.add_port(uplink, 1, true);
+        plane_.add_port(1, 1, false);
+        plane_.add_port(2, 1, false);
+        plane_.add_port(3, 7, false);
+    }
+    Plane &plane() override { return plane_; }
+    void set_events(PlaneEvents *events) override { plane_.set_events(events); }
+    void set_link(uint32_t phyid, bool up) override { plane_.set_link(phyid, up); }
+    Sent send(uint32_t phyid, const Bytes &frame) override
+    {
+        plane_.receive(phyid, Bytes(frame.begin(), frame.end())); // as large on the heap
+        return std::exchange(sent_, {});
+    }
+    PortCounters counters(uint32_t phyid) override { return plane_.counters(phyid); }
+    void advance(uint64_t delta_us) override { loop_.advance(delta_us); }
+
+  private:
+    VirtualLoop loop_;
+    SoftPlane plane_{loop_};
+    Sent sent_;
+};
+
+struct PlaneUnderTest {
+    const char *name;
+    std::unique_ptr<Rig> (*make)();
+};
+
+inline const PlaneUnderTest planes_under_test[] = {
+    {"soft", []() -> std::unique_ptr<Rig> { return std::make_unique<SoftRig>(); }},
+};
+
+// A row is named by its plane alone: test names stay the same from run to run.
+inline void PrintTo(const PlaneUnderTest &row, std::ostream *out)
+{
+    *out << row.name;
+}
+
+class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneEvents
+{
+  public:
+    using Seen = std::tuple<uint16_t, Mac, uint32_t>; // VLAN, address, port
+    using Trapped = std::tuple<uint32_t, Mac, Bytes>; // port, address, frame
+
+    void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) override
+    {
+        trapped_.emplace_back(phyid, source, Bytes(frame.begin(), frame.end()));
+    }
+    void mac_seen(uint16_t vlan, const Mac &mac, uint32_t phyid) override { seen_.emplace_back(vlan, mac, phyid); }
+
+  protected:
+    PlaneTest() { rig_->set_events(this); }
+
+    // Replaces the rules of an ACL, and what is bound to port 1.
+    void install(Acl acl, const std::vector<Rule> &rules, uint8_t bound)
+    {
+        ASSERT_EQ(0, rig_->plane().set_rules(acl, rules));
+        ASSERT_EQ(0, rig_->plane().set_binding(1, bound));
+    }
+
+    // The frame as it leaves the uplink, where nothing is learned, or nothing.
+    Bytes through(uint32_t phyid, const Bytes &frame)
+    {
+        const Sent sent = rig_->send(phyid, frame);
+        return sent.empty() ? Bytes{} : sent.back().second;
+    }
+
+    std::unique_ptr<Rig> rig_ = GetParam().make();
+    std::vector<Trapped> trapped_;
+    std::vector<Seen> seen_;
+};
+
+// Rules as an application makes them, for devices whose first 24 bits are the phone's.
+inline Rule voice_tag_rule(uint64_t id)
+{
+    return {.id = id, .mac = phone, .mask = prefix_mask(24), .form_mask = 3, .add_tag = true, .tag_vid = voice_vlan};
+}
+
+inline Rule voice_mark_rule(uint64_t id)
+{
+    Rule rule{.id = id, .mac = phone, .mask = prefix_mask(24), .vid = voice_vlan, .vid_mask = 0xffff};
+    rule.set_cos = rule.set_dscp = rule.set_prio = true;
+    rule.cos = rule.prio = 6;
+    rule.dscp = 46;
+    return rule;
+}
+
+inline Rule deny_rule()
+{
+    return {.id = 1, .vid = voice_vlan, .vid_mask = 0xffff, .drop = true};
+}
+
+} // namespace vvl::fp::test

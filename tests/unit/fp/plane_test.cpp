@@ -1,0 +1,207 @@
+// What every plane makes of rules and bindings: each rule matches, its
+// neighbours do not, and after its removal it no longer matches.
+#include "fp_udp.h"
+#include "tests/unit/fp/plane_fixture.h"
+
+namespace vvl::fp::test
+{
+namespace
+{
+
+constexpr uint8_t all_acls = acl_bit(Acl::mac_vlan) | acl_bit(Acl::voice) | acl_bit(Acl::security);
+
+Bytes untagged(const Mac &from)
+{
+    return ethernet(server, from, {}, 0x0800, ipv4(1));
+}
+
+Bytes tagged(const Mac &from, unsigned control, unsigned tos = 1)
+{
+    return ethernet(server, from, {0x8100, control}, 0x0800, ipv4(tos));
+}
+
+TEST_P(PlaneTest, MacVlanRuleTagsUntaggedFramesOfItsDevices)
+{
+    install(Acl::mac_vlan, {voice_tag_rule(5)}, 0);
+    EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
+    install(Acl::mac_vlan, {voice_tag_rule(5)}, acl_bit(Acl::mac_vlan));
+    EXPECT_EQ(tagged(phone, 100), through(1, untagged(phone)));
+    EXPECT_EQ(tagged(phone, 0xb064), through(1, tagged(phone, 0xb000))); // priority tag, with DEI
+    EXPECT_EQ(2u, rig_->counters(1).tagged);
+
+    Rule any_form = voice_tag_rule(5);
+    any_form.form_mask = 0; // a tag has the last word even then
+    install(Acl::mac_vlan, {any_form}, acl_bit(Acl::mac_vlan));
+    EXPECT_EQ(tagged(phone, 8), through(1, tagged(phone, 8)));
+    EXPECT_EQ(untagged(stranger), through(1, untagged(stranger)));
+    EXPECT_EQ(untagged(phone), through(2, untagged(phone)));
+
+    ASSERT_EQ(0, rig_->plane().set_rules(Acl::mac_vlan, {}));
+    EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
+    EXPECT_EQ(2u, rig_->counters(1).tagged);
+    EXPECT_EQ(0u, rig_->counters(1).remarked);
+}
+
+TEST_P(PlaneTest, VoiceRuleMarksItsDevicesInTheVoiceVlan)
+{
+    install(Acl::voice, {voice_mark_rule(5)}, acl_bit(Acl::voice));
+    const Bytes marked = tagged(phone, 0xd064, 46 << 2 | 1);
+
+    EXPECT_EQ(marked, through(1, tagged(phone, 0x1064)));
+    EXPECT_EQ(marked, through(1, marked)); // counts, though nothing is left to change
+    EXPECT_EQ(2u, rig_->counters(1).remarked);
+
+    EXPECT_EQ(tagged(phone, 101), through(1, tagged(phone, 101)));
+    EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
+    EXPECT_EQ(tagged(phone, 100), through(2, tagged(phone, 100)));
+    EXPECT_EQ(untagged(phone), through(1, untagged(phone))); // in VLAN 1
+    EXPECT_EQ(2u, rig_->counters(1).remarked);
+
+    ASSERT_EQ(0, rig_->plane().set_binding(1, 0));
+    EXPECT_EQ(tagged(phone, 100), through(1, tagged(phone, 100)));
+}
+
+// A frame without a tag has no place for a CoS, and one without IP none for a DSCP.
+TEST_P(PlaneTest, MarksOnlyWhatTheFrameHas)
+{
+    Rule rule = voice_mark_rule(1);
+    rule.vid = 1;
+    install(Acl::security, {rule}, acl_bit(Acl::security));
+    const Bytes arp = ethernet(broadcast, phone, {}, 0x0806, Bytes(28, 1));
+    EXPECT_EQ(arp, through(1, arp));
+    EXPECT_EQ(0u, rig_->counters(1).remarked);
+    EXPECT_EQ(ethernet(server, phone, {}, 0x0800, ipv4(46 << 2 | 1)), through(1, untagged(phone)));
+    EXPECT_EQ(ethernet(server, phone, {}, 0x86dd, ipv6(46 << 2)),
+              through(1, ethernet(server, phone, {}, 0x86dd, ipv6(0))));
+    EXPECT_EQ(2u, rig_->counters(1).remarked);
+}
+
+TEST_P(PlaneTest, SecurityRuleJudgesOnlyWhatTheVoiceAclLeaves)
+{
+    install(Acl::voice, {voice_mark_rule(5)}, 0);
+    install(Acl::security, {deny_rule()}, acl_bit(Acl::voice) | acl_bit(Acl::security));
+    ASSERT_EQ(0, rig_->plane().set_binding(2, acl_bit(Acl::security)));
+
+    EXPECT_TRUE(through(1, tagged(stranger, 100)).empty());
+    EXPECT_TRUE(through(2, tagged(phone, 100)).empty()); // no voice ACL there
+    EXPECT_EQ(1u, rig_->counters(1).dropped);
+    EXPECT_FALSE(through(1, tagged(phone, 100)).empty());
+    EXPECT_FALSE(through(1, tagged(stranger, 101)).empty());
+    EXPECT_FALSE(through(3, tagged(stranger, 100)).empty());
+
+    ASSERT_EQ(0, rig_->plane().set_rules(Acl::security, {}));
+    EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
+    EXPECT_EQ(1u, rig_->counters(1).dropped);
+}
+
+TEST_P(PlaneTest, UntaggedVoiceFrameIsTaggedThenMarked)
+{
+    PlaneState state;
+    state.rules[0] = {voice_tag_rule(5)};
+    state.rules[1] = {voice_mark_rule(5)};
+    state.rules[2] = {deny_rule()};
+    state.binding = {{1, all_acls}};
+    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    EXPECT_EQ(tagged(phone, 0xc064, 46 << 2 | 1), through(1, untagged(phone)));
+    EXPECT_EQ(untagged(stranger), through(1, untagged(stranger)));
+
+    state.binding = {{2, all_acls}};
+    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
+    EXPECT_EQ(tagged(phone, 0xc064, 46 << 2 | 1), through(2, untagged(phone)));
+}
+
+TEST_P(PlaneTest, LongerMaskWinsThenLowerId)
+{
+    std::vector<Rule> rules(4);
+    for (uint8_t i = 0; i < 4; i++) {
+        const unsigned bits[] = {0, 24, 24, 25};
+        rules[i] = {.id = i + 1u, .mac = phone, .mask = prefix_mask(bits[i]), .set_cos = true, .cos = i};
+    }
+    install(Acl::voice, rules, acl_bit(Acl::voice));
+    Mac other_half = phone;
+    other_half[3] |= 0x80;
+    EXPECT_EQ(tagged(phone, 0x6064), through(1, tagged(phone, 100)));
+    EXPECT_EQ(tagged(other_half, 0x2064), through(1, tagged(other_half, 100)));
+    EXPECT_EQ(tagged(stranger, 0x0064), through(1, tagged(stranger, 0xe064)));
+}
+
+TEST_P(PlaneTest, RefusedRulesChangeNothing)
+{
+    install(Acl::voice, {voice_mark_rule(5)}, acl_bit(Acl::voice));
+    Rule cos = voice_mark_rule(1), dscp = cos, vid = cos, tag = cos;
+    cos.cos = 8;
+    dscp.dscp = 64;
+    vid.vid = 4095;
+    tag.add_tag = true;
+    std::vector<Rule> too_many;
+    for (uint64_t id = 1; id <= FP_UDP_ACE_COUNT_MAX + 1; id++) {
+        too_many.push_back(voice_mark_rule(id));
+    }
+    const std::vector<Rule> bad_lists[] = {
+        {cos}, {dscp}, {vid}, {tag}, {voice_mark_rule(0)}, {voice_mark_rule(2), voice_mark_rule(2)}, too_many};
+    for (const std::vector<Rule> &bad : bad_lists) {
+        EXPECT_GT(0, rig_->plane().set_rules(Acl::voice, bad));
+        PlaneState state;
+        state.rules[2] = bad;
+        EXPECT_GT(0, rig_->plane().replace_all(state));
+        EXPECT_EQ(tagged(phone, 0xc064, 46 << 2), through(1, tagged(phone, 100, 0)));
+    }
+}
+
+// Whatever is cut off, the frame passes or is dropped, and never grows a byte
+// that it did not have, save for the tag.
+TEST_P(PlaneTest, CutFramesAreForwardedOrDropped)
+{
+    PlaneState state;
+    state.rules[0] = {voice_tag_rule(5)};
+    state.rules[1] = {voice_mark_rule(5)};
+    state.binding = {{1, all_acls}};
+    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    for (const Bytes &frame : {untagged(phone), tagged(phone, 0), tagged(phone, 100),
+                               ethernet(server, phone, {0x88a8, 100, 0x8100, 5}, 0x0800, ipv4(0, 1, 3))}) {
+        const size_t header_size = frame[12] == 8 ? 14 : frame[12] == 0x88 ? 22 : 18;
+        for (size_t size = 0; size < frame.size(); size++) {
+            const Bytes out = through(1, Bytes(frame.begin(), frame.begin() + static_cast<long>(size)));
+            EXPECT_EQ(size < header_size ? 0 : size + (header_size == 14 ? 4 : 0), out.size());
+        }
+    }
+    EXPECT_EQ(14u + 18 + 18 + 22, rig_->counters(1).dropped);
+}
+
+// The device is noticed in any VLAN, before any ACL is bound, and where the
+// security ACL denies it.
+TEST_P(PlaneTest, TrapCopiesFramesOfVoiceDevicesAsTheyCameIn)
+{
+    PlaneState state;
+    state.rules[1] = {voice_mark_rule(5)};
+    state.rules[2] = {deny_rule()};
+    state.binding = {{2, acl_bit(Acl::security)}};
+    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    through(1, untagged(phone));
+    EXPECT_TRUE(trapped_.empty());
+    ASSERT_EQ(0, rig_->plane().set_trap(1, true));
+    ASSERT_EQ(0, rig_->plane().set_trap(2, true));
+
+    EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
+    EXPECT_EQ(tagged(phone, 55), through(1, tagged(phone, 55)));
+    EXPECT_TRUE(through(2, tagged(phone, 100)).empty());
+    through(1, untagged(stranger));
+    through(3, untagged(phone));
+    const std::vector<Trapped> expected = {
+        {1, phone, untagged(phone)}, {1, phone, tagged(phone, 55)}, {2, phone, tagged(phone, 100)}};
+    EXPECT_EQ(expected, trapped_);
+    EXPECT_EQ(2u, rig_->counters(1).trapped);
+
+    ASSERT_EQ(0, rig_->plane().set_trap(1, false));
+    through(1, untagged(phone));
+    ASSERT_EQ(0, rig_->plane().set_rules(Acl::voice, {}));
+    through(2, untagged(phone));
+    EXPECT_EQ(3u, trapped_.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Planes, PlaneTest, ::testing::ValuesIn(planes_under_test),
+                         [](const auto &row) { return row.param.name; });
+
+} // namespace
+} // namespace vvl::fp::test
