@@ -29,7 +29,7 @@ extern "C" {
 
 /* Operations (tq_mom_record_t::operate). */
 #define TQ_MOM_SET 1          /* object written; object: the message */
-#define TQ_MOM_DEL 3          /* object removed; object: a message with its key alone (see subscribe_field) */
+#define TQ_MOM_DEL 3          /* object removed; object: the message as the subscriber saw it last, at least its key */
 #define TQ_MOM_HSET 4         /* fields of a keyless object written; object: tq_mom_hash_t */
 #define TQ_MOM_PUBLISH 24     /* message published, not stored; object: the message */
 #define TQ_MOM_WITHDRAWN 28   /* unsubscribed: the subscriber withdraws its registration */

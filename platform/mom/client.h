@@ -9,12 +9,26 @@
 #include "platform/base/loop.h"
 #include "tq_mom.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace vvl::mom
 {
 
 class Store; // store.h
+
+// Limits and constants of a client.
+constexpr size_t subscription_count_max = 64; // one more is refused with TQ_MOM_E_MEMORY
+constexpr int32_t reconnect_complete = 1;     // reconnect callback's type: nothing was missed
+constexpr int32_t reconnect_missed = 2;       // changes may have been missed
+
+struct ClientCounters {
+    uint64_t delivered = 0;         // records given to callbacks
+    uint64_t callback_failures = 0; // callbacks of any kind that returned non-zero
+    uint64_t refused = 0;           // calls that returned non-zero, and reads that failed
+    uint64_t malformed = 0;         // stored objects that could not be built and were passed over
+};
 
 // Makes ctx a client of the store. name is used in log lines. store and loop
 // must outlive the client. Returns 0, or TQ_MOM_E_INVALID where ctx is null or
@@ -26,9 +40,13 @@ int attach(void *ctx, Store &store, Loop &loop, const std::string &name);
 // stale marks. An unknown ctx is ignored.
 void detach(void *ctx);
 
+// All zero for an unknown ctx.
+ClientCounters counters(void *ctx);
+
 // ---- Operations that only the platform's own clients use ----
 
-// Tells the subscribers (TQ_MOM_PUBLISH) without storing anything.
+// Tells the subscribers of the type (TQ_MOM_PUBLISH) without storing anything.
+// Field subscriptions are not told, since no field changes.
 int publish(void *ctx, uint32_t db, const ProtobufCMessage *object);
 
 // Writes the named fields of a keyless object, default values included, and
@@ -37,8 +55,10 @@ int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uin
 
 // Cuts the client's connection to a database (up false) or lets it come back.
 // While it is cut, operations answer TQ_MOM_E_UNREACHABLE and nothing is
-// delivered; the disconnect callback and, on return, the reconnect callback
-// (type 2) come from the loop.
+// delivered, not even what was on its way at the cut; the disconnect callback
+// and, on return, the reconnect callback (type 2) come from the loop. Connect
+// callbacks that were armed wait for the return. Subscriptions are silent
+// until they are made again.
 int set_link(void *ctx, uint32_t db, bool up);
 
 } // namespace vvl::mom

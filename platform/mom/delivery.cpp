@@ -1,0 +1,77 @@
+// Records on their way to a client's callbacks. An object counts as malformed
+// also where its own key is not the one that it is kept under: following it
+// would make two objects of one.
+#include "platform/mom/delivery.h"
+
+#include "platform/base/log.h"
+
+namespace vvl::mom
+{
+
+MessagePtr Delivery::build(const ObjectType &type, uint32_t db, const Object &object)
+{
+    MessagePtr message;
+    if (type.key == nullptr) {
+        std::string bytes;
+        if (join_fields(object.value.fields, bytes)) {
+            message = unpack(type, bytes);
+        }
+    } else {
+        message = unpack(type, object.value.bytes);
+        std::string key;
+        if (message && (!encode_key(type, *message, key) || key != object.key)) {
+            message.reset();
+        }
+    }
+    if (!message) {
+        count_malformed(type, db, object.key);
+    }
+    return message;
+}
+
+MessagePtr Delivery::build_removed(const ObjectType &type, uint32_t db, const std::string &key)
+{
+    MessagePtr message = decode_key(type, key);
+    if (!message) {
+        count_malformed(type, db, key);
+    }
+    return message;
+}
+
+void Delivery::count_malformed(const ObjectType &type, uint32_t db, const std::string &key)
+{
+    counters.malformed++;
+    const std::string object = std::to_string(db) + " " + type.descriptor->name + ":" + key;
+    if (malformed_logged_.size() < malformed_logged_max && malformed_logged_.insert(object).second) {
+        log_line(LogLevel::error, name_ + ": object in database " + object + " is malformed and passed over");
+    }
+}
+
+void Delivery::send_plain(const Receiver &to, int32_t operate, int32_t phase, int32_t error)
+{
+    send(to, {operate, nullptr, phase, error});
+}
+
+void Delivery::send_message(const Receiver &to, int32_t operate, MessagePtr message)
+{
+    send(to, {operate, message.get(), TQ_MOM_RECORD, TQ_MOM_OK});
+}
+
+void Delivery::send_hash(const Receiver &to, int32_t operate, MessagePtr message, std::vector<uint32_t> fields)
+{
+    tq_mom_hash_t hash{message.get(), fields.data(), static_cast<uint32_t>(fields.size()), TQ_MOM_OK};
+    send(to, {operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK});
+}
+
+void Delivery::send(const Receiver &to, tq_mom_record_t record)
+{
+    if (to.callback == nullptr) {
+        return;
+    }
+    counters.delivered++;
+    if (to.callback(ctx_, &record, to.user) != 0) {
+        counters.callback_failures++;
+    }
+}
+
+} // namespace vvl::mom

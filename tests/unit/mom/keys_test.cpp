@@ -1,0 +1,103 @@
+#include "platform/mom/keys.h"
+#include "tests/unit/mom/store_messages.h"
+
+#include <gtest/gtest.h>
+
+namespace vvl::mom
+{
+namespace
+{
+
+const std::string mac("\x00\x04\x76\x0a\xff\x17", 6);
+
+std::string text_of(const ProtobufCMessage *message)
+{
+    const ObjectType *type = find_type(message->descriptor->name);
+    std::string key;
+    EXPECT_TRUE(encode_key(*type, *message, key));
+    // Every text leads back to a message with the same key.
+    const MessagePtr again = decode_key(*type, key);
+    std::string second;
+    EXPECT_TRUE(again && encode_key(*type, *again, second));
+    EXPECT_EQ(second, key);
+    return key;
+}
+
+TEST(Keys, TextNamesEveryShapeOfKeyApart)
+{
+    EXPECT_EQ(text_of(PortCfg(0)), "0");
+    EXPECT_EQ(text_of(PortCfg(4294967295)), "4294967295");
+    EXPECT_EQ(text_of(OuiCfg(mac, mac)), "00:04:76:0a:ff:17/00:04:76:0a:ff:17");
+    EXPECT_EQ(text_of(OuiCfg(mac, "")), "00:04:76:0a:ff:17/-");
+    EXPECT_EQ(text_of(OuiCfg("", mac.substr(0, 1))), "\"\"/00");
+    EXPECT_EQ(text_of(Learned(10, 2, mac)), "10/2/00:04:76:0a:ff:17");
+    EXPECT_EQ(text_of(PacketLibrary("pkt_vvlan", "")), "pkt_vvlan");
+    EXPECT_EQ(text_of(PacketLibrary("", "")), "\"\"");
+    EXPECT_EQ(text_of(PacketLibrary("-", "")), "-");
+    EXPECT_EQ(text_of(PacketLibrary("a/b%\"\xc3\xa4 ", "")), "a%2fb%25%22%c3%a4%20");
+    EXPECT_EQ(text_of(GlbCfg()), "");
+}
+
+TEST(Keys, TextOfAnotherWritingIsRefused)
+{
+    const struct {
+        const char *type;
+        const char *text;
+    } rows[] = {
+        {"p_bridge.vvlan_port_cfg", ""},
+        {"p_bridge.vvlan_port_cfg", "05"},
+        {"p_bridge.vvlan_port_cfg", "5 "},
+        {"p_bridge.vvlan_port_cfg", "4294967296"},
+        {"p_bridge.vvlan_oui_cfg", "00:04:76:0a:ff:17"},
+        {"p_bridge.vvlan_oui_cfg", "00:04:76:0A:ff:17/-"},
+        {"p_bridge.vvlan_oui_cfg", "00:04:76:0a:ff:/-"},
+        {"p_bridge.vvlan_oui_cfg", "00-04-76-0a-ff-17/-"},
+        {"p_bridge.vvlan_oui_cfg", "-/-/-"},
+        {"s_cluster.reg_pkt_info", "%2"},
+        {"s_cluster.reg_pkt_info", "%61"},
+        {"s_cluster.reg_pkt_info", "a%00b"},
+        {"p_bridge.vvlan_glb_cfg", "5"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(decode_key(*find_type(row.type), row.text), nullptr) << row.type << " " << row.text;
+    }
+    EXPECT_EQ(decode_key(*find_type("s_cluster.reg_pkt_info"), std::string(key_size_max + 1, 'a')), nullptr);
+}
+
+TEST(Fields, PackedMessageIsTakenApartAndPutTogether)
+{
+    PBridge__BQos qos = P_BRIDGE__B_QOS__INIT; // present though empty
+    GlbCfg cfg(300);
+    cfg.object.qos = &qos;
+    std::string bytes;
+    FieldMap fields;
+    ASSERT_TRUE(pack(*cfg, bytes) && split_fields(bytes, fields));
+    EXPECT_EQ(fields, (FieldMap{{6, "\x30\xac\x02"}, {8, std::string("\x42\x00", 2)}}));
+    std::string joined;
+    EXPECT_TRUE(join_fields(fields, joined));
+    EXPECT_EQ(joined, bytes);
+}
+
+TEST(Fields, MalformedBytesAreRefused)
+{
+    using namespace std::string_literals;
+    // A tag alone, an endless varint, a length past the end, field 0, groups,
+    // a fixed value cut short.
+    const std::string malformed[] = {"\x30"s,
+                                     "\x30"s + std::string(10, '\xff'),
+                                     "\x42\x05\x01"s,
+                                     "\x02\x00"s,
+                                     "\x33"s,
+                                     "\x35\x01\x02\x03"s,
+                                     "\x42\xff\xff\xff\xff\xff\xff\xff\x7f"s};
+    for (const std::string &bytes : malformed) {
+        FieldMap fields;
+        EXPECT_FALSE(split_fields(bytes, fields)) << testing::PrintToString(bytes);
+    }
+    std::string joined;
+    EXPECT_FALSE(join_fields({{7, "\x30\x01"}}, joined));         // another field's number
+    EXPECT_FALSE(join_fields({{6, "\x30\x01\x38\x01"}}, joined)); // two fields in one entry
+}
+
+} // namespace
+} // namespace vvl::mom
