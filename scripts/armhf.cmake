@@ -21,6 +21,4 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} ${VVLAN_SYSROOT})
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "-L${VVLAN_SYSROOT_LIBS} -Wl,-rpath-link,${VVLAN_SYSROOT_LIBS} -Wl,-rpath-link,${VVLAN_SYSROOT}/lib/arm-linux-gnueabihf")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT ${CMAKE_EXE_LINKER_FLAGS_INIT})
-set(CMAKE_CROSSCOMPILING_EMULATOR
-    qemu-arm -L /usr/arm-linux-gnueabihf
-    -E LD_LIBRARY_PATH=${VVLAN_SYSROOT_LIBS}:${VVLAN_SYSROOT}/lib/arm-linux-gnueabihf:/usr/arm-linux-gnueabihf/lib)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/run-armhf)
