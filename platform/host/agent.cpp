@@ -188,17 +188,35 @@ bool Agent::loaded() const
     return impl_->library != nullptr;
 }
 
+namespace
+{
+
+bool accepted(uint32_t db, int result, std::string &why)
+{
+    if (result != 0) {
+        why = "database " + std::to_string(db) + ": the store refused with " + std::to_string(result);
+    }
+    return result == 0;
+}
+
+} // namespace
+
 bool Agent::set_store_link(uint32_t db, bool up, std::string &why)
 {
     if (!loaded()) {
         why = "database " + std::to_string(db) + ": the module is not loaded";
         return false;
     }
-    const int result = mom::set_link(&impl_->context->global, db, up);
-    if (result != 0) {
-        why = "database " + std::to_string(db) + ": the store refused with " + std::to_string(result);
+    return accepted(db, mom::set_link(&impl_->context->global, db, up), why);
+}
+
+bool Agent::refuse_store_request(uint32_t db, uint32_t number, std::string &why)
+{
+    if (!loaded()) {
+        why = "database " + std::to_string(db) + ": the module is not loaded";
+        return false;
     }
-    return result == 0;
+    return accepted(db, mom::refuse_request(&impl_->context->global, db, number), why);
 }
 
 bool Agent::run_debug_command(const std::string &name, const std::string &argument, std::string &why)

@@ -48,6 +48,9 @@ class Agent
     // Cuts the module's connection to one database, or lets it come back.
     bool set_store_link(uint32_t db, bool up, std::string &why);
 
+    // Makes the module's number-th store request from now on fail.
+    bool refuse_store_request(uint32_t db, uint32_t number, std::string &why);
+
     // Runs a debug command with its one integer argument, if it takes one
     // (argument: empty otherwise). It prints to standard output.
     bool run_debug_command(const std::string &name, const std::string &argument, std::string &why);

@@ -88,6 +88,11 @@ int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uin
     return call(ctx, [&](Front &front) { return front.set_fields(db, object, fields, count); });
 }
 
+int refuse_request(void *ctx, uint32_t db, uint32_t number)
+{
+    return call(ctx, [&](Front &front) { return front.refuse_request(db, number); });
+}
+
 int set_link(void *ctx, uint32_t db, bool up)
 {
     return call(ctx, [&](Front &front) { return front.set_link(db, up); });

@@ -61,4 +61,8 @@ int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uin
 // until they are made again.
 int set_link(void *ctx, uint32_t db, bool up);
 
+// Makes one request on a database fail with TQ_MOM_E_UNREACHABLE: the number-th
+// from now (1: the next; 0: none). Connecting is no request.
+int refuse_request(void *ctx, uint32_t db, uint32_t number);
+
 } // namespace vvl::mom

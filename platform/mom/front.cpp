@@ -45,6 +45,9 @@ int Front::read_template(uint32_t db, const ProtobufCMessage *tmpl, Request &req
     if (const int result = check_db(db); result != TQ_MOM_OK) {
         return result;
     }
+    if (databases_[db].refused != 0 && --databases_[db].refused == 0) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
     if (tmpl == nullptr || tmpl->descriptor == nullptr ||
         tmpl->descriptor->magic != PROTOBUF_C__MESSAGE_DESCRIPTOR_MAGIC) {
         return TQ_MOM_E_INVALID;
@@ -166,6 +169,15 @@ int Front::set_link(uint32_t db, bool up)
         databases_[db].epoch++;
     }
     return session_->set_link(db, up);
+}
+
+int Front::refuse_request(uint32_t db, uint32_t number)
+{
+    const int result = check_db(db);
+    if (result == TQ_MOM_OK) {
+        databases_[db].refused = number;
+    }
+    return result;
 }
 
 void Front::link_lost(uint32_t db)

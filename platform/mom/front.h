@@ -71,6 +71,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     int publish(uint32_t db, const ProtobufCMessage *object);
     int set_fields(uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count);
     int set_link(uint32_t db, bool up);
+    int refuse_request(uint32_t db, uint32_t number);
 
     // What the session tells.
     void link_lost(uint32_t db) override;
@@ -81,6 +82,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     struct Database {
         bool asked_for = false;      // a connect call was made
         bool refusal_logged = false; // that operations on it are refused
+        uint32_t refused = 0;        // which request from now on is refused; 0: none
         uint64_t epoch = 0;          // moves on at each cut; a delivery of an earlier one stops
         tq_mom_disconnect_cb_t on_disconnect = nullptr;
         tq_mom_reconnect_cb_t on_reconnect = nullptr;

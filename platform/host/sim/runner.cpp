@@ -190,14 +190,30 @@ bool Simulation::stop_module(std::string &why)
     return true;
 }
 
-bool Simulation::set_store_link(const std::string &db, bool up, std::string &why)
+namespace
+{
+
+// Does something for one of the module's databases, or for all of them.
+template <typename Action> bool for_databases(const std::string &db, Action action)
 {
     for (uint32_t number : module_dbs) {
-        if ((db == "all" || db == std::to_string(number)) && !switch_.agent().set_store_link(number, up, why)) {
+        if ((db == "all" || db == std::to_string(number)) && !action(number)) {
             return false;
         }
     }
     return true;
+}
+
+} // namespace
+
+bool Simulation::set_store_link(const std::string &db, bool up, std::string &why)
+{
+    return for_databases(db, [&](uint32_t number) { return switch_.agent().set_store_link(number, up, why); });
+}
+
+bool Simulation::refuse_store_request(const std::string &db, uint32_t number, std::string &why)
+{
+    return for_databases(db, [&](uint32_t db_id) { return switch_.agent().refuse_store_request(db_id, number, why); });
 }
 
 bool Simulation::debug(const std::string &name, const std::string &argument, std::string &why)

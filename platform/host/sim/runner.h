@@ -44,6 +44,7 @@ class Simulation
     bool stop_module(std::string &why);
     // db: a number, or "all".
     bool set_store_link(const std::string &db, bool up, std::string &why);
+    bool refuse_store_request(const std::string &db, uint32_t number, std::string &why);
     bool debug(const std::string &name, const std::string &argument, std::string &why);
     void show_tables();
 

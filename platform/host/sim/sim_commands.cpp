@@ -45,6 +45,11 @@ bool run_store(CommandContext &context, const Arguments &args, std::string &why)
     return context.sim->set_store_link(args["DB"].text, args["down|up"].text == "up", why);
 }
 
+bool run_store_refuse(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.sim->refuse_store_request(args["DB"].text, static_cast<uint32_t>(args["NTH"].number), why);
+}
+
 bool run_debug(CommandContext &context, const Arguments &args, std::string &why)
 {
     const Argument *number = args.find("NUMBER");
@@ -65,6 +70,7 @@ constexpr CommandRow rows[] = {
     {"stop", "unload the module", run_stop},
     {"start", "load the module", run_start},
     {"store down|up DB", "cut the module's connection to the store, or restore it", run_store},
+    {"store refuse DB NTH", "make the module's NTH store request from now on fail", run_store_refuse},
     {"debug NAME [NUMBER]", "run a debug command of the module", run_debug},
     {"show tables", "print the module's tables", run_show_tables},
 };
@@ -74,6 +80,7 @@ constexpr ArgumentType types[] = {
     {"TIME", "a number with us, ms, s, m, h or d, as 30s", read_time},
     {"DB", "0, 4, 6, 8 or all", read_word, 0, 0, "0|4|6|8|all"},
     {"NAME", "a debug command's name", read_text},
+    {"NTH", "1: the next, up to 1000", read_number, 1, 1000},
     {"NUMBER", "0 to 2147483647", read_number, 0, INT32_MAX},
 };
 

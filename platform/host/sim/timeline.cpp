@@ -72,7 +72,7 @@ std::string describe_oui(const ProtobufCMessage &object, bool present)
 {
     const auto &oui = as<UBridge__VvlanOuiCfg>(object);
     return "OUI " + (oui.oui != nullptr ? oui_of(oui.oui->mac, oui.oui->mask) : "(no address)") + " " +
-           (present ? "installed" : "removed") + " (ACE " + std::to_string(oui.index->ace_id) + ")";
+           (present ? "installed" : "record removed") + " (ACE " + std::to_string(oui.index->ace_id) + ")";
 }
 
 std::string describe_mac(const ProtobufCMessage &object, bool present)
