@@ -67,15 +67,15 @@ static int check_hash(const tq_mom_hash_t *hash)
         VVLAN_LOG_ERROR("Assert:MOM hash error is %d.\n", hash->error);
         return VVLAN_E_INVALID;
     }
-    if (hash->message == nullptr || (hash->fields == nullptr && hash->count != 0)) {
-        VVLAN_LOG_ERROR("Assert:MOM hash is incomplete.\n");
-        return VVLAN_E_INVALID;
-    }
     return VVLAN_OK;
 }
 
 static int apply_hash(const tq_mom_hash_t *hash, uint32_t tag)
 {
+    if (hash->message == nullptr || (hash->fields == nullptr && hash->count != 0)) {
+        VVLAN_LOG_ERROR("Assert:MOM hash is incomplete.\n");
+        return VVLAN_E_INVALID;
+    }
     for (uint32_t i = 0; i < hash->count; i++) {
         VVLAN_LOG_INFO("tag[%d] field[%d].\n", tag, hash->fields[i]);
         if (hash->fields[i] == tag) {
@@ -94,11 +94,12 @@ int udp_vvlan_event_set_glb_cfg([[maybe_unused]] void *ctx, tq_mom_record_t *rec
         VVLAN_LOG_ERROR("Assert:MOM args is NULL.\n");
         return VVLAN_E_INVALID;
     }
-    if (record->operate == TQ_MOM_HSET || record->object == nullptr) {
-        const auto *hash = static_cast<const tq_mom_hash_t *>(record->object);
-        if (check_hash(hash) != 0) {
-            return VVLAN_E_INVALID;
-        }
+    /* A field subscription hands over a hash-set record with every operation. */
+    const auto *hash = static_cast<const tq_mom_hash_t *>(record->object);
+    if (check_hash(hash) != 0) {
+        return VVLAN_E_INVALID;
+    }
+    if (record->operate == TQ_MOM_HSET) {
         VVLAN_LOG_INFO("receive a TQ_MOM_HSET event. operate=%d .", record->operate);
         const int rv = apply_hash(hash, tag);
         if (rv != 0) {
@@ -131,9 +132,11 @@ static int keep_join_state(void *ctx, uint32_t ifx)
     if (stored != nullptr) {
         rv = tq_mom_set(g_udp_vvlan_global, VVLAN_DB_CONFIG, &port_auto.base, nullptr, nullptr);
     }
-    tq_mom_tq_obj_free(stored);
     if (rv != 0) {
         VVLAN_LOG_WARN("rv = %d", rv);
+    }
+    tq_mom_tq_obj_free(stored);
+    if (rv != 0) {
         return rv;
     }
 

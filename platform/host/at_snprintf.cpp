@@ -190,7 +190,7 @@ bool print_mac(Output &out, const Conversion &c, Arguments args)
     }
     char text[sizeof "0004.7622.2017"] = "(null)";
     if (const auto *mac = va_arg(*args, const uint8_t *)) {
-        std::snprintf(text, sizeof text, "%02x%02x.%02x%02x.%02x%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+        std::snprintf(text, sizeof text, "%02X%02X.%02X%02X.%02X%02X", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
     }
     const bool left = c.flags.find('-') != std::string::npos;
     const Conversion plain{left ? "-" : "", c.width, c.precision, Length::none, 's'};

@@ -108,10 +108,10 @@ TEST(AtSnprintf, writes_a_mac_address_between_other_arguments)
 {
     const uint8_t mac[6] = {0x00, 0x04, 0x76, 0x22, 0x20, 0xff};
     const uint8_t *none = nullptr;
-    expect_as_text("0004.7622.20ff", "%m", mac);
-    expect_as_text("ifx=7, mac=0004.7622.20ff, vlan=100", "ifx=%d, mac=%m, vlan=%u", 7, mac, 100u);
+    expect_as_text("0004.7622.20FF", "%m", mac);
+    expect_as_text("ifx=7, mac=0004.7622.20FF, vlan=100", "ifx=%d, mac=%m, vlan=%u", 7, mac, 100u);
     expect_as_text("(null) 3", "%m %d", none, 3);
-    expect_as_text("  0004.7622.20ff|0004.7622.20ff  |0004", "%16m|%-*m|%.4m", mac, 16, mac, mac);
+    expect_as_text("  0004.7622.20FF|0004.7622.20FF  |0004", "%16m|%-*m|%.4m", mac, 16, mac, mac);
 }
 
 TEST(AtSnprintf, refuses_a_bad_format_and_leaves_the_buffer_terminated)

@@ -1,0 +1,166 @@
+// The recorder's forwarding plane. An ACE's line lists its fields with their
+// bytes, "if" for what it matches and "do" for its actions: "ace_set 101 1
+// if:vid=6400ffff do:cos=060000000000". A binding's line has the ACL's id and
+// the port's physical id. Objects that the plane hands out are counted until
+// they are released.
+#include "tests/support/recording_platform.h"
+
+#include <cstdio>
+#include <cstring>
+
+struct fp_udp_apply {
+    vvlan_apply_t record;
+};
+
+namespace
+{
+
+using namespace vvl::test;
+
+struct Ace {
+    fp_udp_ace_t head;
+    fp_udp_fields_t fields;
+    std::string text;
+};
+
+int note(const char *name, const void *handle, const vvlan_acl_desc_t *desc, const std::string &rest)
+{
+    static const uint8_t zero[sizeof desc->reserved] = {};
+    const bool whole = desc->acl_kind == FP_UDP_ACL_KIND_VVLAN && memcmp(desc->reserved, zero, sizeof zero) == 0;
+    return platform().call(std::string(name) + " " + std::to_string(desc->acl_id) + " " + rest +
+                           (whole ? "" : " descriptor!") + platform().at(handle));
+}
+
+std::string port_text(const vvlan_acl_desc_t *desc, const vvlan_apply_t &record)
+{
+    const bool whole = memcmp(desc->app_type, record.app_type, sizeof record.app_type) == 0 && record.reserved == 0;
+    return std::to_string(record.phyid) + (record.apply_opt != 0 ? " opt" : "") + (whole ? "" : " record!");
+}
+
+fp_udp_field_t field_make(const char *name, uint32_t kind, const void *value, uint32_t length)
+{
+    const char *const kinds[] = {"?", "if", "do"};
+    fp_udp_field_t field = {};
+    snprintf(reinterpret_cast<char *>(field.opaque), sizeof field.opaque, " %s:%s=%s", kinds[kind % 3], name,
+             to_hex(static_cast<const uint8_t *>(value), length).c_str());
+    return field;
+}
+
+void field_add(fp_udp_fields_t *fields, fp_udp_field_t record)
+{
+    auto *ace = reinterpret_cast<Ace *>(reinterpret_cast<char *>(fields) - offsetof(Ace, fields));
+    ace->text += reinterpret_cast<const char *>(record.opaque);
+}
+
+constexpr fp_udp_fields_ops_t fields_ops = {field_make, field_add};
+
+int acl_set(void *handle, const vvlan_acl_desc_t *desc)
+{
+    return note("acl_set", handle, desc, desc->app_type);
+}
+
+int acl_del(void *handle, const vvlan_acl_desc_t *desc)
+{
+    return note("acl_del", handle, desc, desc->app_type);
+}
+
+int ace_set(void *handle, const vvlan_acl_desc_t *desc, fp_udp_ace_t *ace)
+{
+    return note("ace_set", handle, desc, std::to_string(ace->id) + reinterpret_cast<Ace *>(ace)->text);
+}
+
+int ace_del(void *handle, const vvlan_acl_desc_t *desc, uint64_t ace_id)
+{
+    return note("ace_del", handle, desc, std::to_string(ace_id));
+}
+
+fp_udp_ace_t *ace_alloc(uint64_t ace_id, uint32_t)
+{
+    if (platform().fault_of("ace_alloc " + std::to_string(ace_id)) != 0) {
+        return nullptr;
+    }
+    platform().objects_live++;
+    auto *ace = new Ace{{ace_id, nullptr}, {&fields_ops}, {}};
+    ace->head.fields = &ace->fields;
+    return &ace->head;
+}
+
+void ace_free(fp_udp_ace_t *ace)
+{
+    platform().objects_live--;
+    delete reinterpret_cast<Ace *>(ace);
+}
+
+int apply_set(void *handle, const vvlan_acl_desc_t *desc, uint8_t acl_kind, fp_udp_apply_t *apply)
+{
+    return note("bind", handle, desc, port_text(desc, apply->record) + (acl_kind == desc->acl_kind ? "" : " kind!"));
+}
+
+int apply_del(void *handle, const vvlan_acl_desc_t *desc, const vvlan_apply_t *record)
+{
+    return note("unbind", handle, desc, port_text(desc, *record));
+}
+
+fp_udp_apply_t *apply_alloc(const vvlan_apply_t *record)
+{
+    if (platform().fault_of(std::string("apply_alloc ") + record->app_type) != 0) {
+        return nullptr;
+    }
+    platform().objects_live++;
+    return new fp_udp_apply{*record};
+}
+
+void apply_free(fp_udp_apply_t *apply)
+{
+    platform().objects_live--;
+    delete apply;
+}
+
+template <const char *name> int by_app_type(void *ctx, const char *app_type)
+{
+    return platform().call(std::string(name) + " " + app_type + platform().at(ctx));
+}
+
+constexpr char acl_mark[] = "acl_expire", acl_sweep[] = "acl_del_expired";
+constexpr char ace_mark[] = "ace_expire", ace_sweep[] = "ace_del_expired";
+constexpr char apply_mark[] = "apply_expire", apply_sweep[] = "apply_del_expired";
+
+constexpr fp_udp_mgr_ops_t manager_ops = {acl_set,
+                                          acl_del,
+                                          by_app_type<acl_mark>,
+                                          by_app_type<acl_sweep>,
+                                          nullptr,
+                                          nullptr,
+                                          ace_set,
+                                          ace_del,
+                                          by_app_type<ace_mark>,
+                                          by_app_type<ace_sweep>,
+                                          ace_alloc,
+                                          ace_free,
+                                          nullptr,
+                                          nullptr,
+                                          apply_set,
+                                          apply_del,
+                                          by_app_type<apply_mark>,
+                                          by_app_type<apply_sweep>,
+                                          apply_alloc,
+                                          apply_free};
+
+} // namespace
+
+int fp_udp_register_acl_handler(void *ctx, uint32_t app, const fp_udp_acl_cb_tbl_t *callbacks)
+{
+    platform().outcomes = callbacks;
+    return platform().call("fp.register " + std::to_string(app) + platform().at(ctx));
+}
+
+int fp_udp_cgst_register(void *ctx, uint32_t app, const char *name)
+{
+    return platform().call("fp.cgst_register " + std::to_string(app) + " " + name + platform().at(ctx));
+}
+
+fp_udp_mgr_t *fp_udp_get_mgr(void)
+{
+    platform().manager.ops = &manager_ops;
+    return platform().call("fp.get_mgr") != 0 ? nullptr : &platform().manager;
+}

@@ -1,0 +1,192 @@
+// The keyed hash table, through the instances that the module exports. The MAC
+// instance is compared with a naive model under random operations; after each
+// one the table's own invariants are checked.
+#include "tests/unit/module/module_test.h"
+
+#include <cstring>
+#include <map>
+#include <random>
+
+namespace vvl::test
+{
+namespace
+{
+
+class HashTable : public ModuleTest
+{
+  protected:
+    using Model = std::map<uint32_t, vvlan_mac_t *>;
+
+    HashTable() { MODULE(udp_vvlan_mac_init)(); }
+
+    const vvlan_hash_t &table() { return *MODULE(udp_vvlan_mac_list); }
+    // Most keys differ from others in their last byte alone.
+    static vvlan_mac_t key(uint32_t number, uint32_t ifx = 0)
+    {
+        return {{2, static_cast<uint8_t>(number >> 8), 0, 0, 0, static_cast<uint8_t>(number)}, {}, ifx};
+    }
+    vvlan_mac_t *create(uint32_t number, uint32_t ifx = 0)
+    {
+        const vvlan_mac_t tmpl = key(number, ifx);
+        vvlan_mac_t *out = nullptr;
+        EXPECT_EQ(MODULE(udp_vvlan_mac_cache_create)(&out, &tmpl), out);
+        return out;
+    }
+    void create_up_to(uint32_t end)
+    {
+        for (uint32_t number = 0; number < end; number++) {
+            create(number);
+        }
+    }
+    void destroy(uint32_t number)
+    {
+        const vvlan_mac_t tmpl = key(number);
+        MODULE(udp_vvlan_mac_op)(&tmpl, 0);
+    }
+    vvlan_mac_t *find(uint32_t number)
+    {
+        const vvlan_mac_t tmpl = key(number);
+        return MODULE(udp_vvlan_mac_hash_find)(&tmpl);
+    }
+    uint32_t count_flag(uint32_t flag)
+    {
+        uint32_t count = 0;
+        for (uint32_t i = 0; i < table().n_buckets; i++) {
+            count += (table().flags[i / 16] >> 2 * (i % 16) & 3) == flag;
+        }
+        return count;
+    }
+    static int count_record(vvlan_mac_t *, void *count)
+    {
+        ++*static_cast<uint32_t *>(count);
+        return 0;
+    }
+    // What does not hold, or nothing.
+    std::string broken_invariant(const Model &model)
+    {
+        const vvlan_hash_t &t = table();
+        uint32_t walked = 0;
+        MODULE(udp_vvlan_mac_hash_traverse)(count_record, &walked);
+        if (t.size != model.size() || MODULE(udp_vvlan_mac_hash_size)() != t.size || walked != t.size) {
+            return "size";
+        }
+        if (t.n_buckets != 0 && (t.n_buckets < 4 || (t.n_buckets & (t.n_buckets - 1)) != 0 ||
+                                 t.upper_bound != static_cast<uint32_t>(t.n_buckets * 0.77 + 0.5))) {
+            return "n_buckets or upper_bound";
+        }
+        if (t.n_occupied > t.upper_bound || count_flag(0) != t.size || count_flag(1) != t.n_occupied - t.size) {
+            return "flags";
+        }
+        for (const auto &[number, record] : model) {
+            if (find(number) != record) {
+                return "record " + std::to_string(number) + " is lost";
+            }
+        }
+        return "";
+    }
+};
+
+TEST_F(HashTable, AgreesWithAModelUnderRandomOperations)
+{
+    for (const uint32_t seed : {1u, 2u, 3u, 4u}) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 random(seed);
+        const uint32_t key_count = 20u << 2 * (seed - 1); // 20 to 1280: much reuse, and growth
+        Model model;
+        MODULE(udp_vvlan_mac_release)();
+        MODULE(udp_vvlan_mac_init)();
+        for (uint32_t step = 0; step < 1500; step++) {
+            const uint32_t number = random() % key_count;
+            if (random() % 10 < (step / 300 % 2 == 0 ? 7u : 3u)) { // waves of additions and of removals
+                vvlan_mac_t *record = create(number, step);
+                ASSERT_EQ(record->ifx, step) << "a present record takes the template's ifx";
+                ASSERT_EQ(model.emplace(number, record).first->second, record) << "records never move";
+            } else {
+                destroy(number);
+                model.erase(number);
+                ASSERT_EQ(find(number), nullptr);
+            }
+            ASSERT_EQ(broken_invariant(model), "") << "step " << step;
+        }
+    }
+}
+
+TEST_F(HashTable, BoundariesOfInsertionAndRemoval)
+{
+    destroy(7);
+    EXPECT_EQ(find(7), nullptr) << "no buckets yet";
+    create_up_to(3);
+    EXPECT_EQ(table().n_buckets, 4u);
+    create_up_to(5);
+    vvlan_mac_t twin = key(1);
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_insert)(&twin), 0);
+    EXPECT_NE(find(1), &twin) << "a present key is not replaced";
+    create_up_to(12);
+    EXPECT_EQ(table().n_buckets, 16u);
+    for (uint32_t number = 0; number < 10; number++) {
+        destroy(number);
+    }
+    EXPECT_EQ(table().n_occupied, 12u) << "only marked deleted";
+    create(100);
+    EXPECT_EQ(table().n_buckets, 16u) << "marks are cleared at the same size";
+    EXPECT_EQ(table().n_occupied, 3u);
+    MODULE(udp_vvlan_mac_cache_destroy)(nullptr);
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_find)(nullptr), nullptr);
+}
+
+TEST_F(HashTable, WalksStopTileAndSurviveRemovals)
+{
+    create_up_to(20);
+    uint32_t count = 0;
+    const auto stop_at_third = [](vvlan_mac_t *, void *arg) { return ++*static_cast<uint32_t *>(arg) == 3 ? -42 : 0; };
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_traverse)(stop_at_third, &count), -42);
+    EXPECT_EQ(count, 3u);
+
+    count = 0;
+    for (const auto &[start, length] : {std::pair{0u, 5u}, {5u, 0u}, {5u, 6u}, {11u, UINT32_MAX}, {32u, 9u}}) {
+        EXPECT_EQ(MODULE(udp_vvlan_mac_hash_traverse_with_index)(count_record, start, length, &count), 0);
+    }
+    EXPECT_EQ(count, 20u);
+
+    const auto remove = [](vvlan_mac_t *record, void *destroy) {
+        reinterpret_cast<decltype(&udp_vvlan_mac_cache_destroy)>(destroy)(record);
+        return 0;
+    };
+    MODULE(udp_vvlan_mac_hash_traverse)(remove, reinterpret_cast<void *>(&MODULE(udp_vvlan_mac_cache_destroy)));
+    EXPECT_EQ(table().size, 0u);
+}
+
+// With nothing but deleted marks around it, a record goes to its home bucket.
+TEST_F(HashTable, KeysGoToTheHomeBucketsOfTheHash)
+{
+    create_up_to(600);
+    for (uint32_t number = 0; number < 600; number++) {
+        destroy(number);
+    }
+    ASSERT_EQ(table().n_buckets, 1024u);
+    const struct {
+        vvlan_mac_t key;
+        uint32_t bucket; // worked out apart from the module
+    } rows[] = {{{{2, 0x11, 0x22, 0, 0, 1}, {}, 0}, 201},
+                {{{2, 0x11, 0x22, 0, 0, 2}, {}, 0}, 693},
+                {{{0xff, 0xee, 0xdd, 0xcc, 0xbb, 0xaa}, {}, 0}, 490},
+                {{{}, {}, 0}, 644}};
+    for (const auto &row : rows) {
+        vvlan_mac_t *record = nullptr;
+        MODULE(udp_vvlan_mac_cache_create)(&record, &row.key);
+        EXPECT_EQ(table().keys[row.bucket], record);
+    }
+    // The four-byte key of ports, least significant byte first.
+    MODULE(udp_vvlan_port_init)();
+    for (const uint32_t ifx : {0x100, 3, 2, 1}) {
+        vvlan_port_t tmpl = {};
+        tmpl.ifx = ifx;
+        MODULE(udp_vvlan_port_op)(&tmpl, 1);
+    }
+    for (const auto &[ifx, bucket] : {std::pair{1u, 0}, {3u, 1}, {0x100u, 3}, {2u, 6}}) {
+        EXPECT_EQ(MODULE(udp_vvlan_port_list)->keys[bucket], port(ifx)) << ifx;
+    }
+}
+
+} // namespace
+} // namespace vvl::test
