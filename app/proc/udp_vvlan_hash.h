@@ -18,6 +18,8 @@
 #ifndef UDP_VVLAN_HASH_H
 #define UDP_VVLAN_HASH_H
 
+#include "udp_vvlan.h"
+
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -340,5 +342,81 @@ template <typename Traits> struct vvlan_hash_ops {
         }
     }
 };
+
+/* The exported functions of one instance, udp_vvlan_NAME_…, around its table
+ * udp_vvlan_NAME_list:
+ *   hash_init        a new, empty table; 0, or -2 without memory. A table that
+ *                    is there already is not looked at.
+ *   hash_insert      stores the pointer; always 0, also where nothing was stored
+ *   hash_remove      takes the record with this key out, without freeing it
+ *   hash_find        the record with this key, or null
+ *   hash_traverse    walks all records until a callback returns non-zero
+ *   hash_traverse_with_index    the same over buckets start to start + count - 1
+ *   hash_size        live records
+ *   cache_create     the record of the template's key, made where there is none;
+ *                    also in *out; null without memory
+ *   cache_destroy    removes and frees; null is ignored
+ *   release          frees the table with its records, at unload */
+#define VVLAN_HASH_DECLARE(name, record)                                                                               \
+    extern vvlan_hash_t *udp_vvlan_##name##_list;                                                                      \
+    int udp_vvlan_##name##_hash_init(void);                                                                            \
+    int udp_vvlan_##name##_hash_insert(record *item);                                                                  \
+    void udp_vvlan_##name##_hash_remove(const record *key);                                                            \
+    record *udp_vvlan_##name##_hash_find(const record *key);                                                           \
+    int udp_vvlan_##name##_hash_traverse(int (*callback)(record *, void *), void *arg);                                \
+    int udp_vvlan_##name##_hash_traverse_with_index(int (*callback)(record *, void *), uint32_t start, uint32_t count, \
+                                                    void *arg);                                                        \
+    uint32_t udp_vvlan_##name##_hash_size(void);                                                                       \
+    record *udp_vvlan_##name##_cache_create(record **out, const record *tmpl);                                         \
+    void udp_vvlan_##name##_cache_destroy(record *item);                                                               \
+    void udp_vvlan_##name##_release(void)
+
+#define VVLAN_HASH_DEFINE(name, traits)                                                                                \
+    vvlan_hash_t *udp_vvlan_##name##_list;                                                                             \
+    int udp_vvlan_##name##_hash_init(void)                                                                             \
+    {                                                                                                                  \
+        udp_vvlan_##name##_list = udp_vvlan_hash_create();                                                             \
+        return udp_vvlan_##name##_list != nullptr ? VVLAN_OK : VVLAN_E_NO_OBJECT;                                      \
+    }                                                                                                                  \
+    int udp_vvlan_##name##_hash_insert(traits::record *item)                                                           \
+    {                                                                                                                  \
+        vvlan_hash_ops<traits>::insert(udp_vvlan_##name##_list, item);                                                 \
+        return VVLAN_OK;                                                                                               \
+    }                                                                                                                  \
+    void udp_vvlan_##name##_hash_remove(const traits::record *key)                                                     \
+    {                                                                                                                  \
+        vvlan_hash_ops<traits>::remove(udp_vvlan_##name##_list, key);                                                  \
+    }                                                                                                                  \
+    traits::record *udp_vvlan_##name##_hash_find(const traits::record *key)                                            \
+    {                                                                                                                  \
+        return vvlan_hash_ops<traits>::find(udp_vvlan_##name##_list, key);                                             \
+    }                                                                                                                  \
+    int udp_vvlan_##name##_hash_traverse(int (*callback)(traits::record *, void *), void *arg)                         \
+    {                                                                                                                  \
+        return vvlan_hash_ops<traits>::traverse(udp_vvlan_##name##_list, callback, 0, UINT32_MAX, arg);                \
+    }                                                                                                                  \
+    int udp_vvlan_##name##_hash_traverse_with_index(int (*callback)(traits::record *, void *), uint32_t start,         \
+                                                    uint32_t count, void *arg)                                         \
+    {                                                                                                                  \
+        return vvlan_hash_ops<traits>::traverse(udp_vvlan_##name##_list, callback, start, count, arg);                 \
+    }                                                                                                                  \
+    uint32_t udp_vvlan_##name##_hash_size(void)                                                                        \
+    {                                                                                                                  \
+        return vvlan_hash_ops<traits>::size(udp_vvlan_##name##_list);                                                  \
+    }                                                                                                                  \
+    traits::record *udp_vvlan_##name##_cache_create(traits::record **out, const traits::record *tmpl)                  \
+    {                                                                                                                  \
+        return *out = vvlan_hash_ops<traits>::create(udp_vvlan_##name##_list, tmpl);                                   \
+    }                                                                                                                  \
+    void udp_vvlan_##name##_cache_destroy(traits::record *item)                                                        \
+    {                                                                                                                  \
+        vvlan_hash_ops<traits>::destroy(udp_vvlan_##name##_list, item);                                                \
+    }                                                                                                                  \
+    void udp_vvlan_##name##_release(void)                                                                              \
+    {                                                                                                                  \
+        vvlan_hash_ops<traits>::release(udp_vvlan_##name##_list);                                                      \
+        udp_vvlan_##name##_list = nullptr;                                                                             \
+    }                                                                                                                  \
+    static_assert(true, "takes the semicolon")
 
 #endif

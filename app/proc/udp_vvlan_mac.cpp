@@ -16,79 +16,21 @@
 #include "udp_vvlan_glb_cfg.h"
 #include "udp_vvlan_port.h"
 
-using mac_ops = vvlan_hash_ops<vvlan_mac_traits>;
-
 constexpr uint64_t VVLAN_MAC_OWNER = 1000;  /* owner of our registration objects */
 constexpr uint64_t VVLAN_MAC_EXPIRY = 1000; /* of their data-sync cycle */
-
-vvlan_hash_t *udp_vvlan_mac_list;
 
 static uint32_t vvlan_subscribed_vid; /* of the subscription; 0: none */
 static uint32_t vvlan_registered_vid; /* of the registration object; 0: none */
 static uint32_t vvlan_withdrawn_vid;  /* of the unsubscription whose 28 is still to come; 0: none */
 
-/* ---- Table family ---- */
+VVLAN_HASH_DEFINE(mac, vvlan_mac_traits);
+
+/* ---- Records ---- */
 
 int udp_vvlan_mac_init(void)
 {
     return udp_vvlan_mac_hash_init();
 }
-
-int udp_vvlan_mac_hash_init(void)
-{
-    udp_vvlan_mac_list = udp_vvlan_hash_create();
-    return udp_vvlan_mac_list != nullptr ? VVLAN_OK : VVLAN_E_NO_OBJECT;
-}
-
-int udp_vvlan_mac_hash_insert(vvlan_mac_t *record)
-{
-    mac_ops::insert(udp_vvlan_mac_list, record);
-    return VVLAN_OK;
-}
-
-void udp_vvlan_mac_hash_remove(const vvlan_mac_t *key)
-{
-    mac_ops::remove(udp_vvlan_mac_list, key);
-}
-
-vvlan_mac_t *udp_vvlan_mac_hash_find(const vvlan_mac_t *key)
-{
-    return mac_ops::find(udp_vvlan_mac_list, key);
-}
-
-int udp_vvlan_mac_hash_traverse(int (*callback)(vvlan_mac_t *, void *), void *arg)
-{
-    return mac_ops::traverse(udp_vvlan_mac_list, callback, 0, UINT32_MAX, arg);
-}
-
-int udp_vvlan_mac_hash_traverse_with_index(int (*callback)(vvlan_mac_t *, void *), uint32_t start, uint32_t count,
-                                           void *arg)
-{
-    return mac_ops::traverse(udp_vvlan_mac_list, callback, start, count, arg);
-}
-
-uint32_t udp_vvlan_mac_hash_size(void)
-{
-    return mac_ops::size(udp_vvlan_mac_list);
-}
-
-vvlan_mac_t *udp_vvlan_mac_cache_create(vvlan_mac_t **out, const vvlan_mac_t *tmpl)
-{
-    return *out = mac_ops::create(udp_vvlan_mac_list, tmpl);
-}
-
-void udp_vvlan_mac_cache_destroy(vvlan_mac_t *record)
-{
-    mac_ops::destroy(udp_vvlan_mac_list, record);
-}
-
-void udp_vvlan_mac_release(void)
-{
-    mac_ops::release(udp_vvlan_mac_list);
-    udp_vvlan_mac_list = nullptr;
-}
-
-/* ---- Records ---- */
 
 vvlan_mac_t *udp_vvlan_mac_get(const uint8_t *mac)
 {

@@ -36,20 +36,9 @@ struct vvlan_mac_traits {
 
 extern "C" {
 
-extern vvlan_hash_t *udp_vvlan_mac_list;
+VVLAN_HASH_DECLARE(mac, vvlan_mac_t);
 
-/* ---- Table family of udp_vvlan_hash.h ---- */
 int udp_vvlan_mac_init(void);
-int udp_vvlan_mac_hash_init(void);
-int udp_vvlan_mac_hash_insert(vvlan_mac_t *record);
-void udp_vvlan_mac_hash_remove(const vvlan_mac_t *key);
-vvlan_mac_t *udp_vvlan_mac_hash_find(const vvlan_mac_t *key);
-int udp_vvlan_mac_hash_traverse(int (*callback)(vvlan_mac_t *, void *), void *arg);
-int udp_vvlan_mac_hash_traverse_with_index(int (*callback)(vvlan_mac_t *, void *), uint32_t start, uint32_t count,
-                                           void *arg);
-uint32_t udp_vvlan_mac_hash_size(void);
-vvlan_mac_t *udp_vvlan_mac_cache_create(vvlan_mac_t **out, const vvlan_mac_t *tmpl);
-void udp_vvlan_mac_cache_destroy(vvlan_mac_t *record);
 
 /* mac: six bytes. */
 vvlan_mac_t *udp_vvlan_mac_get(const uint8_t *mac);
@@ -85,9 +74,6 @@ int udp_vvlan_handler_set_mac_noti(uint32_t add, const UBridge__MacVidRegNoti *n
 /* Walk callback when an OUI (vvlan_oui_t, in arg) goes: drops the MACs that it
  * matches. */
 int udp_vvlan_del_oui_mac(vvlan_mac_t *record, void *oui);
-
-/* Frees the table with its records, at unload. */
-void udp_vvlan_mac_release(void);
 }
 
 #endif

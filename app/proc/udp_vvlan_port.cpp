@@ -22,72 +22,14 @@
 #include "udp_vvlan_mac.h"
 #include "udp_vvlan_recover.h"
 
-using port_ops = vvlan_hash_ops<vvlan_port_traits>;
+VVLAN_HASH_DEFINE(port, vvlan_port_traits);
 
-vvlan_hash_t *udp_vvlan_port_list;
-
-/* ---- Table family ---- */
+/* ---- Records ---- */
 
 int udp_vvlan_port_init(void)
 {
     return udp_vvlan_port_hash_init();
 }
-
-int udp_vvlan_port_hash_init(void)
-{
-    udp_vvlan_port_list = udp_vvlan_hash_create();
-    return udp_vvlan_port_list != nullptr ? VVLAN_OK : VVLAN_E_NO_OBJECT;
-}
-
-int udp_vvlan_port_hash_insert(vvlan_port_t *record)
-{
-    port_ops::insert(udp_vvlan_port_list, record);
-    return VVLAN_OK;
-}
-
-void udp_vvlan_port_hash_remove(const vvlan_port_t *key)
-{
-    port_ops::remove(udp_vvlan_port_list, key);
-}
-
-vvlan_port_t *udp_vvlan_port_hash_find(const vvlan_port_t *key)
-{
-    return port_ops::find(udp_vvlan_port_list, key);
-}
-
-int udp_vvlan_port_hash_traverse(int (*callback)(vvlan_port_t *, void *), void *arg)
-{
-    return port_ops::traverse(udp_vvlan_port_list, callback, 0, UINT32_MAX, arg);
-}
-
-int udp_vvlan_port_hash_traverse_with_index(int (*callback)(vvlan_port_t *, void *), uint32_t start, uint32_t count,
-                                            void *arg)
-{
-    return port_ops::traverse(udp_vvlan_port_list, callback, start, count, arg);
-}
-
-uint32_t udp_vvlan_port_hash_size(void)
-{
-    return port_ops::size(udp_vvlan_port_list);
-}
-
-vvlan_port_t *udp_vvlan_port_cache_create(vvlan_port_t **out, const vvlan_port_t *tmpl)
-{
-    return *out = port_ops::create(udp_vvlan_port_list, tmpl);
-}
-
-void udp_vvlan_port_cache_destroy(vvlan_port_t *record)
-{
-    port_ops::destroy(udp_vvlan_port_list, record);
-}
-
-void udp_vvlan_port_release(void)
-{
-    port_ops::release(udp_vvlan_port_list);
-    udp_vvlan_port_list = nullptr;
-}
-
-/* ---- Records ---- */
 
 vvlan_port_t *udp_vvlan_port_get(uint32_t ifx)
 {

@@ -41,20 +41,9 @@ struct vvlan_port_traits {
 
 extern "C" {
 
-extern vvlan_hash_t *udp_vvlan_port_list;
+VVLAN_HASH_DECLARE(port, vvlan_port_t);
 
-/* ---- Table family of udp_vvlan_hash.h ---- */
 int udp_vvlan_port_init(void);
-int udp_vvlan_port_hash_init(void);
-int udp_vvlan_port_hash_insert(vvlan_port_t *record);
-void udp_vvlan_port_hash_remove(const vvlan_port_t *key);
-vvlan_port_t *udp_vvlan_port_hash_find(const vvlan_port_t *key);
-int udp_vvlan_port_hash_traverse(int (*callback)(vvlan_port_t *, void *), void *arg);
-int udp_vvlan_port_hash_traverse_with_index(int (*callback)(vvlan_port_t *, void *), uint32_t start, uint32_t count,
-                                            void *arg);
-uint32_t udp_vvlan_port_hash_size(void);
-vvlan_port_t *udp_vvlan_port_cache_create(vvlan_port_t **out, const vvlan_port_t *tmpl);
-void udp_vvlan_port_cache_destroy(vvlan_port_t *record);
 
 vvlan_port_t *udp_vvlan_port_get(uint32_t ifx);
 
@@ -92,9 +81,6 @@ int udp_vvlan_port_unaply_acl(vvlan_port_t *port);
 int udp_vvlan_port_remove_vvlan(vvlan_port_t *port, void *arg);
 int udp_vvlan_port_cfg_sec(vvlan_port_t *port, void *arg);
 int udp_vvlan_port_set_sec(vvlan_port_t *port, void *arg);
-
-/* Frees the table with its records, at unload. */
-void udp_vvlan_port_release(void);
 }
 
 #endif

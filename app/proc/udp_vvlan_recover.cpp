@@ -10,59 +10,7 @@
 #include "udp_vvlan_debug.h"
 #include "udp_vvlan_event.h"
 
-using recover_ops = vvlan_hash_ops<vvlan_recover_traits>;
-
-vvlan_hash_t *udp_vvlan_recover_list;
-
-/* ---- Table family ---- */
-
-int udp_vvlan_recover_hash_init(void)
-{
-    udp_vvlan_recover_list = udp_vvlan_hash_create();
-    return udp_vvlan_recover_list != nullptr ? VVLAN_OK : VVLAN_E_NO_OBJECT;
-}
-
-int udp_vvlan_recover_hash_insert(vvlan_recover_t *record)
-{
-    recover_ops::insert(udp_vvlan_recover_list, record);
-    return VVLAN_OK;
-}
-
-void udp_vvlan_recover_hash_remove(const vvlan_recover_t *key)
-{
-    recover_ops::remove(udp_vvlan_recover_list, key);
-}
-
-vvlan_recover_t *udp_vvlan_recover_hash_find(const vvlan_recover_t *key)
-{
-    return recover_ops::find(udp_vvlan_recover_list, key);
-}
-
-int udp_vvlan_recover_hash_traverse(int (*callback)(vvlan_recover_t *, void *), void *arg)
-{
-    return recover_ops::traverse(udp_vvlan_recover_list, callback, 0, UINT32_MAX, arg);
-}
-
-int udp_vvlan_recover_hash_traverse_with_index(int (*callback)(vvlan_recover_t *, void *), uint32_t start,
-                                               uint32_t count, void *arg)
-{
-    return recover_ops::traverse(udp_vvlan_recover_list, callback, start, count, arg);
-}
-
-uint32_t udp_vvlan_recover_hash_size(void)
-{
-    return recover_ops::size(udp_vvlan_recover_list);
-}
-
-vvlan_recover_t *udp_vvlan_recover_cache_create(vvlan_recover_t **out, const vvlan_recover_t *tmpl)
-{
-    return *out = recover_ops::create(udp_vvlan_recover_list, tmpl);
-}
-
-void udp_vvlan_recover_cache_destroy(vvlan_recover_t *record)
-{
-    recover_ops::destroy(udp_vvlan_recover_list, record);
-}
+VVLAN_HASH_DEFINE(recover, vvlan_recover_traits);
 
 /* ---- Entries ---- */
 
@@ -107,12 +55,6 @@ void udp_vvlan_recover_db_clear(void)
 {
     udp_vvlan_recover_each_item_op(destroy_entry, nullptr);
     VVLAN_LOG_DEBUG("clear udp_vvlan_recover_db successfully.");
-}
-
-void udp_vvlan_recover_release(void)
-{
-    recover_ops::release(udp_vvlan_recover_list);
-    udp_vvlan_recover_list = nullptr;
 }
 
 /* ---- Object store ---- */

@@ -23,19 +23,7 @@ struct vvlan_recover_traits {
 
 extern "C" {
 
-extern vvlan_hash_t *udp_vvlan_recover_list;
-
-/* The table family of udp_vvlan_hash.h. */
-int udp_vvlan_recover_hash_init(void);
-int udp_vvlan_recover_hash_insert(vvlan_recover_t *record);
-void udp_vvlan_recover_hash_remove(const vvlan_recover_t *key);
-vvlan_recover_t *udp_vvlan_recover_hash_find(const vvlan_recover_t *key);
-int udp_vvlan_recover_hash_traverse(int (*callback)(vvlan_recover_t *, void *), void *arg);
-int udp_vvlan_recover_hash_traverse_with_index(int (*callback)(vvlan_recover_t *, void *), uint32_t start,
-                                               uint32_t count, void *arg);
-uint32_t udp_vvlan_recover_hash_size(void);
-vvlan_recover_t *udp_vvlan_recover_cache_create(vvlan_recover_t **out, const vvlan_recover_t *tmpl);
-void udp_vvlan_recover_cache_destroy(vvlan_recover_t *record);
+VVLAN_HASH_DECLARE(recover, vvlan_recover_t);
 
 /* Creates the table on the first call; later calls keep it with its entries. */
 int udp_vvlan_recover_table_init(void);
@@ -57,9 +45,6 @@ int udp_vvlan_recover_ds_init(void *ctx);
 /* The callback of that read: -4 for a malformed record, -6 without memory, -20
  * for another operation. */
 int udp_vvlan_recover_vvlan_cfg(void *ctx, tq_mom_record_t *record, void *user);
-
-/* Frees the table, at unload. */
-void udp_vvlan_recover_release(void);
 }
 
 #endif
