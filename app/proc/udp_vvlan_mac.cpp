@@ -106,13 +106,14 @@ static int subscribe(uint32_t vid)
 static int unsubscribe(uint32_t vid)
 {
     vvlan_noti_template_t tmpl;
+    vvlan_withdrawn_vid = vid; /* set first: the withdrawal may be told before the call returns */
     const int rv = tq_mom_unsubscribe(g_udp_vvlan_global, VVLAN_DB_ADDRESS, make_noti_template(&tmpl, vid),
                                       TQ_MOM_MATCH_FIELDS, udp_vvlan_mac_subscribe_callback, nullptr);
     if (rv != 0) {
+        vvlan_withdrawn_vid = 0;
         VVLAN_LOG_ERROR("Assert:unsub mac addr for voice vlan(%04u) failed, rv = %d.", vid, rv);
         return rv;
     }
-    vvlan_withdrawn_vid = vid;
     vvlan_subscribed_vid = 0;
     VVLAN_LOG_INFO("unsub mac addr for voice vlan(%04u) successfully.", vid);
     return VVLAN_OK;
@@ -158,15 +159,17 @@ static int open_registration_cycle(void *ctx, void *user)
 }
 
 /* The VLAN whose registration a withdrawal means: the one unsubscribed last,
- * else the one that is registered, else the present one. */
+ * else the one that is registered, subscribed, or the present one. */
 static uint32_t take_withdrawn_vid(void)
 {
-    uint32_t vid = vvlan_withdrawn_vid;
-    if (vid == 0) {
-        vid = vvlan_registered_vid != 0 ? vvlan_registered_vid : g_udp_vvlan_glb_cfg.vid;
-    }
+    const uint32_t candidates[] = {vvlan_withdrawn_vid, vvlan_registered_vid, vvlan_subscribed_vid};
     vvlan_withdrawn_vid = 0;
-    return vid;
+    for (const uint32_t vid : candidates) {
+        if (vid != 0) {
+            return vid;
+        }
+    }
+    return g_udp_vvlan_glb_cfg.vid;
 }
 
 static int withdraw_registration(void)
