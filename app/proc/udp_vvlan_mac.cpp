@@ -19,9 +19,10 @@
 constexpr uint64_t VVLAN_MAC_OWNER = 1000;  /* owner of our registration objects */
 constexpr uint64_t VVLAN_MAC_EXPIRY = 1000; /* of their data-sync cycle */
 
-static uint32_t vvlan_subscribed_vid; /* of the subscription; 0: none */
-static uint32_t vvlan_registered_vid; /* of the registration object; 0: none */
-static uint32_t vvlan_withdrawn_vid;  /* of the unsubscription whose 28 is still to come; 0: none */
+constexpr uint32_t VVLAN_VID_NONE = UINT32_MAX;        /* 0 is the subscription to every VLAN */
+static uint32_t vvlan_subscribed_vid = VVLAN_VID_NONE; /* of the subscription */
+static uint32_t vvlan_registered_vid = VVLAN_VID_NONE; /* of the registration object */
+static uint32_t vvlan_withdrawn_vid = VVLAN_VID_NONE;  /* of the unsubscription whose 28 is still to come */
 
 VVLAN_HASH_DEFINE(mac, vvlan_mac_traits);
 
@@ -106,15 +107,20 @@ static int subscribe(uint32_t vid)
 static int unsubscribe(uint32_t vid)
 {
     vvlan_noti_template_t tmpl;
-    vvlan_withdrawn_vid = vid; /* set first: the withdrawal may be told before the call returns */
+    const uint32_t withdrawn_before = vvlan_withdrawn_vid;
+    if (vvlan_subscribed_vid == vid) {
+        /* Set first: the withdrawal may be told before the call returns. Where
+         * nothing is subscribed there is none to come. */
+        vvlan_withdrawn_vid = vid;
+    }
     const int rv = tq_mom_unsubscribe(g_udp_vvlan_global, VVLAN_DB_ADDRESS, make_noti_template(&tmpl, vid),
                                       TQ_MOM_MATCH_FIELDS, udp_vvlan_mac_subscribe_callback, nullptr);
     if (rv != 0) {
-        vvlan_withdrawn_vid = 0;
+        vvlan_withdrawn_vid = withdrawn_before;
         VVLAN_LOG_ERROR("Assert:unsub mac addr for voice vlan(%04u) failed, rv = %d.", vid, rv);
         return rv;
     }
-    vvlan_subscribed_vid = 0;
+    vvlan_subscribed_vid = VVLAN_VID_NONE;
     VVLAN_LOG_INFO("unsub mac addr for voice vlan(%04u) successfully.", vid);
     return VVLAN_OK;
 }
@@ -123,9 +129,9 @@ int udp_vvlan_mac_subscribe(uint32_t sub)
 {
     const uint32_t vid = g_udp_vvlan_glb_cfg.vid;
     if (sub == 0) {
-        return unsubscribe(vvlan_subscribed_vid != 0 ? vvlan_subscribed_vid : vid);
+        return unsubscribe(vvlan_subscribed_vid != VVLAN_VID_NONE ? vvlan_subscribed_vid : vid);
     }
-    if (vvlan_subscribed_vid != 0 && vvlan_subscribed_vid != vid) {
+    if (vvlan_subscribed_vid != VVLAN_VID_NONE && vvlan_subscribed_vid != vid) {
         const int rv = unsubscribe(vvlan_subscribed_vid);
         if (rv != 0) {
             return rv;
@@ -163,9 +169,9 @@ static int open_registration_cycle(void *ctx, void *user)
 static uint32_t take_withdrawn_vid(void)
 {
     const uint32_t candidates[] = {vvlan_withdrawn_vid, vvlan_registered_vid, vvlan_subscribed_vid};
-    vvlan_withdrawn_vid = 0;
+    vvlan_withdrawn_vid = VVLAN_VID_NONE;
     for (const uint32_t vid : candidates) {
-        if (vid != 0) {
+        if (vid != VVLAN_VID_NONE) {
             return vid;
         }
     }
@@ -183,7 +189,7 @@ static int withdraw_registration(void)
         return rv;
     }
     if (vvlan_registered_vid == vid) {
-        vvlan_registered_vid = 0;
+        vvlan_registered_vid = VVLAN_VID_NONE;
     }
     VVLAN_LOG_INFO("unreg mac addr for vvlan(%04u) successfully.", vid);
     return VVLAN_OK;
@@ -191,14 +197,9 @@ static int withdraw_registration(void)
 
 static int renew_registration(void *ctx)
 {
-    const uint32_t vid = vvlan_subscribed_vid != 0 ? vvlan_subscribed_vid : g_udp_vvlan_glb_cfg.vid;
+    const uint32_t vid = vvlan_subscribed_vid != VVLAN_VID_NONE ? vvlan_subscribed_vid : g_udp_vvlan_glb_cfg.vid;
     vvlan_registration_t object;
     const ProtobufCMessage *registration = make_registration(&object, vid);
-    if (vid == 0) {
-        /* Switched off while the cycle was opening: only sweep. */
-        return tq_mom_dsend_ow(ctx, VVLAN_DB_ADDRESS, registration, TQ_MOM_MATCH_ALL, nullptr, nullptr,
-                               VVLAN_MAC_OWNER);
-    }
     int rv = tq_mom_setow(g_udp_vvlan_global, VVLAN_DB_ADDRESS, registration, nullptr, nullptr, VVLAN_MAC_OWNER);
     if (rv != 0) {
         VVLAN_LOG_ERROR("Assert:reg mac addr for vvlan(%04u) failed, rv = %d.", vid, rv);
