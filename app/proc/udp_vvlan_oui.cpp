@@ -1,9 +1,10 @@
 /* OUIs live in a small hash of lists. Each holds one ACE id, under which its
  * CoS ACE, its MAC-VLAN ACE and its record in the object store are known.
  *
- * A learned MAC is matched by trying prefix lengths. How many OUIs there are of
- * each length is counted, so that only lengths in use are probed; the order in
- * which they win is not affected.
+ * Most learned MACs belong to no voice device, so a miss has to be as cheap as
+ * a hit. The first and last addresses of the OUIs cut all addresses into ranges
+ * with one answer each, which a binary search finds. The ranges are made anew
+ * by the first look-up after the OUIs have changed.
  */
 #include "udp_vvlan_oui.h"
 
@@ -21,8 +22,24 @@
 #include <stdlib.h>
 #include <string.h>
 
-constexpr uint32_t VVLAN_PREFIX_LENGTH_MAX = 8 * VVLAN_MAC_SIZE;
-constexpr uint32_t VVLAN_PREFIX_LENGTH_OUI = 24; /* an IEEE-assigned OUI: tried first */
+constexpr uint64_t VVLAN_ADDRESS_LAST = (UINT64_C(1) << 8 * VVLAN_MAC_SIZE) - 1;
+constexpr uint64_t VVLAN_HOST_BITS_OUI = 0xFFFFFF; /* of an IEEE-assigned OUI, which precedes all others */
+
+constexpr uint32_t VVLAN_SPAN_COUNT_MAX = VVLAN_ACE_ID_COUNT - 1;        /* every OUI has an ACE id */
+constexpr uint32_t VVLAN_RANGE_COUNT_MAX = 2 * VVLAN_SPAN_COUNT_MAX + 1; /* each span begins one and ends one */
+
+/* The addresses that an OUI with a prefix mask matches: first to first + host_bits. */
+typedef struct vvlan_oui_span {
+    uint64_t first;
+    uint64_t host_bits; /* all bits outside the mask */
+    vvlan_oui_t *node;
+} vvlan_oui_span_t;
+
+/* Addresses from first up to the next range's first. */
+typedef struct vvlan_oui_range {
+    uint64_t first;
+    vvlan_oui_t *winner; /* null: no voice device */
+} vvlan_oui_range_t;
 
 /* Empty from the start, so that a dump before the start-up finds lists. */
 #define VVLAN_OUI_HEAD(i)                                                                                              \
@@ -36,8 +53,9 @@ vvlan_list_t g_udp_vvlan_oui[VVLAN_OUI_BUCKET_COUNT] = {
     VVLAN_OUI_HEAD(12), VVLAN_OUI_HEAD(13), VVLAN_OUI_HEAD(14), VVLAN_OUI_HEAD(15),
 };
 
-/* OUIs that a learned MAC can match, by prefix length. */
-static uint32_t vvlan_prefix_count[VVLAN_PREFIX_LENGTH_MAX + 1];
+/* In ascending order, the first one from address 0; none while they are out of date. */
+static vvlan_oui_range_t vvlan_ranges[VVLAN_RANGE_COUNT_MAX];
+static uint32_t vvlan_range_count;
 
 static vvlan_list_t *bucket_of(const uint8_t *mac, const uint8_t *mask)
 {
@@ -48,36 +66,12 @@ static vvlan_list_t *bucket_of(const uint8_t *mac, const uint8_t *mask)
     return &g_udp_vvlan_oui[sum % VVLAN_OUI_BUCKET_COUNT];
 }
 
-static void make_prefix_mask(uint32_t length, uint8_t *mask)
-{
-    memset(mask, 0, VVLAN_MAC_SIZE);
-    memset(mask, 0xFF, length / 8);
-    if (length % 8 != 0) {
-        mask[length / 8] = static_cast<uint8_t>(0xFF << (8 - length % 8));
-    }
-}
-
-/* The prefix length under which a learned MAC can match; 0 for none. */
-static uint32_t prefix_length_of(const uint8_t *mac, const uint8_t *mask)
-{
-    uint32_t length = 0;
-    for (uint32_t i = 0; i < VVLAN_MAC_SIZE; i++) {
-        if ((mac[i] & ~mask[i]) != 0) {
-            return 0;
-        }
-        length += static_cast<uint32_t>(__builtin_popcount(mask[i]));
-    }
-    uint8_t prefix[VVLAN_MAC_SIZE];
-    make_prefix_mask(length, prefix);
-    return memcmp(prefix, mask, VVLAN_MAC_SIZE) == 0 ? length : 0;
-}
-
 void udp_vvlan_oui_init(void)
 {
     for (vvlan_list_t &head : g_udp_vvlan_oui) {
         udp_vvlan_list_init(&head);
     }
-    memset(vvlan_prefix_count, 0, sizeof vvlan_prefix_count);
+    vvlan_range_count = 0;
 }
 
 vvlan_oui_t *udp_vvlan_oui_find_node(const uint8_t *mac, const uint8_t *mask)
@@ -92,29 +86,73 @@ vvlan_oui_t *udp_vvlan_oui_find_node(const uint8_t *mac, const uint8_t *mask)
     return nullptr;
 }
 
-static vvlan_oui_t *find_prefix(const uint8_t *mac, uint32_t length)
+static uint64_t address_of(const uint8_t *bytes)
 {
-    if (vvlan_prefix_count[length] == 0) {
-        return nullptr;
-    }
-    uint8_t mask[VVLAN_MAC_SIZE];
-    uint8_t key[VVLAN_MAC_SIZE];
-    make_prefix_mask(length, mask);
+    uint64_t address = 0;
     for (uint32_t i = 0; i < VVLAN_MAC_SIZE; i++) {
-        key[i] = mac[i] & mask[i];
+        address = address << 8 | bytes[i];
     }
-    return udp_vvlan_oui_find_node(key, mask);
+    return address;
+}
+
+/* The spans of the OUIs that a learned MAC can match; returns their number. */
+static uint32_t collect_spans(vvlan_oui_span_t *spans)
+{
+    uint32_t count = 0;
+    for (vvlan_list_t &head : g_udp_vvlan_oui) {
+        for (vvlan_list_t *link = head.next; link != &head && count < VVLAN_SPAN_COUNT_MAX; link = link->next) {
+            auto *node = VVLAN_LIST_ENTRY(link, vvlan_oui_t, link);
+            const uint64_t first = address_of(node->mac);
+            const uint64_t host_bits = address_of(node->mask) ^ VVLAN_ADDRESS_LAST;
+            const bool prefix = (host_bits & (host_bits + 1)) == 0 && host_bits != VVLAN_ADDRESS_LAST;
+            if (prefix && (first & host_bits) == 0) {
+                spans[count++] = {first, host_bits, node};
+            }
+        }
+    }
+    return count;
+}
+
+static bool precedes(const vvlan_oui_span_t *span, const vvlan_oui_span_t *other)
+{
+    return other == nullptr || (other->host_bits != VVLAN_HOST_BITS_OUI &&
+                                (span->host_bits == VVLAN_HOST_BITS_OUI || span->host_bits < other->host_bits));
+}
+
+static void make_ranges(void)
+{
+    vvlan_oui_span_t spans[VVLAN_SPAN_COUNT_MAX];
+    const uint32_t span_count = collect_spans(spans);
+    uint64_t last = VVLAN_ADDRESS_LAST;
+    for (uint64_t first = 0; first <= VVLAN_ADDRESS_LAST; first = last + 1) {
+        const vvlan_oui_span_t *winner = nullptr;
+        last = VVLAN_ADDRESS_LAST;
+        for (const vvlan_oui_span_t *span = spans; span < spans + span_count; span++) {
+            const uint64_t span_last = span->first + span->host_bits;
+            if (span->first > first) {
+                last = span->first <= last ? span->first - 1 : last;
+            } else if (span_last >= first) {
+                last = span_last < last ? span_last : last;
+                winner = precedes(span, winner) ? span : winner;
+            }
+        }
+        vvlan_ranges[vvlan_range_count++] = {first, winner != nullptr ? winner->node : nullptr};
+    }
 }
 
 vvlan_oui_t *udp_vvlan_oui_find_mac(const uint8_t *mac)
 {
-    vvlan_oui_t *node = find_prefix(mac, VVLAN_PREFIX_LENGTH_OUI);
-    for (uint32_t length = VVLAN_PREFIX_LENGTH_MAX; node == nullptr && length > 0; length--) {
-        if (length != VVLAN_PREFIX_LENGTH_OUI) {
-            node = find_prefix(mac, length);
-        }
+    if (vvlan_range_count == 0) {
+        make_ranges();
     }
-    return node;
+    const uint64_t address = address_of(mac);
+    const vvlan_oui_range_t *range = vvlan_ranges;
+    for (uint32_t count = vvlan_range_count; count > 1;) {
+        const uint32_t half = count / 2;
+        range += range[half].first <= address ? half : 0;
+        count -= half;
+    }
+    return range->winner;
 }
 
 /* A node in its bucket and with an ACE id, or null with nothing kept. */
@@ -136,7 +174,7 @@ static vvlan_oui_t *create_node(const uint8_t *mac, const uint8_t *mask)
         return nullptr;
     }
     udp_vvlan_list_append(bucket_of(mac, mask), &node->link);
-    vvlan_prefix_count[prefix_length_of(mac, mask)]++;
+    vvlan_range_count = 0;
     return node;
 }
 
@@ -176,8 +214,8 @@ void udp_vvlan_oui_del_node(vvlan_oui_t *node)
     VVLAN_LOG_INFO("rv = %d.", rv);
     udp_vvlan_oui_set_db(node, 0);
     udp_vvlan_mac_hash_traverse(udp_vvlan_del_oui_mac, node);
-    vvlan_prefix_count[prefix_length_of(node->mac, node->mask)]--;
     udp_vvlan_list_unlink(&node->link);
+    vvlan_range_count = 0;
     free(node);
 }
 
