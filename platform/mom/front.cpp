@@ -40,6 +40,12 @@ int Front::check_db(uint32_t db)
     return TQ_MOM_OK;
 }
 
+int Front::refuse(const ProtobufCMessage &object, const std::string &why) const
+{
+    log_line(LogLevel::error, delivery_.name() + ": object " + object.descriptor->name + " " + why);
+    return TQ_MOM_E_INVALID;
+}
+
 int Front::read_template(uint32_t db, const ProtobufCMessage *tmpl, Request &request)
 {
     if (const int result = check_db(db); result != TQ_MOM_OK) {
@@ -54,12 +60,10 @@ int Front::read_template(uint32_t db, const ProtobufCMessage *tmpl, Request &req
     }
     request.type = find_type(tmpl->descriptor->name);
     if (request.type == nullptr) {
-        log_line(LogLevel::error,
-                 delivery_.name() + ": type " + tmpl->descriptor->name + " is not an object type of the store");
-        return TQ_MOM_E_INVALID;
+        return refuse(*tmpl, "is not an object type of the store");
     }
     if (!pack(*tmpl, request.bytes)) {
-        return TQ_MOM_E_INVALID;
+        return refuse(*tmpl, "is larger than " + std::to_string(object_size_max) + " bytes and refused");
     }
     // The caller's descriptor may be a module's; from here on the message is
     // one of the platform's.
@@ -75,7 +79,7 @@ int Front::read_object(uint32_t db, const ProtobufCMessage *object, Request &req
 {
     const int result = read_template(db, object, request);
     if (result == TQ_MOM_OK && !encode_key(*request.type, *request.message, request.name.key)) {
-        return TQ_MOM_E_INVALID;
+        return refuse(*object, "comes without its key, or with one that is too long, and is refused");
     }
     return result;
 }

@@ -97,6 +97,8 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     };
 
     int check_db(uint32_t db);
+    // Logs why a caller's object is refused; answers TQ_MOM_E_INVALID.
+    int refuse(const ProtobufCMessage &object, const std::string &why) const;
     int read_template(uint32_t db, const ProtobufCMessage *tmpl, Request &request);
     int read_object(uint32_t db, const ProtobufCMessage *object, Request &request);
     int read_match(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Receiver to, Request &request);

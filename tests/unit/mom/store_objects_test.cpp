@@ -78,9 +78,11 @@ TEST_P(StoreObjects, RefusedCallsChangeNothingAndAreCounted)
     EXPECT_EQ(set(4, nullptr), TQ_MOM_E_INVALID);
     EXPECT_EQ(set(4, &keyless.base), TQ_MOM_E_INVALID);
     EXPECT_EQ(set(4, &part.base), TQ_MOM_E_INVALID);
-    EXPECT_EQ(log.count("p_bridge.b_qos"), 1u);
+    EXPECT_EQ(log.count("p_bridge.vvlan_port_cfg comes without its key"), 1u);
+    EXPECT_EQ(log.count("p_bridge.b_qos is not an object type"), 1u);
     EXPECT_EQ(set(0, large), TQ_MOM_E_INVALID);
     EXPECT_EQ(set(0, long_key), TQ_MOM_E_INVALID);
+    EXPECT_EQ(log.count("s_cluster.reg_pkt_info "), 2u);
     EXPECT_EQ(set(16, PortCfg(1)), TQ_MOM_E_INVALID);
     EXPECT_EQ(set(5, PortCfg(1)), TQ_MOM_E_UNREACHABLE);
     EXPECT_EQ(set(5, PortCfg(1)), TQ_MOM_E_UNREACHABLE);
