@@ -85,16 +85,5 @@ TEST_F(CaptureTest, DamagedOrUnfitFileIsRefusedWithItsReason)
     EXPECT_NE(refusal(patch(good, record_at(1) + 8, 0x7fffffff)), "");
 }
 
-TEST_F(CaptureTest, FileThatCannotBeOpenedIsNamed)
-{
-    Capture capture;
-    std::string why;
-    EXPECT_FALSE(read_capture(folder.path("none.pcap"), capture, why));
-    EXPECT_EQ(why, folder.path("none.pcap") + ": No such file or directory");
-    CaptureWriter writer;
-    EXPECT_FALSE(writer.open(folder.path("no/folder.pcap"), why));
-    EXPECT_EQ(why, folder.path("no/folder.pcap") + ": No such file or directory");
-}
-
 } // namespace
 } // namespace vvl::host

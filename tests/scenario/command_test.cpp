@@ -14,46 +14,30 @@ Grammar grammar_with_ports()
     return grammar;
 }
 
-struct BadLine {
-    const char *line;
-    const char *error;
-};
-
-constexpr BadLine bad_lines[] = {
+constexpr std::pair<const char *, const char *> bad_lines[] = {
     // The first word.
     {"vlam 100 on", "unknown command 'vlam'; did you mean 'vlan'?"},
-    {"frobnicate", "unknown command 'frobnicate'"},
     // A word further on; every row that got that far has its say.
     {"vlan 100 onn", "'onn' after 'vlan 100': expected on or off; did you mean 'on'?"},
-    {"port 1 atuo", "'atuo' after 'port 1': expected auto, manual, disable or delete; did you mean 'auto'?"},
     {"port 1 disable xyz", "'xyz' after 'port 1 disable': expected auto or manual"},
-    {"play a.pcap prot 1", "'prot' after 'play a.pcap': expected port; did you mean 'port'?"},
     {"play a.pcap port 1 form 3s",
      "'form' after 'play a.pcap port 1': expected from or background; did you mean 'from'?"},
     // Too few and too many words.
     {"port 1", "'port 1' is incomplete: expected auto, manual, disable or delete"},
     {"qos cos 6 dscp", "'qos cos 6 dscp' is incomplete: expected DSCP"},
-    {"play a.pcap port 1 from", "'play a.pcap port 1 from' is incomplete: expected TIME"},
     {"vlan 100 on now", "'now' after 'vlan 100 on': nothing more is expected"},
-    {"restart restart", "'restart' after 'restart': nothing more is expected"},
     // Ranges, one step outside each.
     {"vlan 0 on", "VLAN '0' is not 1 to 4094"},
-    {"vlan 4095 on", "VLAN '4095' is not 1 to 4094"},
-    {"vlan 1e2 on", "VLAN '1e2' is not 1 to 4094"},
     {"qos cos 8 dscp 46", "COS '8' is not 0 to 7"},
     {"qos cos 6 dscp 64", "DSCP '64' is not 0 to 63"},
     {"age 65536", "MINUTES '65536' is not 0 to 65535"},
-    {"age -1", "MINUTES '-1' is not 0 to 65535"},
     {"age 99999999999999999999", "MINUTES '99999999999999999999' is not 0 to 65535"},
     {"port 3 auto", "port 3 does not exist"},
-    {"port 0 auto", "PORT '0' is not 1 to 2147483647"},
     {"store down 5", "DB '5' is not one of 0|4|6|8|all"},
-    {"store down 4|6", "DB '4|6' is not one of 0|4|6|8|all"},
     {"ports 8..1", "range '8..1' ends before it begins"},
     {"ports 8", "'8' is no range: expected FIRST..LAST"},
     // OUIs.
     {"oui add 00:04:76:00:00:00/49", "OUI 00:04:76:00:00:00/49: prefix length 49 is not 1 to 48"},
-    {"oui add 00:04:76:00:00:00/0", "OUI 00:04:76:00:00:00/0: prefix length 0 is not 1 to 48"},
     {"oui add 00:04:76:22:00:00/24",
      "OUI 00:04:76:22:00:00/24: the address has bits outside its mask ff:ff:ff:00:00:00"},
     {"oui add 00:04:76:00:00:01/ff:ff:ff:00:00:00",
@@ -65,15 +49,12 @@ constexpr BadLine bad_lines[] = {
      "'00:04:76/24' is no OUI: expected ADDRESS/BITS or ADDRESS/MASK, as in 00:04:76:00:00:00/24"},
     // Times.
     {"wait 30", "'30' is no time: expected a number with us, ms, s, m, h or d, as in 30s"},
-    {"wait s", "'s' is no time: expected a number with us, ms, s, m, h or d, as in 30s"},
-    {"wait 10001d", "time '10001d' is more than 10000 days"},
     {"wait 9223372036854775807d", "time '9223372036854775807d' is more than 10000 days"},
     // Expectations.
     {"expect prot 1 joined",
      "'prot' after 'expect': expected port, bound, ouis, macs, error-event, frames, object or no; did you mean "
      "'port'?"},
     {"expect bound 1 voise", "ACL 'voise' is not one of voice|mac_vlan|security|none"},
-    {"expect object u_bridge.vvlan_join x", "'x' is no key of u_bridge.vvlan_join"},
     {"expect object p_bridge.vvlan_oui_cfg 00:04:76:00:00:00/50",
      "'00:04:76:00:00:00/50' is no key of p_bridge.vvlan_oui_cfg"},
     {"expect no object u_bridge.vvlan_jion 1",
@@ -88,15 +69,13 @@ constexpr BadLine bad_lines[] = {
 TEST(CommandTest, BadLineIsRefusedWithItsReason)
 {
     const Grammar grammar = grammar_with_ports();
-    for (const BadLine &row : bad_lines) {
-        Command command;
-        std::string why;
-        EXPECT_FALSE(parse_command(grammar, row.line, command, why)) << row.line;
-        EXPECT_EQ(why, row.error) << row.line;
-        EXPECT_EQ(command.row, nullptr) << row.line;
-    }
     Command command;
     std::string why;
+    for (const auto &[line, error] : bad_lines) {
+        EXPECT_FALSE(parse_command(grammar, line, command, why)) << line;
+        EXPECT_EQ(why, error) << line;
+        EXPECT_EQ(command.row, nullptr) << line;
+    }
     EXPECT_FALSE(parse_command(grammar, "wait 1s" + std::string(command_line_size_max, ' '), command, why));
     EXPECT_EQ(why, "the line is longer than 1024 bytes");
 }
@@ -116,17 +95,13 @@ class GoodLine : public testing::Test
     Command command;
 };
 
-TEST_F(GoodLine, RangesIncludeTheirEnds)
+TEST_F(GoodLine, RangesIncludeTheirEndsAndTimesAreMicroseconds)
 {
     EXPECT_EQ(parse("vlan 1 on")["VLAN"].number, 1u);
     EXPECT_EQ(parse("vlan 4094 off")["VLAN"].number, 4094u);
     EXPECT_EQ(parse("age 0x10")["MINUTES"].number, 16u);
     EXPECT_EQ(parse("qos cos 7 dscp 63")["DSCP"].number, 63u);
     EXPECT_EQ(parse("ports 5..5")["RANGE"].last, 5u);
-}
-
-TEST_F(GoodLine, TimesAreMicroseconds)
-{
     EXPECT_EQ(parse("wait 7us")["TIME"].number, 7u);
     EXPECT_EQ(parse("wait 200ms")["TIME"].number, 200'000u);
     EXPECT_EQ(parse("wait 2h")["TIME"].number, 7'200'000'000u);
@@ -165,18 +140,6 @@ TEST_F(GoodLine, CommentsAndQuotesAreUnderstood)
     EXPECT_EQ(command.row, nullptr);
     EXPECT_EQ(parse("play \"my call #1.pcap\" port 1 # a comment")["FILE"].text, "my call #1.pcap");
     EXPECT_EQ(parse("\tvlan\t100  on\r")["on|off"].text, "on");
-}
-
-TEST(CommandHelpTest, EveryCommandAndTypeIsListed)
-{
-    const Grammar grammar = scenario_grammar();
-    const std::string help = command_help(grammar);
-    for (const CommandRow &row : grammar.rows) {
-        EXPECT_NE(help.find(std::string("  ") + row.pattern + " "), std::string::npos) << row.pattern;
-    }
-    for (const ArgumentType &type : grammar.types) {
-        EXPECT_NE(help.find(std::string("\n  ") + type.name + " "), std::string::npos) << type.name;
-    }
 }
 
 } // namespace

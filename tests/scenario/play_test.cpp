@@ -140,19 +140,6 @@ TEST(PlayTest, FailedExpectationNamesItsLineAndWhatWasFound)
     }
 }
 
-TEST(PlayTest, CaptureThatIsCutShortPlaysNoFrame)
-{
-    const Player player;
-    const std::string whole = TempFolder::read(std::string(EXAMPLES) + "/security/pc.pcap");
-    ASSERT_FALSE(whole.empty());
-    player.folder.write("cut.pcap", whole.substr(0, whole.size() - 5));
-    const Outcome outcome = player.play_text("play cut.pcap port 1\n");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_TRUE(player.error_line(outcome).starts_with("s.vv:1: cut.pcap: truncated")) << player.error_line(outcome);
-    constexpr size_t empty_capture_size = 24;
-    EXPECT_EQ(outcome.frames.size(), empty_capture_size);
-}
-
 TEST(PlayTest, LinkLossAndCapturesThatOverlap)
 {
     const Player player;

@@ -3,20 +3,18 @@
 // known: uint32, bytes, sub-messages, and strings in the direction to text.
 #include "tests/support/message_text.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <stdexcept>
 
 namespace vvl::test
 {
 namespace
 {
 
-template <typename T> T value_at(const void *member)
+template <typename T> const T &value_at(const void *member)
 {
-    T value;
-    memcpy(&value, member, sizeof value);
-    return value;
+    return *static_cast<const T *>(member);
 }
 
 std::string fields_text(const ProtobufCMessage *message);
@@ -24,7 +22,7 @@ std::string fields_text(const ProtobufCMessage *message);
 std::string field_text(const ProtobufCFieldDescriptor &field, const void *member)
 {
     if (field.type == PROTOBUF_C_TYPE_UINT32) {
-        const auto number = value_at<uint32_t>(member);
+        const uint32_t number = value_at<uint32_t>(member);
         return number != 0 ? ":" + std::to_string(number) : "";
     }
     if (field.type == PROTOBUF_C_TYPE_STRING) {
@@ -32,7 +30,7 @@ std::string field_text(const ProtobufCFieldDescriptor &field, const void *member
         return text.empty() ? "" : ":" + text;
     }
     if (field.type == PROTOBUF_C_TYPE_BYTES) {
-        const auto data = value_at<ProtobufCBinaryData>(member);
+        const auto &data = value_at<ProtobufCBinaryData>(member);
         return data.len != 0 ? ":" + to_hex(data.data, data.len) : "";
     }
     const auto *message = value_at<const ProtobufCMessage *>(member);
@@ -56,22 +54,20 @@ std::string fields_text(const ProtobufCMessage *message)
 std::string take_until(const char *&p, const char *ends)
 {
     const char *start = p;
-    p += strcspn(p, ends);
-    return {start, p};
+    return {start, p += strcspn(p, ends)};
 }
 
 void set_value(const ProtobufCFieldDescriptor &field, void *member, const std::string &text)
 {
     if (field.type == PROTOBUF_C_TYPE_UINT32) {
-        const auto number = static_cast<uint32_t>(std::stoul(text));
-        memcpy(member, &number, sizeof number);
+        *static_cast<uint32_t *>(member) = static_cast<uint32_t>(std::stoul(text));
         return;
     }
-    ProtobufCBinaryData data = {text.size() / 2, static_cast<uint8_t *>(malloc(text.size() / 2))};
+    auto &data = *static_cast<ProtobufCBinaryData *>(member);
+    data = {text.size() / 2, static_cast<uint8_t *>(malloc(text.size() / 2))};
     for (size_t i = 0; i < data.len; i++) {
         data.data[i] = static_cast<uint8_t>(std::stoi(text.substr(2 * i, 2), nullptr, 16));
     }
-    memcpy(member, &data, sizeof data);
 }
 
 // Reads "{field:value field{...}}".
@@ -84,13 +80,12 @@ ProtobufCMessage *parse(const ProtobufCMessageDescriptor &descriptor, const char
         const ProtobufCFieldDescriptor *field =
             protobuf_c_message_descriptor_get_field_by_name(&descriptor, name.c_str());
         if (field == nullptr) {
-            fprintf(stderr, "%s has no field \"%s\"\n", descriptor.name, name.c_str());
-            abort();
+            throw std::invalid_argument(name);
         }
         void *member = reinterpret_cast<char *>(message) + field->offset;
         if (*p == '{') {
-            ProtobufCMessage *part = parse(*static_cast<const ProtobufCMessageDescriptor *>(field->descriptor), p);
-            memcpy(member, &part, sizeof part);
+            *static_cast<ProtobufCMessage **>(member) =
+                parse(*static_cast<const ProtobufCMessageDescriptor *>(field->descriptor), p);
         } else {
             set_value(*field, member, take_until(++p, " }"));
         }

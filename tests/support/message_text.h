@@ -21,8 +21,8 @@ using Message = std::unique_ptr<ProtobufCMessage, MessageFree>;
 std::string to_text(const ProtobufCMessage *message);
 std::string to_hex(const uint8_t *bytes, size_t size);
 
-// The type's name may be missing: the descriptor says it. Aborts on a text
-// that does not fit the descriptor.
+// The type's name may be missing: the descriptor says it. Throws on a field
+// that the descriptor does not have.
 Message to_message(const ProtobufCMessageDescriptor &descriptor, const std::string &text);
 
 } // namespace vvl::test

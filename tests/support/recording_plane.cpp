@@ -17,10 +17,8 @@ namespace
 
 using namespace vvl::test;
 
-struct Ace {
-    fp_udp_ace_t head;
-    fp_udp_fields_t fields;
-    std::string text;
+struct Ace : fp_udp_ace_t, fp_udp_fields_t {
+    std::string text; // of its fields
 };
 
 int note(const char *name, const void *handle, const vvlan_acl_desc_t *desc, const std::string &rest)
@@ -48,31 +46,10 @@ fp_udp_field_t field_make(const char *name, uint32_t kind, const void *value, ui
 
 void field_add(fp_udp_fields_t *fields, fp_udp_field_t record)
 {
-    auto *ace = reinterpret_cast<Ace *>(reinterpret_cast<char *>(fields) - offsetof(Ace, fields));
-    ace->text += reinterpret_cast<const char *>(record.opaque);
+    static_cast<Ace *>(fields)->text += reinterpret_cast<const char *>(record.opaque);
 }
 
 constexpr fp_udp_fields_ops_t fields_ops = {field_make, field_add};
-
-int acl_set(void *handle, const vvlan_acl_desc_t *desc)
-{
-    return note("acl_set", handle, desc, desc->app_type);
-}
-
-int acl_del(void *handle, const vvlan_acl_desc_t *desc)
-{
-    return note("acl_del", handle, desc, desc->app_type);
-}
-
-int ace_set(void *handle, const vvlan_acl_desc_t *desc, fp_udp_ace_t *ace)
-{
-    return note("ace_set", handle, desc, std::to_string(ace->id) + reinterpret_cast<Ace *>(ace)->text);
-}
-
-int ace_del(void *handle, const vvlan_acl_desc_t *desc, uint64_t ace_id)
-{
-    return note("ace_del", handle, desc, std::to_string(ace_id));
-}
 
 fp_udp_ace_t *ace_alloc(uint64_t ace_id, uint32_t)
 {
@@ -81,24 +58,8 @@ fp_udp_ace_t *ace_alloc(uint64_t ace_id, uint32_t)
     }
     platform().objects_live++;
     auto *ace = new Ace{{ace_id, nullptr}, {&fields_ops}, {}};
-    ace->head.fields = &ace->fields;
-    return &ace->head;
-}
-
-void ace_free(fp_udp_ace_t *ace)
-{
-    platform().objects_live--;
-    delete reinterpret_cast<Ace *>(ace);
-}
-
-int apply_set(void *handle, const vvlan_acl_desc_t *desc, uint8_t acl_kind, fp_udp_apply_t *apply)
-{
-    return note("bind", handle, desc, port_text(desc, apply->record) + (acl_kind == desc->acl_kind ? "" : " kind!"));
-}
-
-int apply_del(void *handle, const vvlan_acl_desc_t *desc, const vvlan_apply_t *record)
-{
-    return note("unbind", handle, desc, port_text(desc, *record));
+    ace->fields = ace;
+    return ace;
 }
 
 fp_udp_apply_t *apply_alloc(const vvlan_apply_t *record)
@@ -110,10 +71,15 @@ fp_udp_apply_t *apply_alloc(const vvlan_apply_t *record)
     return new fp_udp_apply{*record};
 }
 
-void apply_free(fp_udp_apply_t *apply)
+template <typename Whole, typename Object> void release(Object *object)
 {
     platform().objects_live--;
-    delete apply;
+    delete static_cast<Whole *>(object);
+}
+
+int apply_set(void *handle, const vvlan_acl_desc_t *desc, uint8_t acl_kind, fp_udp_apply_t *apply)
+{
+    return note("bind", handle, desc, port_text(desc, apply->record) + (acl_kind == desc->acl_kind ? "" : " kind!"));
 }
 
 template <const char *name> int by_app_type(void *ctx, const char *app_type)
@@ -125,26 +91,33 @@ constexpr char acl_mark[] = "acl_expire", acl_sweep[] = "acl_del_expired";
 constexpr char ace_mark[] = "ace_expire", ace_sweep[] = "ace_del_expired";
 constexpr char apply_mark[] = "apply_expire", apply_sweep[] = "apply_del_expired";
 
-constexpr fp_udp_mgr_ops_t manager_ops = {acl_set,
-                                          acl_del,
-                                          by_app_type<acl_mark>,
-                                          by_app_type<acl_sweep>,
-                                          nullptr,
-                                          nullptr,
-                                          ace_set,
-                                          ace_del,
-                                          by_app_type<ace_mark>,
-                                          by_app_type<ace_sweep>,
-                                          ace_alloc,
-                                          ace_free,
-                                          nullptr,
-                                          nullptr,
-                                          apply_set,
-                                          apply_del,
-                                          by_app_type<apply_mark>,
-                                          by_app_type<apply_sweep>,
-                                          apply_alloc,
-                                          apply_free};
+using Handle = void *;
+using Desc = const vvlan_acl_desc_t *;
+constexpr fp_udp_mgr_ops_t manager_ops = {
+    [](Handle handle, Desc desc) { return note("acl_set", handle, desc, desc->app_type); },
+    [](Handle handle, Desc desc) { return note("acl_del", handle, desc, desc->app_type); },
+    by_app_type<acl_mark>,
+    by_app_type<acl_sweep>,
+    nullptr,
+    nullptr,
+    [](Handle handle, Desc desc, fp_udp_ace_t *ace) {
+        return note("ace_set", handle, desc, std::to_string(ace->id) + static_cast<Ace *>(ace)->text);
+    },
+    [](Handle handle, Desc desc, uint64_t id) { return note("ace_del", handle, desc, std::to_string(id)); },
+    by_app_type<ace_mark>,
+    by_app_type<ace_sweep>,
+    ace_alloc,
+    release<Ace, fp_udp_ace_t>,
+    nullptr,
+    nullptr,
+    apply_set,
+    [](Handle handle, Desc desc, const vvlan_apply_t *record) {
+        return note("unbind", handle, desc, port_text(desc, *record));
+    },
+    by_app_type<apply_mark>,
+    by_app_type<apply_sweep>,
+    apply_alloc,
+    release<fp_udp_apply, fp_udp_apply>};
 
 } // namespace
 

@@ -39,22 +39,13 @@ int RecordingPlatform::call(const std::string &line)
 int RecordingPlatform::fault_of(const std::string &line)
 {
     for (Fault &fault : faults) {
-        if (line.rfind(fault.prefix, 0) != 0 || fault.count == 0) {
-            continue;
+        if (line.rfind(fault.prefix, 0) == 0 && fault.count != 0 && fault.skip-- <= 0) {
+            fault.skip = 0;
+            fault.count -= fault.count > 0;
+            return fault.code;
         }
-        if (fault.skip-- > 0) {
-            continue;
-        }
-        fault.skip = 0;
-        fault.count -= fault.count > 0;
-        return fault.code;
     }
     return 0;
-}
-
-void RecordingPlatform::fail(const std::string &prefix, int code, int skip, int count)
-{
-    faults.push_back({prefix, code, skip, count});
 }
 
 int RecordingPlatform::deliver(const std::string &key, tq_mom_record_t record)
@@ -84,8 +75,8 @@ std::string user_text(const void *user)
 
 int note(const char *name, const void *ctx, uint32_t db, const ProtobufCMessage *message, const std::string &rest = "")
 {
-    return platform().call(std::string(name) + " " + std::to_string(db) + " " + to_text(message) + rest +
-                           platform().at(ctx));
+    return platform().call(std::string(name) + " " + std::to_string(db) +
+                           (message != nullptr ? " " + to_text(message) : "") + rest + platform().at(ctx));
 }
 
 // A write, of which the module wants no answer.
@@ -104,37 +95,32 @@ int note_request(const char *name, const void *ctx, uint32_t db, const ProtobufC
     return note(name, ctx, db, message, rest);
 }
 
-int note_connection(const char *name, const void *ctx, uint32_t db)
-{
-    return platform().call(std::string(name) + " " + std::to_string(db) + platform().at(ctx));
-}
-
 } // namespace
 
 // ---- Object store ----------------------------------------------------------
 
 int tq_mom_client_connect_sync(void *ctx, uint32_t db)
 {
-    return note_connection("connect_sync", ctx, db);
+    return note("connect_sync", ctx, db, nullptr);
 }
 
 int tq_mom_client_connect(void *ctx, uint32_t db, tq_mom_connect_cb_t callback, void *user)
 {
     platform().connect_cb = callback;
     platform().connect_users[db] = user;
-    return note_connection("connect", ctx, db);
+    return note("connect", ctx, db, nullptr);
 }
 
 int tq_mom_client_set_disconnect_cb(void *ctx, uint32_t db, tq_mom_disconnect_cb_t callback, void *)
 {
     platform().disconnect_cb = callback;
-    return note_connection("set_disconnect_cb", ctx, db);
+    return note("set_disconnect_cb", ctx, db, nullptr);
 }
 
 int tq_mom_client_set_reconnect_cb(void *ctx, uint32_t db, tq_mom_reconnect_cb_t callback, void *)
 {
     platform().reconnect_cb = callback;
-    return note_connection("set_reconnect_cb", ctx, db);
+    return note("set_reconnect_cb", ctx, db, nullptr);
 }
 
 int tq_mom_set(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user)
@@ -269,8 +255,7 @@ void tqdf_zlog(void *category, const char *file, size_t filelen, const char *fun
 {
     va_list args;
     va_start(args, format);
-    char text[2048];
-    vsnprintf(text, sizeof text, format, args);
+    const std::string text = va_arg(args, const char *);
     va_end(args);
     const char *const names[] = {"debug ", "info ", "notice! ", "warn ", "error "};
     const bool whole = category == &platform() && filelen == strlen(file) && funclen == strlen(func) && line > 0 &&
@@ -319,30 +304,22 @@ int libddm_get_ifx_by_phyid(uint32_t phyid, uint32_t *ifx)
 static bool memory_left()
 {
     int &left = platform().allocations_left;
-    if (left == 0) {
-        return false;
-    }
+    const bool any = left != 0;
     left -= left > 0;
-    return true;
+    return any;
 }
 
-extern "C" {
-void *__wrap_malloc(size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void *__wrap_realloc(void *block, size_t size);
-}
-
-void *__wrap_malloc(size_t size)
+extern "C" void *__wrap_malloc(size_t size)
 {
     return memory_left() ? malloc(size) : nullptr;
 }
 
-void *__wrap_calloc(size_t count, size_t size)
+extern "C" void *__wrap_calloc(size_t count, size_t size)
 {
     return memory_left() ? calloc(count, size) : nullptr;
 }
 
-void *__wrap_realloc(void *block, size_t size)
+extern "C" void *__wrap_realloc(void *block, size_t size)
 {
     return memory_left() ? realloc(block, size) : nullptr;
 }

@@ -33,15 +33,19 @@ struct RecordingPlatform {
     struct Fault {
         std::string prefix; // of the calls that fail
         int code;           // that they answer; a call that returns an object: null
-        int skip;           // so many of them go well first
-        int count;          // then so many fail; negative: without end
+        int skip = 0;       // so many of them go well first
+        int count = -1;     // then so many fail; negative: without end
     };
 
     // Notes a call; 0 or the code that it is to fail with.
     int call(const std::string &line);
     // Answers like call, without noting.
     int fault_of(const std::string &line);
-    void fail(const std::string &prefix, int code, int skip = 0, int count = -1);
+    // The one fault from now on.
+    void fail(const std::string &prefix, int code, int skip = 0, int count = -1)
+    {
+        faults = {{prefix, code, skip, count}};
+    }
     // Hands a record to what was registered under the key: the call and the
     // message type, for a field subscription with "/" and the field number.
     int deliver(const std::string &key, tq_mom_record_t record);

@@ -3,8 +3,6 @@
 // that cannot be reached: what was done before stays, what comes after is not.
 #include "tests/walk/model.h"
 
-#include <algorithm>
-
 namespace vvl::walk
 {
 namespace
@@ -19,17 +17,21 @@ constexpr uint32_t seconds_per_minute = 60;
 
 // ---- Configuration ----
 
-void Model::port_event(const PortObject &object)
+void Model::port_event(bool add, const PortObject &object)
 {
-    const std::string key = std::to_string(object.ifx);
+    if (!add) {
+        remove_port(object.ifx);
+        return;
+    }
+    const std::string key = key_of(object);
     if (object.mode == 1) { // and not 3, which is automatic as well
-        if (auto kept = store_.at(Own::port_auto).find(key); kept != store_.at(Own::port_auto).end()) {
-            kept->second = {port_auto_text(1), false};
+        if (auto kept = own(Own::port_auto).find(key); kept != own(Own::port_auto).end()) {
+            kept->second = {"1", false};
         }
         if (!reachable(db_own)) {
             return;
         }
-        if (auto kept = store_.at(Own::join).find(key); kept != store_.at(Own::join).end()) {
+        if (auto kept = own(Own::join).find(key); kept != own(Own::join).end()) {
             kept->second.marked = false;
         }
     }
@@ -39,8 +41,8 @@ void Model::port_event(const PortObject &object)
     port.auto_mod = (object.mode & 1) != 0;
     if (is_new) {
         state_.order.insert(object.ifx);
-        const auto known = port_map_.find(object.ifx);
-        if (known == port_map_.end()) {
+        const auto known = phyids_.find(object.ifx);
+        if (known == phyids_.end()) {
             return;
         }
         port.phyid = known->second;
@@ -48,7 +50,7 @@ void Model::port_event(const PortObject &object)
     apply_port(object.ifx);
 }
 
-void Model::port_removed(uint32_t ifx)
+void Model::remove_port(uint32_t ifx)
 {
     if (state_.ports.contains(ifx) && take_acls(ifx) == 0) {
         clear_macs(state_.ports[ifx]);
@@ -59,7 +61,7 @@ void Model::port_removed(uint32_t ifx)
 
 void Model::port_noti_event(uint32_t phyid)
 {
-    for (const auto &[ifx, mapped] : port_map_) {
+    for (const auto &[ifx, mapped] : phyids_) {
         if (mapped == phyid && follows_macs(ifx)) {
             join_port(ifx, true);
         }
@@ -74,7 +76,7 @@ int Model::apply_port(uint32_t ifx)
             return 0;
         }
         if (put_acls(ifx) != 0) {
-            report(port_error_text(ifx));
+            report("port " + std::to_string(ifx));
         }
         if (port.auto_mod) {
             scan_macs(ifx);
@@ -100,7 +102,6 @@ int Model::apply_port(uint32_t ifx)
 int Model::join_port(uint32_t ifx, bool join)
 {
     Port &port = state_.ports[ifx];
-    const std::string key = std::to_string(ifx);
     port.deny_en = !join;
     port.auto_join = join;
     if (join) {
@@ -109,17 +110,17 @@ int Model::join_port(uint32_t ifx, bool join)
         state_.recovery.erase(ifx);
     }
     if (reachable(db_own)) {
-        store_.at(Own::join).erase(key);
+        delete_own(Own::join, ifx);
         if (join) {
-            store_.at(Own::join)[key] = {};
+            set_own(Own::join, ifx);
         }
     }
     if (!reachable(db_config)) {
         return failed;
     }
-    store_.at(Own::port_auto).erase(key);
+    delete_own(Own::port_auto, ifx);
     if (join) {
-        store_.at(Own::port_auto)[key] = {port_auto_text(1), false};
+        set_own(Own::port_auto, ifx, "1");
     }
     if (port.vvlan_en && set_trap(ifx, !join) != 0) {
         return failed;
@@ -135,9 +136,9 @@ int Model::set_trap(uint32_t ifx, bool on)
     if (!reachable(db_own)) {
         return failed;
     }
-    store_.at(Own::trap).erase(std::to_string(ifx));
+    delete_own(Own::trap, ifx);
     if (on) {
-        store_.at(Own::trap)[std::to_string(ifx)] = {};
+        set_own(Own::trap, ifx);
     }
     return 0;
 }
@@ -146,7 +147,7 @@ int Model::put_acls(uint32_t ifx)
 {
     const Port &port = state_.ports[ifx];
     if (voice_acls_exist()) {
-        const bool rejoins = state_.recovery.contains(ifx) && !state_.port_over;
+        const bool rejoins = state_.recovery.contains(ifx) && !state_.over[port_scan];
         const bool is_in = !port.auto_mod || rejoins;
         const int result = set_trap(ifx, !is_in);
         bind(Acl::voice, port.phyid, is_in);
@@ -181,19 +182,18 @@ int Model::take_acls(uint32_t ifx)
 int Model::leave_at_switch_off(uint32_t ifx)
 {
     Port &port = state_.ports[ifx];
-    const std::string key = std::to_string(ifx);
     take_acls(ifx);
     clear_macs(port);
     if (port.auto_mod && port.auto_join) {
         port.auto_join = false;
         state_.recovery.erase(ifx);
         if (reachable(db_own)) {
-            store_.at(Own::join).erase(key);
+            delete_own(Own::join, ifx);
         }
         if (!reachable(db_config)) {
             return failed;
         }
-        store_.at(Own::port_auto).erase(key);
+        delete_own(Own::port_auto, ifx);
     } else if (port.auto_mod && port.deny_en) {
         set_trap(ifx, false);
     }
@@ -257,10 +257,9 @@ void Model::mark_macless(Port &port)
 void Model::mac_event(bool add, const NotiObject &noti)
 {
     Mac mac;
-    if (!noti.mac || noti.mac->size() != mac.size() || !follows_macs(noti.port)) {
+    if (!parse_mac(noti.mac, mac) || !follows_macs(noti.port)) {
         return;
     }
-    std::copy(noti.mac->begin(), noti.mac->end(), mac.begin());
     Port &port = state_.ports[noti.port];
     if (port.macs.empty()) {
         mark_macless(port);

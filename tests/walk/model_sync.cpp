@@ -22,18 +22,27 @@ void Model::post(uint32_t db, std::function<void()> task)
     });
 }
 
-bool Model::start()
+void Model::await_answer(uint32_t db)
+{
+    links_[db].waiting = true;
+    post(db, [this, db] {
+        links_[db].waiting = false;
+        connected(db);
+    });
+}
+
+bool Model::any_cut() const
+{
+    return std::any_of(std::begin(links_), std::end(links_), [](const Link &link) { return link.cut; });
+}
+
+void Model::start()
 {
     loaded_ = true;
     for (const uint32_t db : databases) {
         links_[db] = {};
-        links_[db].waiting = 1;
-        post(db, [this, db] {
-            links_[db].waiting = 0;
-            connected(db);
-        });
+        await_answer(db);
     }
-    return true;
 }
 
 void Model::stop()
@@ -41,41 +50,35 @@ void Model::stop()
     loaded_ = false;
     queue_.clear();
     state_ = {};
+    ouis_.forget();
+    ports_.forget();
+    macs_.forget();
     for (Link &link : links_) {
         link = {};
     }
 }
 
-void Model::cut(uint32_t db)
+void Model::set_link(uint32_t db, bool up)
 {
-    links_[db].cut = true;
-    links_[db].generation++;
-    queue_.push_back([this, db] { links_[db].ready = false; });
-}
-
-void Model::restore(uint32_t db)
-{
-    links_[db].cut = false;
+    links_[db].cut = !up;
+    if (!up) {
+        links_[db].generation++;
+        queue_.push_back([this, db] { links_[db].ready = false; });
+        return;
+    }
     queue_.push_back([this, db] {
-        auto &s = state_;
         if (db == db_config) {
-            s.oui_subscription.established = false;
-            s.port_subscription.established = false;
-            for (auto &field : s.field_subscriptions) {
-                field.second.established = false;
-            }
+            ouis_.established = ports_.established = false;
+            state_.established_fields.clear();
         } else if (db == db_status) {
-            s.noti_subscription.established = false;
+            state_.notis_established = false;
         } else if (db == db_address) {
-            s.mac_subscription.established = false;
+            macs_.established = false;
         }
         connected(db);
     });
-    if (links_[db].waiting > 0) {
-        post(db, [this, db] {
-            links_[db].waiting = 0;
-            connected(db);
-        });
+    if (links_[db].waiting) {
+        await_answer(db);
     }
 }
 
@@ -123,51 +126,21 @@ void Model::initialise()
         s.cos = 6;
         s.dscp = 46;
         plane_.mark_all();
-        store_.packet_library = true;
         s.timer_due = now_ + 60;
         s.initialised = true;
     } else {
-        s.oui_over = s.port_over = s.global_over = s.noti_over = false;
+        s.over = {};
         s.recovery.clear();
     }
-    for (const auto &join : store_.at(Own::join)) {
+    for (const auto &join : own(Own::join)) {
         s.recovery.insert(static_cast<uint32_t>(std::stoul(join.first)));
     }
-    subscribe_all();
-}
-
-void Model::subscribe_all()
-{
-    subscribe_ouis();
+    subscribe(ouis_, {Own::oui}, &Model::scan_ouis);
     for (const uint32_t field : {field_switch, field_security, field_age, field_qos}) {
         subscribe_field(field);
     }
-    subscribe_ports();
+    subscribe(ports_, {Own::join, Own::port_auto, Own::trap}, &Model::scan_ports);
     subscribe_notis();
-}
-
-void Model::subscribe_ouis()
-{
-    auto &subscription = state_.oui_subscription;
-    post(db_config, [this] {
-        state_.oui_subscription.established = true;
-        if (reachable(db_own)) {
-            mark(store_.at(Own::oui));
-            post(db_own, [this] { scan_ouis(); });
-        }
-    });
-    if (subscription.made) {
-        post(db_config, [this, present = store_.ouis] {
-            const auto told = state_.oui_subscription.told;
-            for (const auto &[key, oui] : told) {
-                if (!present.contains(key)) {
-                    state_.oui_subscription.told.erase(key);
-                    oui_event(false, oui);
-                }
-            }
-        });
-    }
-    subscription.made = true;
 }
 
 void Model::scan_ouis()
@@ -175,60 +148,13 @@ void Model::scan_ouis()
     if (!reachable(db_config)) {
         return;
     }
-    post(db_config, [this, present = store_.ouis] {
-        for (const auto &[key, oui] : present) {
-            state_.oui_subscription.told[key] = oui;
-            oui_event(true, oui);
-        }
+    post(db_config, [this, present = ouis_.stored] {
+        tell_all(ouis_, present);
         if (reachable(db_own)) {
-            sweep(store_.at(Own::oui));
-            state_.oui_over = true;
-            sweep_plane();
+            sweep(Own::oui);
+            finish(oui_scan);
         }
     });
-}
-
-void Model::subscribe_field(uint32_t field)
-{
-    post(db_config, [this, field] {
-        state_.field_subscriptions[field].established = true;
-        post(db_config, [this, field, present = store_.global] {
-            if (present && present->fields.contains(field)) {
-                global_event(field, *present);
-            }
-            if (field == field_switch) {
-                state_.global_over = true;
-                sweep_plane();
-            }
-        });
-    });
-}
-
-void Model::subscribe_ports()
-{
-    auto &subscription = state_.port_subscription;
-    post(db_config, [this] {
-        state_.port_subscription.established = true;
-        if (!reachable(db_own)) {
-            return;
-        }
-        mark(store_.at(Own::join));
-        mark(store_.at(Own::port_auto));
-        mark(store_.at(Own::trap));
-        post(db_own, [this] { scan_ports(); });
-    });
-    if (subscription.made) {
-        post(db_config, [this, present = store_.ports] {
-            const auto told = state_.port_subscription.told;
-            for (const auto &[key, port] : told) {
-                if (!present.contains(key)) {
-                    state_.port_subscription.told.erase(key);
-                    port_removed(port.ifx);
-                }
-            }
-        });
-    }
-    subscription.made = true;
 }
 
 void Model::scan_ports()
@@ -236,44 +162,277 @@ void Model::scan_ports()
     if (!reachable(db_config)) {
         return;
     }
-    post(db_config, [this, present = store_.ports] {
-        for (const auto &[key, port] : present) {
-            state_.port_subscription.told[key] = port;
-            port_event(port);
-        }
+    post(db_config, [this, present = ports_.stored] {
+        tell_all(ports_, present);
         if (!reachable(db_own)) {
             return;
         }
-        sweep(store_.at(Own::join));
+        sweep(Own::join);
         if (!reachable(db_config)) {
             return;
         }
-        sweep(store_.at(Own::port_auto));
-        sweep(store_.at(Own::trap));
-        state_.port_over = true;
-        sweep_plane();
+        sweep(Own::port_auto);
+        sweep(Own::trap);
+        finish(port_scan);
+    });
+}
+
+void Model::subscribe_field(uint32_t field)
+{
+    post(db_config, [this, field] {
+        state_.established_fields.insert(field);
+        post(db_config, [this, field, present = stored_global_] {
+            if (const auto value = present.find(field); value != present.end()) {
+                global_event(field, value->second);
+            }
+            if (field == field_switch) {
+                finish(global_scan);
+            }
+        });
     });
 }
 
 void Model::subscribe_notis()
 {
     post(db_status, [this] {
-        state_.noti_subscription.established = true;
-        post(db_status, [this, present = store_.port_notis] {
+        state_.notis_established = true;
+        post(db_status, [this, present = port_notis_] {
             for (const auto &noti : present) {
                 port_noti_event(noti.second);
             }
-            state_.noti_over = true;
-            sweep_plane();
+            finish(noti_scan);
         });
     });
 }
 
-void Model::sweep_plane()
+void Model::mark(Own type)
 {
-    if (state_.oui_over && state_.port_over && state_.global_over && state_.noti_over) {
+    for (auto &object : own(type)) {
+        object.second.marked = true;
+    }
+}
+
+void Model::sweep(Own type)
+{
+    std::erase_if(own(type), [](const auto &object) { return object.second.marked; });
+}
+
+void Model::finish(Scan scan)
+{
+    state_.over[scan] = true;
+    if (std::ranges::all_of(state_.over, std::identity{})) {
         plane_.sweep();
     }
+}
+
+// ---- Subscriptions ----
+
+// Whether a change reaches the module when it arrives.
+template <typename Object> bool Model::hears(const Feed<Object> &feed, const Object &object) const
+{
+    if constexpr (std::is_same_v<Object, NotiObject>) {
+        if (!state_.mac_vlan || (*state_.mac_vlan != 0 && *state_.mac_vlan != object.vlan)) {
+            return false;
+        }
+    }
+    return feed.established;
+}
+
+// A removal says what the object was by what was told last; a subscriber that
+// was never told gets the key alone, and so port 0 of a learned address.
+template <typename Object> void Model::write(Feed<Object> &feed, Op op, const Object &object)
+{
+    const std::string key = key_of(object);
+    if (op == Op::publish) {
+        return; // counts only where it is stored
+    }
+    if (op == Op::set) {
+        feed.stored[key] = object;
+    } else if (feed.stored.erase(key) == 0) {
+        return;
+    }
+    if (!reachable(feed.db)) {
+        return;
+    }
+    post(feed.db, [this, &feed, op, key, object] {
+        if (!hears(feed, object)) {
+            return;
+        }
+        if (op == Op::set) {
+            feed.told[key] = object;
+            (this->*feed.event)(true, object);
+            return;
+        }
+        const auto told = feed.told.extract(key);
+        (this->*feed.event)(false, told.empty() ? object : told.mapped());
+    });
+}
+
+template <typename Object> void Model::tell_all(Feed<Object> &feed, const std::map<std::string, Object> &present)
+{
+    for (const auto &[key, object] : present) {
+        feed.told[key] = object;
+        (this->*feed.event)(true, object);
+    }
+}
+
+template <typename Object> void Model::tell_of_gone(Feed<Object> &feed, const std::map<std::string, Object> &present)
+{
+    const auto told = feed.told;
+    for (const auto &[key, object] : told) {
+        if (!present.contains(key)) {
+            feed.told.erase(key);
+            (this->*feed.event)(false, object);
+        }
+    }
+}
+
+// The module's own objects of a cycle are marked when the subscription stands.
+template <typename Object> void Model::subscribe(Feed<Object> &feed, std::set<Own> cycle, void (Model::*scan)())
+{
+    post(feed.db, [this, &feed, cycle, scan] {
+        feed.established = true;
+        if (reachable(db_own)) {
+            for (const Own type : cycle) {
+                mark(type);
+            }
+            post(db_own, [this, scan] { (this->*scan)(); });
+        }
+    });
+    if (feed.made) {
+        post(feed.db, [this, &feed, present = feed.stored] { tell_of_gone(feed, present); });
+    }
+    feed.made = true;
+}
+
+template void Model::write(Feed<OuiObject> &, Op, const OuiObject &);
+template void Model::write(Feed<PortObject> &, Op, const PortObject &);
+template void Model::write(Feed<NotiObject> &, Op, const NotiObject &);
+
+void Model::set_global(const GlobalObject &object)
+{
+    for (const auto &[field, value] : object) {
+        stored_global_[field] = value;
+    }
+    if (reachable(db_config)) {
+        post(db_config, [this, object] {
+            for (const auto &[field, value] : object) {
+                if (state_.established_fields.contains(field)) {
+                    global_event(field, value);
+                }
+            }
+        });
+    }
+}
+
+void Model::write_port_noti(Op op, uint32_t phyid)
+{
+    const std::string key = std::to_string(phyid);
+    if (op == Op::remove) {
+        port_notis_.erase(key);
+        return;
+    }
+    if (op == Op::set) {
+        port_notis_[key] = phyid;
+    }
+    if (reachable(db_status)) {
+        post(db_status, [this, phyid] {
+            if (state_.notis_established) {
+                port_noti_event(phyid);
+            }
+        });
+    }
+}
+
+void Model::write_own(Op op, Own type, uint32_t key)
+{
+    if (op == Op::set) {
+        set_own(type, key, type == Own::port_auto ? "0" : "");
+    } else {
+        delete_own(type, key);
+    }
+}
+
+void Model::set_own(Own type, uint32_t key, std::string value)
+{
+    own(type)[std::to_string(key)] = {std::move(value), false};
+}
+
+// ---- Learned addresses ----
+
+void Model::subscribe_macs(bool on)
+{
+    auto &s = state_;
+    if (!reachable(db_address)) {
+        return;
+    }
+    if (s.mac_vlan && (!on || *s.mac_vlan != s.vid)) {
+        withdraw_macs();
+    }
+    if (!on) {
+        return;
+    }
+    const bool again = s.mac_vlan.has_value();
+    if (!again) {
+        s.mac_vlan = s.vid;
+        s.mac_serial++;
+        macs_.forget();
+    }
+    post(db_address, [this, serial = s.mac_serial] {
+        if (state_.mac_vlan && state_.mac_serial == serial) {
+            macs_.established = true;
+            for (auto &registration : registrations_) {
+                registration.second.marked = true;
+            }
+            post(db_address, [this] { registration_open(); });
+        }
+    });
+    if (again) {
+        post(db_address, [this, serial = s.mac_serial, present = macs_.stored] {
+            if (state_.mac_vlan && state_.mac_serial == serial) {
+                tell_of_gone(macs_, present);
+            }
+        });
+    }
+}
+
+void Model::withdraw_macs()
+{
+    post(db_address, [this, vlan = *state_.mac_vlan] { registrations_.erase(std::to_string(vlan)); });
+    state_.mac_vlan.reset();
+}
+
+void Model::registration_open()
+{
+    const uint32_t vlan = state_.mac_vlan.value_or(state_.vid);
+    registrations_[std::to_string(vlan)] = {};
+    std::erase_if(registrations_, [](const auto &registration) { return registration.second.marked; });
+    scan_macs(0);
+}
+
+void Model::scan_macs(uint32_t ifx)
+{
+    if (!reachable(db_address)) {
+        return;
+    }
+    auto present = macs_.stored;
+    std::erase_if(present, [&](const auto &noti) { return state_.vid != 0 && noti.second.vlan != state_.vid; });
+    post(db_address, [this, ifx, present = std::move(present)] {
+        for (const auto &[key, noti] : present) {
+            const auto vlan = state_.mac_vlan;
+            if (vlan && (*vlan == 0 || *vlan == noti.vlan)) {
+                macs_.told[key] = noti;
+            }
+            if (ifx == 0 || ifx == noti.port) {
+                mac_event(true, noti);
+            }
+        }
+        for (auto &port : state_.ports) {
+            if (port.second.macs.empty()) {
+                mark_macless(port.second);
+            }
+        }
+    });
 }
 
 } // namespace vvl::walk

@@ -17,6 +17,14 @@ constexpr uint64_t security_ace_id = 1;
 constexpr uint16_t whole_vid = 0xffff;
 constexpr Acl all_acls[] = {Acl::voice, Acl::mac_vlan, Acl::security};
 
+bool is_prefix(const Mac &mask)
+{
+    const uint64_t bits = to_u64(mask.data()) << 16;
+    return bits != 0 && std::countl_one(bits) == std::popcount(bits);
+}
+
+} // namespace
+
 Mac masked(const Mac &mac, const Mac &mask)
 {
     Mac result;
@@ -26,32 +34,23 @@ Mac masked(const Mac &mac, const Mac &mask)
     return result;
 }
 
-bool is_prefix(const Mac &mask)
-{
-    const uint64_t bits = to_u64(mask.data()) << 16;
-    return bits != 0 && std::countl_one(bits) == std::popcount(bits);
-}
-
-bool read_mac(const MacField &field, Mac &mac)
-{
-    if (!field || field->size() != mac.size()) {
-        return false;
-    }
-    std::copy(field->begin(), field->end(), mac.begin());
-    return true;
-}
-
-} // namespace
-
 // ---- Global configuration ----
 
-void Model::global_event(uint32_t field, const GlobalObject &object)
+void Model::global_event(uint32_t field, const GlobalValue &value)
 {
     auto &s = state_;
-    if (field == field_switch && object.glb_switch) {
-        switch_event(*object.glb_switch);
+    if (value.lacks_part) {
+        return;
+    }
+    if (field == field_switch) {
+        if (value.second != 0) {
+            switch_on(value.first);
+        } else {
+            switch_off(value.first);
+        }
+        subscribe_macs(value.second != 0);
     } else if (field == field_security) {
-        s.secu_mode = object.secu_mode != 0;
+        s.secu_mode = value.first != 0;
         set_security_ace();
         for (const auto &port : s.ports) {
             if (port.second.vvlan_en) {
@@ -59,25 +58,15 @@ void Model::global_event(uint32_t field, const GlobalObject &object)
             }
         }
     } else if (field == field_age) {
-        s.age_time = static_cast<uint16_t>(object.age_time);
-    } else if (field == field_qos && object.qos) {
-        s.cos = static_cast<uint8_t>(object.qos->cos);
-        s.dscp = static_cast<uint8_t>(object.qos->dscp);
+        s.age_time = static_cast<uint16_t>(value.first);
+    } else {
+        s.cos = static_cast<uint8_t>(value.first);
+        s.dscp = static_cast<uint8_t>(value.second);
         for (const Oui &oui : s.ouis) {
             set_voice_ace(oui);
         }
         set_security_ace();
     }
-}
-
-void Model::switch_event(const GlobalObject::Switch &wanted)
-{
-    if (wanted.enable != 0) {
-        switch_on(wanted.vlan);
-    } else {
-        switch_off(wanted.vlan);
-    }
-    subscribe_macs(wanted.enable != 0);
 }
 
 void Model::switch_on(uint32_t vlan)
@@ -119,7 +108,7 @@ void Model::switch_off(uint32_t vlan)
 void Model::report(const std::string &error)
 {
     if (reachable(db_config)) {
-        store_.error_event = error;
+        error_event_ = error;
     }
 }
 
@@ -129,7 +118,8 @@ void Model::oui_event(bool add, const OuiObject &object)
 {
     Mac mac;
     Mac mask;
-    if (!read_mac(object.mac, mac) || !read_mac(object.mask, mask)) {
+    const size_t slash = object.find('/');
+    if (!parse_mac(object.substr(0, slash), mac) || !parse_mac(object.substr(slash + 1), mask)) {
         return;
     }
     if (add) {
@@ -139,20 +129,25 @@ void Model::oui_event(bool add, const OuiObject &object)
     }
 }
 
+std::vector<Model::Oui>::iterator Model::find_oui(const Mac &mac, const Mac &mask)
+{
+    return std::ranges::find_if(state_.ouis, [&](const Oui &oui) { return oui.mac == mac && oui.mask == mask; });
+}
+
 void Model::add_oui(const Mac &mac, const Mac &mask)
 {
     auto &s = state_;
-    if (std::any_of(s.ouis.begin(), s.ouis.end(), [&](const Oui &oui) { return oui.mac == mac && oui.mask == mask; })) {
+    if (find_oui(mac, mask) != s.ouis.end()) {
         return;
     }
     const Oui oui{mac, mask, free_ace_id()};
     if (oui.ace_id == 0) {
-        report(oui_error_text(mac, mask));
+        report("OUI " + oui_text(mac, mask));
         return;
     }
     s.ouis.push_back(oui);
     if (reachable(db_own)) {
-        store_.at(Own::oui)[std::to_string(oui.ace_id)] = {oui_text(mac, mask), false};
+        set_own(Own::oui, oui.ace_id, oui_text(mac, mask));
     }
     set_voice_ace(oui);
     set_tag_ace(oui);
@@ -162,15 +157,14 @@ void Model::add_oui(const Mac &mac, const Mac &mask)
 void Model::remove_oui(const Mac &mac, const Mac &mask)
 {
     auto &s = state_;
-    const auto found =
-        std::find_if(s.ouis.begin(), s.ouis.end(), [&](const Oui &oui) { return oui.mac == mac && oui.mask == mask; });
+    const auto found = find_oui(mac, mask);
     if (found == s.ouis.end()) {
         return;
     }
     delete_ace(Acl::voice, found->ace_id);
     delete_ace(Acl::mac_vlan, found->ace_id);
     if (reachable(db_own)) {
-        store_.at(Own::oui).erase(std::to_string(found->ace_id));
+        delete_own(Own::oui, found->ace_id);
     }
     s.ouis.erase(found);
     const auto macs = s.macs;
@@ -279,11 +273,7 @@ void Model::bind(Acl which, uint32_t phyid, bool on)
     if (!acl(which).described || (which == Acl::security && on && !state_.enable)) {
         return;
     }
-    if (on) {
-        plane_.bind(which, phyid);
-    } else {
-        plane_.unbind(which, phyid);
-    }
+    plane_.bind(which, phyid, on);
 }
 
 } // namespace vvl::walk

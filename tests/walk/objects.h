@@ -1,10 +1,10 @@
-// The objects that the walk writes into the store, as plain values, and the
-// text of their keys, by which the store orders them.
+// The objects that the walk writes into the store, as plain values. MAC
+// addresses are text as in a key: "-" is an absent one, two quotation marks an
+// empty one, and any number of bytes may be between.
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <set>
+#include <map>
 #include <string>
 
 namespace vvl::walk
@@ -18,13 +18,9 @@ constexpr uint32_t db_own = 8;
 constexpr uint32_t databases[] = {db_config, db_status, db_address, db_own};
 constexpr uint32_t db_count = 9; // one more than the largest
 
-// A p_libpub.mac: absent, or any number of bytes.
-using MacField = std::optional<std::string>;
+enum class Op { set, remove, publish };
 
-struct OuiObject { // p_bridge.vvlan_oui_cfg
-    MacField mac;
-    MacField mask;
-};
+using OuiObject = std::string; // the key of a p_bridge.vvlan_oui_cfg, "mac/mask"
 
 struct PortObject { // p_bridge.vvlan_port_cfg
     uint32_t ifx = 0;
@@ -35,7 +31,7 @@ struct PortObject { // p_bridge.vvlan_port_cfg
 struct NotiObject { // u_bridge.mac_vid_reg_noti
     uint32_t vlan = 0;
     uint32_t type = 0;
-    MacField mac;
+    std::string mac;
     uint32_t port = 0; // ifx
 };
 
@@ -45,46 +41,32 @@ constexpr uint32_t field_security = 6;
 constexpr uint32_t field_age = 7;
 constexpr uint32_t field_qos = 8;
 
-struct GlobalObject { // p_bridge.vvlan_glb_cfg
-    struct Switch {
-        uint32_t vlan = 0;
-        uint32_t enable = 0;
-    };
-    struct Qos {
-        uint32_t cos = 0;
-        uint32_t dscp = 0;
-    };
-    std::set<uint32_t> fields; // numbers that are written, or stored
-    std::optional<Switch> glb_switch;
-    uint32_t secu_mode = 0;
-    uint32_t age_time = 0; // minutes
-    std::optional<Qos> qos;
+struct GlobalValue {
+    bool lacks_part = false; // of a switch or a QoS: the message is absent
+    uint32_t first = 0;      // VLAN, security mode, minutes, CoS
+    uint32_t second = 0;     // whether the switch is on, DSCP
 };
 
-// "00:04:76", "-" for an absent one, two quotation marks for an empty one.
-inline std::string mac_key(const MacField &mac)
-{
-    if (!mac) {
-        return "-";
-    }
-    std::string key;
-    for (const char c : *mac) {
-        const auto byte = static_cast<uint8_t>(c);
-        key += key.empty() ? "" : ":";
-        key += "0123456789abcdef"[byte >> 4];
-        key += "0123456789abcdef"[byte & 15];
-    }
-    return key.empty() ? "\"\"" : key;
-}
+using GlobalObject = std::map<uint32_t, GlobalValue>; // the fields that are written
+
+// The module's own keyed objects, but for the registrations.
+enum class Own { port_auto, join, trap, oui };
+constexpr size_t own_count = 4;
+constexpr const char *own_words[own_count] = {"port_auto", "join", "trap", "oui_record"};
 
 inline std::string key_of(const OuiObject &oui)
 {
-    return mac_key(oui.mac) + "/" + mac_key(oui.mask);
+    return oui;
+}
+
+inline std::string key_of(const PortObject &port)
+{
+    return std::to_string(port.ifx);
 }
 
 inline std::string key_of(const NotiObject &noti)
 {
-    return std::to_string(noti.vlan) + "/" + std::to_string(noti.type) + "/" + mac_key(noti.mac);
+    return std::to_string(noti.vlan) + "/" + std::to_string(noti.type) + "/" + noti.mac;
 }
 
 } // namespace vvl::walk

@@ -5,17 +5,57 @@
 #include "platform/mom/client.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/store_local.h"
-#include "s_bridge.pb-c.h"
-#include "tests/walk/module_symbols.h"
+#include "tests/walk/model.h"
 #include "u_bridge.pb-c.h"
+#include "udp_vvlan_glb_cfg.h"
+#include "udp_vvlan_mac.h"
+#include "udp_vvlan_oui.h"
+#include "udp_vvlan_port.h"
+#include "udp_vvlan_recover.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <set>
 
 namespace vvl::walk
 {
+
+namespace
+{
+
+// An exported symbol of the module, looked up after each load. It holds no
+// reference to the library, which has to be able to go.
+struct Symbol {
+    const char *name;
+    template <typename Type> operator Type *() const
+    {
+        void *library = dlopen(host::default_module_path().c_str(), RTLD_NOW | RTLD_NOLOAD);
+        void *symbol = library != nullptr ? dlsym(library, name) : nullptr;
+        if (symbol == nullptr) {
+            fprintf(stderr, "the module has no symbol %s\n", name);
+            exit(2);
+        }
+        dlclose(library);
+        return reinterpret_cast<Type *>(symbol);
+    }
+};
+
+} // namespace
+
+struct Observed::Module {
+    const vvlan_glb_cfg_t *global = Symbol{"g_udp_vvlan_glb_cfg"};
+    const vvlan_list_t *oui_buckets = Symbol{"g_udp_vvlan_oui"};
+    const uint8_t *ace_ids = Symbol{"g_vvlan_ace_id_pool"};
+    const uint8_t *over[4] = {Symbol{"oui_cfg_scan_over"}, Symbol{"port_cfg_scan_over"}, Symbol{"glb_cfg_scan_over"},
+                              Symbol{"port_noti_scan_over"}};
+    uint32_t *log_level = Symbol{"g_vvlan_zlog_level"};
+    int (*walk_ports)(int (*)(vvlan_port_t *, void *), void *) = Symbol{"udp_vvlan_port_hash_traverse"};
+    uint32_t (*mac_count)() = Symbol{"udp_vvlan_mac_hash_size"};
+    int (*walk_recovery)(int (*)(vvlan_recover_t *, void *), void *) = Symbol{"udp_vvlan_recover_hash_traverse"};
+};
+
 namespace
 {
 
@@ -30,27 +70,6 @@ const OwnType own_types[own_count] = {
     {db_own, "u_bridge.vvlan_join"},
     {db_own, "u_bridge.vvlan_port_cfg"},
     {db_own, "u_bridge.vvlan_oui_cfg"},
-};
-
-// A message's MAC field. The bytes are the caller's.
-class MacMessage
-{
-  public:
-    explicit MacMessage(const MacField &field) : present_(field)
-    {
-        if (field) {
-            bytes_.assign(field->begin(), field->end());
-            message_.data = {bytes_.size(), bytes_.data()};
-        }
-    }
-    MacMessage(const MacMessage &) = delete;
-    MacMessage &operator=(const MacMessage &) = delete;
-    PLibpub__Mac *get() { return present_ ? &message_ : nullptr; }
-
-  private:
-    bool present_;
-    std::vector<uint8_t> bytes_;
-    PLibpub__Mac message_ = P_LIBPUB__MAC__INIT;
 };
 
 // A stored message of a known type.
@@ -78,47 +97,16 @@ void expect_done(int result)
     }
 }
 
-// Calls use with the object as a message.
-template <typename Use> void with_global(const GlobalObject &object, Use use)
+std::string own_value(Own type, const char *name, const std::string &bytes)
 {
-    PBridge__VvlanEn glb_switch = P_BRIDGE__VVLAN_EN__INIT;
-    PBridge__BQos qos = P_BRIDGE__B_QOS__INIT;
-    PBridge__VvlanGlbCfg message = P_BRIDGE__VVLAN_GLB_CFG__INIT;
-    if (object.glb_switch) {
-        glb_switch.vlan = object.glb_switch->vlan;
-        glb_switch.enable = object.glb_switch->enable;
-        message.glb_switch = &glb_switch;
+    if (type == Own::port_auto) {
+        return std::to_string(Unpacked<PBridge__VvlanPortAuto>(name, bytes)->enable);
     }
-    if (object.qos) {
-        qos.cos = object.qos->cos;
-        qos.dscp = object.qos->dscp;
-        message.qos = &qos;
+    if (type == Own::oui) {
+        const Unpacked<UBridge__VvlanOuiCfg> record(name, bytes);
+        return record->oui != nullptr ? oui_text(to_mac(record->oui->mac), to_mac(record->oui->mask)) : "";
     }
-    message.secu_mode = object.secu_mode;
-    message.age_time = object.age_time;
-    use(message);
-}
-
-template <typename Use> void with_port_noti(uint32_t phyid, Use use)
-{
-    SBridge__VvlanIndex index = S_BRIDGE__VVLAN_INDEX__INIT;
-    SBridge__VvlanPortNoty message = S_BRIDGE__VVLAN_PORT_NOTY__INIT;
-    index.phyid = phyid;
-    message.index = &index;
-    use(message.base);
-}
-
-template <typename Use> void with_noti(const NotiObject &noti, Use use)
-{
-    MacMessage mac(noti.mac);
-    UBridge__UdpL2addrBaseIndex index = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__INIT;
-    UBridge__MacVidRegNoti message = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
-    index.t_fid = noti.vlan;
-    index.t_type = noti.type;
-    index.t_mac = mac.get();
-    message.index = &index;
-    message.port_id = noti.port;
-    use(message.base);
+    return "";
 }
 
 } // namespace
@@ -142,115 +130,72 @@ Observed::~Observed()
 
 // ---- Events ----
 
-void Observed::set_global_fields(const GlobalObject &object)
-{
-    const std::vector<uint32_t> fields(object.fields.begin(), object.fields.end());
-    with_global(object, [&](const PBridge__VvlanGlbCfg &message) {
-        expect_done(
-            mom::set_fields(&client_, db_config, &message.base, fields.data(), static_cast<uint32_t>(fields.size())));
-    });
-}
-
 void Observed::set_global(const GlobalObject &object)
 {
-    with_global(object, [&](const PBridge__VvlanGlbCfg &message) {
-        expect_done(tq_mom_set(&client_, db_config, &message.base, nullptr, nullptr));
-    });
+    const mom::MessagePtr message = mom::make_message(*mom::find_type("p_bridge.vvlan_glb_cfg")->descriptor);
+    std::vector<uint32_t> numbers;
+    for (const auto &[number, value] : object) {
+        numbers.push_back(number);
+        const auto &field = *protobuf_c_message_descriptor_get_field(message->descriptor, number);
+        if (field.type == PROTOBUF_C_TYPE_UINT32) {
+            mom::set_member(*message, field, value.first);
+        } else if (!value.lacks_part) {
+            mom::MessagePtr part =
+                mom::make_message(*static_cast<const ProtobufCMessageDescriptor *>(field.descriptor));
+            mom::set_member(*part, part->descriptor->fields[0], value.first);
+            mom::set_member(*part, part->descriptor->fields[1], value.second);
+            mom::set_member(*message, field, part.release());
+        }
+    }
+    expect_done(
+        mom::set_fields(&client_, db_config, message.get(), numbers.data(), static_cast<uint32_t>(numbers.size())));
 }
 
-void Observed::delete_global()
+void Observed::write(Op op, uint32_t db, const char *type, const std::string &key, const Values &values)
 {
-    with_global({}, [&](const PBridge__VvlanGlbCfg &message) {
-        expect_done(tq_mom_del(&client_, db_config, &message.base, nullptr, nullptr));
-    });
+    const mom::MessagePtr message = mom::decode_key(*mom::find_type(type), key);
+    for (const auto &[name, value] : values) {
+        mom::set_member(*message, *protobuf_c_message_descriptor_get_field_by_name(message->descriptor, name), value);
+    }
+    if (op == Op::publish) {
+        expect_done(mom::publish(&client_, db, message.get()));
+    } else if (op == Op::set) {
+        expect_done(tq_mom_set(&client_, db, message.get(), nullptr, nullptr));
+    } else {
+        expect_done(tq_mom_del(&client_, db, message.get(), nullptr, nullptr));
+    }
 }
 
-void Observed::write_oui(const OuiObject &oui, bool present)
+void Observed::write_port(Op op, const PortObject &port)
 {
-    MacMessage mac(oui.mac);
-    MacMessage mask(oui.mask);
-    PBridge__BOui index = P_BRIDGE__B_OUI__INIT;
-    PBridge__VvlanOuiCfg message = P_BRIDGE__VVLAN_OUI_CFG__INIT;
-    index.mac = mac.get();
-    index.mask = mask.get();
-    message.index = &index;
-    expect_done(present ? tq_mom_set(&client_, db_config, &message.base, nullptr, nullptr)
-                        : tq_mom_del(&client_, db_config, &message.base, nullptr, nullptr));
+    write(op, db_config, "p_bridge.vvlan_port_cfg", key_of(port), {{"enable", port.enable}, {"mode", port.mode}});
 }
 
-void Observed::write_port(const PortObject &port, bool present)
+void Observed::write_port_noti(Op op, uint32_t phyid)
 {
-    PBridge__VvlanIndex index = P_BRIDGE__VVLAN_INDEX__INIT;
-    PBridge__VvlanPortCfg message = P_BRIDGE__VVLAN_PORT_CFG__INIT;
-    index.ifx = port.ifx;
-    message.index = &index;
-    message.enable = port.enable;
-    message.mode = port.mode;
-    expect_done(present ? tq_mom_set(&client_, db_config, &message.base, nullptr, nullptr)
-                        : tq_mom_del(&client_, db_config, &message.base, nullptr, nullptr));
+    write(op, db_status, "s_bridge.vvlan_port_noty", std::to_string(phyid));
 }
 
-void Observed::set_port_noti(uint32_t phyid)
+void Observed::write_mac(Op op, const NotiObject &noti)
 {
-    with_port_noti(phyid, [&](const ProtobufCMessage &message) {
-        expect_done(tq_mom_set(&client_, db_status, &message, nullptr, nullptr));
-    });
+    write(op, db_address, "u_bridge.mac_vid_reg_noti", key_of(noti), {{"port_id", noti.port}});
 }
 
-void Observed::publish_port_noti(uint32_t phyid)
-{
-    with_port_noti(phyid,
-                   [&](const ProtobufCMessage &message) { expect_done(mom::publish(&client_, db_status, &message)); });
-}
-
-void Observed::delete_port_noti(uint32_t phyid)
-{
-    with_port_noti(phyid, [&](const ProtobufCMessage &message) {
-        expect_done(tq_mom_del(&client_, db_status, &message, nullptr, nullptr));
-    });
-}
-
-void Observed::set_mac(const NotiObject &noti)
-{
-    with_noti(noti, [&](const ProtobufCMessage &message) {
-        expect_done(tq_mom_set(&client_, db_address, &message, nullptr, nullptr));
-    });
-}
-
-void Observed::delete_mac(const NotiObject &noti)
-{
-    with_noti(noti, [&](const ProtobufCMessage &message) {
-        expect_done(tq_mom_del(&client_, db_address, &message, nullptr, nullptr));
-    });
-}
-
-void Observed::publish_mac(const NotiObject &noti)
-{
-    with_noti(noti,
-              [&](const ProtobufCMessage &message) { expect_done(mom::publish(&client_, db_address, &message)); });
-}
-
-void Observed::write_own(Own type, uint32_t key, bool present)
+void Observed::write_own(Op op, Own type, uint32_t key)
 {
     const OwnType &row = own_types[static_cast<size_t>(type)];
-    const mom::MessagePtr message = mom::decode_key(*mom::find_type(row.name), std::to_string(key));
-    expect_done(present ? tq_mom_set(&client_, row.db, message.get(), nullptr, nullptr)
-                        : tq_mom_del(&client_, row.db, message.get(), nullptr, nullptr));
+    write(op, row.db, row.name, std::to_string(key));
 }
 
-bool Observed::start()
+void Observed::start()
 {
     std::string why;
     if (!agent_.load(why)) {
         fprintf(stderr, "%s\n", why.c_str());
-        return false;
+        exit(2);
     }
-    module_ = std::make_unique<ModuleSymbols>();
-    if (!module_->find(host::default_module_path())) {
-        return false;
-    }
+    module_ = std::make_unique<Module>();
     *module_->log_level = 0; // formatting lines that nobody reads would be most of the run
-    return true;
 }
 
 void Observed::stop()
@@ -272,40 +217,51 @@ void Observed::set_link(uint32_t db, bool up)
 
 void Observed::print(Page &page)
 {
-    page.line("loaded").number(module_ != nullptr);
+    page.line("loaded", module_ != nullptr);
     if (module_ != nullptr) {
         print_module(page);
     }
     print_store(page);
-    print_plane(page);
+    const fp::PlaneState &state = manager_.desired();
+    for (size_t acl = 0; acl < fp::acl_count; acl++) {
+        for (const fp::Rule &rule : state.rules[acl]) {
+            print_rule(page, acl, rule);
+        }
+    }
+    for (const auto &[phyid, acls] : state.binding) {
+        page.line("binding", phyid, acls);
+    }
 }
 
 void Observed::print_module(Page &page) const
 {
     const vvlan_glb_cfg_t &global = *module_->global;
-    page.line("global").number(global.vid).number(global.enable).number(global.age_time).number(global.secu_mode);
-    page.number(global.cos).number(global.dscp);
-    page.number(global.cos_acl.created).number(global.mvlan_acl.created).number(global.sec_acl.created);
+    print_global(page, global);
+    for (const auto *acl : {&global.cos_acl, &global.mvlan_acl, &global.sec_acl}) {
+        page.add(acl->created);
+    }
     page.line("over");
     for (const uint8_t *flag : module_->over) {
-        page.number(*flag);
+        page.add(*flag);
     }
     print_ouis(page);
-    const auto print_port = [](vvlan_port_t *port, void *arg) {
-        Page &to = *static_cast<Page *>(arg);
-        to.line("port").number(port->ifx).number(port->phyid).number(port->vvlan_en).number(port->auto_mod);
-        to.number(port->auto_join).number(port->deny_en).number(port->mac_aged).number(port->no_flw);
-        for (vvlan_list_t *link = port->mac_list.next; link != &port->mac_list; link = link->next) {
-            const auto *mac = VVLAN_LIST_ENTRY(link, vvlan_mac_t, link);
-            to.mac(mac->mac);
-            if (mac->ifx != port->ifx) {
-                to.word("of port").number(mac->ifx);
-            }
-        }
+    std::map<uint32_t, const vvlan_port_t *> ports;
+    const auto collect_port = [](vvlan_port_t *port, void *arg) {
+        static_cast<std::map<uint32_t, const vvlan_port_t *> *>(arg)->emplace(port->ifx, port);
         return 0;
     };
-    module_->walk_ports(print_port, &page);
-    page.line("macs").number(module_->mac_count());
+    module_->walk_ports(collect_port, &ports);
+    for (const auto &[ifx, port] : ports) {
+        print_port(page, ifx, *port);
+        for (vvlan_list_t *link = port->mac_list.next; link != &port->mac_list; link = link->next) {
+            const auto *mac = VVLAN_LIST_ENTRY(link, vvlan_mac_t, link);
+            page.add(std::to_array(mac->mac));
+            if (mac->ifx != ifx) {
+                page.add("of another port");
+            }
+        }
+    }
+    page.line("macs", module_->mac_count());
     std::set<uint32_t> recovery;
     const auto collect = [](vvlan_recover_t *entry, void *arg) {
         static_cast<std::set<uint32_t> *>(arg)->insert(entry->ifx);
@@ -313,7 +269,7 @@ void Observed::print_module(Page &page) const
     };
     module_->walk_recovery(collect, &recovery);
     for (const uint32_t ifx : recovery) {
-        page.line("recovery").number(ifx);
+        page.line("recovery", ifx);
     }
 }
 
@@ -324,14 +280,13 @@ void Observed::print_ouis(Page &page) const
         const vvlan_list_t &head = module_->oui_buckets[bucket];
         for (vvlan_list_t *link = head.next; link != nullptr && link != &head; link = link->next) {
             const auto *oui = VVLAN_LIST_ENTRY(link, vvlan_oui_t, link);
-            page.line("oui").number(bucket).mac(oui->mac).mac(oui->mask);
-            page.number(oui->ace_id);
+            page.line("oui", bucket, std::to_array(oui->mac), std::to_array(oui->mask), oui->ace_id);
             ids.insert(oui->ace_id);
         }
     }
     for (uint32_t id = 0; id < VVLAN_ACE_ID_COUNT; id++) {
         if (((module_->ace_ids[id / 8] >> id % 8 & 1) != 0) != ids.contains(id)) {
-            page.line("pool differs from OUIs in id").number(id);
+            page.line("pool differs from OUIs in id", id);
         }
     }
 }
@@ -346,55 +301,26 @@ std::vector<mom::Object> Observed::list(uint32_t db, const char *type)
 void Observed::print_store(Page &page)
 {
     for (size_t type = 0; type < own_count; type++) {
-        print_own(page, static_cast<Own>(type));
+        const OwnType &row = own_types[type];
+        for (const mom::Object &object : list(row.db, row.name)) {
+            page.line(own_words[type], object.key, own_value(static_cast<Own>(type), row.name, object.value.bytes));
+        }
     }
     for (const mom::Object &object : list(db_address, "u_bridge.mac_vid_reg")) {
-        page.line("registration").word(object.key);
+        page.line("registration", object.key);
     }
     std::string error;
     for (const mom::Object &object : list(db_config, "p_bridge.vvlan_err_event")) {
         std::string bytes;
         mom::join_fields(object.value.fields, bytes);
         const Unpacked<PBridge__VvlanErrEvent> event("p_bridge.vvlan_err_event", bytes);
-        error = event->oui != nullptr ? oui_error_text(to_mac(event->oui->mac), to_mac(event->oui->mask))
-                                      : port_error_text(event->ifx);
+        error = event->oui != nullptr ? "OUI " + oui_text(to_mac(event->oui->mac), to_mac(event->oui->mask))
+                                      : "port " + std::to_string(event->ifx);
         if (event->msg_type != (event->oui != nullptr ? 2 : 1) || event->vid != 0 || event->qos != nullptr) {
             error += " and other fields";
         }
     }
-    page.line("error_event").word(error);
-    page.line("packet_library").number(list(db_status, "s_cluster.reg_pkt_info").size());
-}
-
-void Observed::print_own(Page &page, Own type)
-{
-    const OwnType &row = own_types[static_cast<size_t>(type)];
-    for (const mom::Object &object : list(row.db, row.name)) {
-        page.line(own_words[static_cast<size_t>(type)]).word(object.key);
-        std::string value;
-        if (type == Own::port_auto) {
-            value = port_auto_text(Unpacked<PBridge__VvlanPortAuto>(row.name, object.value.bytes)->enable);
-        } else if (type == Own::oui) {
-            const Unpacked<UBridge__VvlanOuiCfg> record(row.name, object.value.bytes);
-            if (record->oui != nullptr) {
-                value = oui_text(to_mac(record->oui->mac), to_mac(record->oui->mask));
-            }
-        }
-        page.word(value);
-    }
-}
-
-void Observed::print_plane(Page &page) const
-{
-    const fp::PlaneState &state = manager_.desired();
-    for (size_t acl = 0; acl < fp::acl_count; acl++) {
-        for (const fp::Rule &rule : state.rules[acl]) {
-            print_rule(page, acl, rule);
-        }
-    }
-    for (const auto &[phyid, acls] : state.binding) {
-        print_binding(page, phyid, acls);
-    }
+    page.line("error_event", error);
 }
 
 } // namespace vvl::walk

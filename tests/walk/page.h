@@ -1,12 +1,11 @@
-// A state as lines of text, built without a stream: both the model and the
-// observed switch are written in this one form after each event, so comparing
-// them is comparing two strings, and a difference reads as a line.
+// A state as lines of text: both the model and the observed switch are written
+// in this one form after each event, so comparing them is comparing two
+// strings, and a difference reads as a line.
 #pragma once
 
 #include "platform/base/mac.h"
+#include "platform/fp/rule.h"
 
-#include <charconv>
-#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -16,43 +15,44 @@ namespace vvl::walk
 class Page
 {
   public:
-    void clear() { text_.clear(); }
     const std::string &text() const { return text_; }
 
-    // Starts a line. A space stands before each thing that follows on it.
-    Page &line(std::string_view word)
+    // A line: its word, and the items with a space in front of each.
+    template <typename... Items> void line(std::string_view word, const Items &...items)
     {
         text_ += '\n';
         text_ += word;
-        return *this;
+        (add(items), ...);
     }
-    Page &word(std::string_view word)
+    void add(std::string_view word)
     {
         text_ += ' ';
         text_ += word;
-        return *this;
     }
-    Page &number(uint64_t value)
-    {
-        char text[1 + 20] = {' '};
-        const auto end = std::to_chars(text + 1, text + sizeof text, value).ptr;
-        text_.append(text, static_cast<size_t>(end - text));
-        return *this;
-    }
-    Page &mac(const uint8_t *mac)
-    {
-        char text[1 + 2 * mac_size] = {' '};
-        for (size_t i = 0; i < mac_size; i++) {
-            text[1 + 2 * i] = "0123456789abcdef"[mac[i] >> 4];
-            text[2 + 2 * i] = "0123456789abcdef"[mac[i] & 15];
-        }
-        text_.append(text, sizeof text);
-        return *this;
-    }
-    Page &mac(const Mac &mac) { return this->mac(mac.data()); }
+    void add(uint64_t value) { add(std::to_string(value)); }
+    void add(const Mac &mac) { add(to_text(mac)); }
 
   private:
     std::string text_;
 };
+
+// The parts that model and module have in structures of the same members.
+
+template <typename Global> void print_global(Page &page, const Global &g)
+{
+    page.line("global", g.vid, g.enable, g.age_time, g.secu_mode, g.cos, g.dscp);
+}
+
+template <typename Port> void print_port(Page &page, uint32_t ifx, const Port &p)
+{
+    page.line("port", ifx, p.phyid, p.vvlan_en, p.auto_mod, p.auto_join, p.deny_en, p.mac_aged, p.no_flw);
+}
+
+// acl: the index of an fp::Acl.
+inline void print_rule(Page &page, size_t acl, const fp::Rule &r)
+{
+    page.line("ace", acl, r.id, r.mac, r.mask, r.vid, r.vid_mask, r.form, r.form_mask, r.drop, r.set_cos, r.cos,
+              r.set_dscp, r.dscp, r.set_prio, r.prio, r.add_tag, r.tag_vid);
+}
 
 } // namespace vvl::walk

@@ -1,11 +1,13 @@
 // The order in which a walk visits the ports. A walk stops at the first port
 // that fails, and a later error report overwrites an earlier one, so the order
-// shows. It is that of the buckets of the keyed table, which are kept here in
-// the plainest way: a state and a key each.
+// shows. It is that of the module's keyed table, and this is the one thing that
+// the model takes from the module. States are printed in another order, so that
+// a port which the table loses is still missed.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include "udp_vvlan_hash.h"
+
+#include <memory>
 #include <vector>
 
 namespace vvl::walk
@@ -14,23 +16,28 @@ namespace vvl::walk
 class WalkOrder
 {
   public:
-    void insert(uint32_t key);
-    void remove(uint32_t key);
-    std::vector<uint32_t> keys() const; // in the order of a walk
+    void insert(uint32_t key) { Table::create(table_.get(), &key); }
+    void remove(uint32_t key) { Table::destroy(table_.get(), Table::find(table_.get(), &key)); }
+    std::vector<uint32_t> keys() const // in the order of a walk
+    {
+        const auto collect = [](uint32_t *key, void *keys) {
+            static_cast<std::vector<uint32_t> *>(keys)->push_back(*key);
+            return 0;
+        };
+        std::vector<uint32_t> keys;
+        Table::traverse(table_.get(), collect, 0, UINT32_MAX, &keys);
+        return keys;
+    }
 
   private:
-    enum class State { empty, live, deleted };
-    struct Bucket {
-        State state = State::empty;
-        uint32_t key = 0;
+    struct Traits {
+        using record = uint32_t;
+        static uint32_t hash(const uint32_t *key) { return udp_vvlan_hash_lookup2(*key, 0, sizeof *key); }
+        static bool equal(const uint32_t *a, const uint32_t *b) { return *a == *b; }
+        static void update(uint32_t *, const uint32_t *) {}
     };
-
-    static size_t bound(size_t bucket_count);
-    void rehash(size_t bucket_count);
-
-    std::vector<Bucket> buckets_;
-    size_t live_ = 0;
-    size_t occupied_ = 0; // live and deleted
+    using Table = vvlan_hash_ops<Traits>;
+    std::shared_ptr<vvlan_hash_t> table_{udp_vvlan_hash_create(), Table::release}; // of one owner
 };
 
 } // namespace vvl::walk

@@ -136,11 +136,8 @@ TEST_F(ReconcileTest, RestartsAndARefusedEndGoBackToTheStateBefore)
     EXPECT_EQ(0, sweep_all(&before_));
     expect_set_again();
     EXPECT_EQ(0u, manager_->counters().timed_out);
-}
 
-TEST_F(ReconcileTest, MarksOfAnApplicationThatIsGoneNeedNoAnswer)
-{
-    expire_all();
+    expire_all(); // the marks of an application that is gone need no answer
     manager_->forget_module();
     EXPECT_EQ(0, ops().ace_expire(nullptr, voice_app));
     EXPECT_EQ(0, ops().ace_del_expired(nullptr, voice_app));

@@ -1,17 +1,14 @@
 // The log's levels, categories and forms, through the calls that write to it.
 #include "platform/host/logging.h"
+#include "tests/scenario/temp_folder.h"
 #include "tq_zlog.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 using namespace vvl;
 using namespace vvl::host;
@@ -50,23 +47,22 @@ TEST(Logging, journal_lines_carry_their_priority_and_category)
 
 TEST(Logging, a_file_is_appended_to_from_its_level_up_with_time_stamps)
 {
-    const std::string file = testing::TempDir() + "vvland_log_" + std::to_string(getpid());
+    const TempFolder folder;
+    const std::string file = folder.path("log");
     std::string why;
-    std::ostringstream text;
+    std::string text;
     for (int round = 0; round < 2; round++) {
         const auto logging = Logging::open({LogLevel::warn, file, true}, why);
         ASSERT_NE(logging, nullptr) << why;
         write_lines();
-        text.str(""); // read while it is open: a process that dies keeps its last faults
-        text << std::ifstream(file).rdbuf();
+        text = TempFolder::read(file); // while it is open: a process that dies keeps its last faults
     }
-    std::filesystem::remove(file);
     const std::string round = "T warning vvlan: level {80}\n"
                               "T error vvlan: level {100}\n"
                               "T critical vvlan: level {120}\n"
                               "T error host: a {} fault\n";
     const std::regex stamp("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d\\d:\\d\\d");
-    EXPECT_EQ(std::regex_replace(text.str(), stamp, "T"), round + round);
+    EXPECT_EQ(std::regex_replace(text, stamp, "T"), round + round);
 }
 
 TEST(Logging, a_file_that_cannot_be_opened_is_named_and_the_old_sinks_stay)

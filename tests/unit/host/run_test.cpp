@@ -1,12 +1,9 @@
 // The daemon from its configuration file to its end. The module of these tests
 // sends SIGTERM to the process from its first timer, so a run ends by itself.
 #include "platform/host/run.h"
+#include "tests/scenario/temp_folder.h"
 
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 using namespace vvl::host;
 
@@ -16,16 +13,13 @@ namespace
 class RunTest : public testing::Test
 {
   protected:
-    RunTest() : folder(testing::TempDir() + "vvland_run_XXXXXX") { EXPECT_NE(mkdtemp(folder.data()), nullptr); }
-    ~RunTest() override { std::filesystem::remove_all(folder); }
-
     // Writes the files, runs the command on the configuration and returns what
     // it wrote to standard error.
     std::string run(int (*command)(const std::string &), const std::string &module, const std::string &startup)
     {
-        std::ofstream(file("startup.vv")) << startup;
-        std::ofstream(file("vvland.conf")) << "[host]\nmodule = " MODULE_DIR "/" + module + ".so\n"
-                                           << "log-file = log\nstartup = startup.vv\n[port 1]\nphyid = 257\n";
+        folder.write("startup.vv", startup);
+        folder.write("vvland.conf", "[host]\nmodule = " MODULE_DIR "/" + module +
+                                        ".so\nlog-file = log\nstartup = startup.vv\n[port 1]\nphyid = 257\n");
         testing::internal::CaptureStderr();
         testing::internal::CaptureStdout();
         code = command(file("vvland.conf"));
@@ -33,15 +27,10 @@ class RunTest : public testing::Test
         return testing::internal::GetCapturedStderr();
     }
 
-    std::string log() const
-    {
-        std::ifstream stream(file("log"));
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
+    std::string log() const { return vvl::TempFolder::read(file("log")); }
+    std::string file(const std::string &name) const { return folder.path(name); }
 
-    std::string file(const std::string &name) const { return folder + "/" + name; }
-
-    std::string folder;
+    vvl::TempFolder folder;
     int code = -1;
 };
 

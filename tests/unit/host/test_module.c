@@ -54,11 +54,6 @@ static void say_hello(void)
     printf("hello\n");
 }
 
-static void say_number(int number)
-{
-    printf("number %d\n", number);
-}
-
 int udp_vvlan_global_init(void *global)
 {
     host = global;
@@ -77,8 +72,7 @@ int udp_vvlan_at_init(void *a0, void *module, void *a2, void *a3)
     if (result != 0) {
         return result;
     }
-    ssat_reg_mod_cmd(module, "hello", 0, "void  :", say_hello);
-    return ssat_reg_mod_cmd(module, "number", 0, "value=%d  :", (ssat_handler_t)say_number);
+    return ssat_reg_mod_cmd(module, "hello", 0, "void  :", say_hello);
 }
 
 int udp_vvlan_rdnd_aware_callback(void *role);

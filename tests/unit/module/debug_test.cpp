@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <optional>
 #include <unistd.h>
 
 namespace vvl::test
@@ -32,23 +31,24 @@ class Debug : public ModuleTest
 TEST_F(Debug, LevelFileSetsTheLevel)
 {
     const struct {
-        std::optional<const char *> text;
+        const char *text;
         uint32_t level;
-    } rows[] = {{std::nullopt, 1}, {"", 1},   {"4", 4},   {"0x4", 4},        {"0X4\n", 4},
-                {"9", 5},          {"-1", 5}, {"abc", 0}, {" +3 x", 3},      {"0", 0},
-                {"0x", 0},         {"08", 5}, {"2.9", 2}, {"4294967297", 5}, {"                   35", 3}};
+    } rows[] = {{nullptr, 1}, {"", 1},   {"4", 4},   {"0x4", 4},        {"0X4\n", 4},
+                {"9", 5},     {"-1", 5}, {"abc", 0}, {" +3 x", 3},      {"0", 0},
+                {"0x", 0},    {"08", 5}, {"2.9", 2}, {"4294967297", 5}, {"                   35", 3}};
     for (const auto &row : rows) {
         char path[] = "/tmp/vvlan.XXXXXX"; // fits into the module's own name
         close(mkstemp(path));
-        std::ofstream(path) << row.text.value_or("");
-        if (!row.text) {
+        if (row.text != nullptr) {
+            std::ofstream(path) << row.text;
+        } else {
             unlink(path);
         }
         strcpy(symbol<char>("g_vvlan_level_file"), path);
         MODULE(g_vvlan_zlog_level) = 1;
         EXPECT_EQ(MODULE(udp_vvlan_zlog_init)(), 0);
         unlink(path);
-        EXPECT_EQ(MODULE(g_vvlan_zlog_level), row.level) << row.text.value_or("no file");
+        EXPECT_EQ(MODULE(g_vvlan_zlog_level), row.level) << (row.text != nullptr ? row.text : "no file");
     }
 }
 
@@ -79,13 +79,13 @@ TEST_F(Debug, HostWithoutALogIsReportedAndNothingWritten)
 
 TEST_F(Debug, CommandsAreRegisteredInOrder)
 {
-    platform().faults = {{"dump_recover_entry", 7, 0, -1}, {"dump_all_oui", 9, 0, -1}};
+    platform().faults = {{"dump_recover_entry", 7}, {"dump_all_oui", 9}};
     EXPECT_EQ(MODULE(udp_vvlan_at_init)(number(1), number(2), number(3), number(4)), 7) << "the last one's result";
     EXPECT_CALLS("ssat.init user=1 user=2 user=3 user=4 / show-zlog-level|void  :show current log level user=2 / "
                  "set-zlog-level|level=%d  user=2 / dump_glbal_configure|void  :dump_glbal configure user=2 / "
                  "dump_all_oui|void  : user=2 / dump_all_port|void  : user=2 / dump_port_mac|ifx=%d  : user=2 / "
                  "dump_all_mac|void  : user=2 / dump_recover_entry|void  : user=2");
-    platform().faults = {{"ssat.init", -4, 0, -1}};
+    platform().fail("ssat.init", -4);
     EXPECT_EQ(MODULE(udp_vvlan_at_init)(number(1), nullptr, nullptr, nullptr), -4);
     EXPECT_CALLS("ssat.init user=1");
 }
@@ -102,18 +102,10 @@ TEST_F(Debug, LevelCommands)
     EXPECT_EQ(printed("show-zlog-level"), " can't Distinguish !\n");
 }
 
-class Dumps : public Debug
+TEST_F(Debug, DumpOfTheGlobalConfiguration)
 {
-  protected:
-    Dumps()
-    {
-        register_commands();
-        start();
-    }
-};
-
-TEST_F(Dumps, GlobalConfiguration)
-{
+    start();
+    register_commands();
     const auto text = [](const char *status, const char *vid, const char *mode) {
         return std::string("\n\n  Voice VLAN status        : ") + status + "\n  Voice VLAN ID            : " + vid +
                "\n  Voice VLAN security mode : " + mode +
@@ -126,8 +118,10 @@ TEST_F(Dumps, GlobalConfiguration)
     EXPECT_EQ(printed("dump_glbal_configure"), text("ENABLE", "100", "Security"));
 }
 
-TEST_F(Dumps, OuisByBucketAndThenByAge)
+TEST_F(Debug, DumpOfOuisByBucketAndThenByAge)
 {
+    start();
+    register_commands();
     for (const char *mac : {"0F0000000000", "0A0000000001", "001122FF0000", "0A0000000002"}) {
         set_oui(mac, mask24); // buckets 15, 10, 3, 10
     }
@@ -138,10 +132,10 @@ TEST_F(Dumps, OuisByBucketAndThenByAge)
                                        "  <04> mac:0F00.0000.0000      mask:FFFF.FF00.0000\n");
 }
 
-TEST_F(Dumps, PortsWithTheirBits)
+TEST_F(Debug, DumpOfPortsWithTheirBits)
 {
-    set_port(5, 1, 1);
-    voice_vlan(100);
+    prepare();
+    register_commands();
     port(5)->no_flw = 120;
     const struct {
         const char *bits;
@@ -167,11 +161,10 @@ TEST_F(Dumps, PortsWithTheirBits)
     }
 }
 
-TEST_F(Dumps, MacsAndRecoveryEntries)
+TEST_F(Debug, DumpsOfMacsAndRecoveryEntries)
 {
-    set_oui(oui_phone, mask24);
-    voice_vlan(100);
-    set_port(5, 1, 1);
+    prepare();
+    register_commands();
     set_mac("021122000001", 5);
     set_mac("0211220000FE", 5);
     EXPECT_EQ(printed("dump_port_mac", 5), "\n\n  <00001> mac: 0211.2200.0001 \n  <00002> mac: 0211.2200.00FE \n");

@@ -16,14 +16,7 @@ constexpr char recovery[] = "udp_vvlan_recover_vvlan_cfg";
 class Decoders : public ModuleTest
 {
   protected:
-    Decoders()
-    {
-        start();
-        voice_vlan(100);
-        set_port(5, 1, 1);
-        calls();
-        logs();
-    }
+    Decoders() { prepare(); }
     int decode(const char *decoder, tq_mom_record_t decoded, uint32_t tag = 0)
     {
         return (*symbol<decltype(udp_vvlan_event_set_oui_cfg)>(decoder))(&platform().global, &decoded, tag);
@@ -36,13 +29,17 @@ class Decoders : public ModuleTest
                                                                        : u_bridge__vvlan_join__descriptor;
         return decode(decoder, record(operate, type, fields));
     }
-    // A hash-set of the whole configuration, in which these fields changed.
+    // A hash-set of a configuration, in which these fields changed.
     int decode_glb(std::vector<uint32_t> fields, uint32_t tag, int32_t operate = TQ_MOM_HSET, int32_t error = 0)
     {
         const tq_mom_record_t whole =
             record(0, p_bridge__vvlan_glb_cfg__descriptor, "{secu_mode:1 age_time:90 qos{cos:5 dscp:40}}");
-        tq_mom_hash_t hash = {static_cast<ProtobufCMessage *>(whole.object), fields.data(),
-                              static_cast<uint32_t>(fields.size()), error};
+        return decode_hash(
+            {static_cast<ProtobufCMessage *>(whole.object), fields.data(), static_cast<uint32_t>(fields.size()), error},
+            tag, operate);
+    }
+    int decode_hash(tq_mom_hash_t hash, uint32_t tag, int32_t operate = TQ_MOM_HSET)
+    {
         return decode(glb, {operate, &hash, TQ_MOM_RECORD, 0}, tag);
     }
 };
@@ -94,7 +91,6 @@ TEST_F(Decoders, MessagesWithMissingOrShortPartsChangeNothing)
         EXPECT_EQ(decode(oui, TQ_MOM_DEL, fields), -4) << fields;
         EXPECT_NE(logs("error"), "");
     }
-    EXPECT_EQ(set_oui("0211", mask24), -4) << "the handler by itself";
     for (const int32_t operate : {TQ_MOM_SET, TQ_MOM_DEL}) {
         EXPECT_EQ(decode(port_cfg, operate, "{enable:1 mode:1}"), -4);
         EXPECT_EQ(decode(recovery, operate, "{}"), -4);
@@ -103,17 +99,48 @@ TEST_F(Decoders, MessagesWithMissingOrShortPartsChangeNothing)
     EXPECT_CALLS("");
 }
 
+// The handlers by themselves, which other callers than the decoders may use.
+TEST_F(Decoders, HandlersRefuseMessagesWithoutTheirKey)
+{
+    const UBridge__MacVidRegNoti mac = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
+    const PBridge__VvlanOuiCfg oui_cfg = P_BRIDGE__VVLAN_OUI_CFG__INIT;
+    const PBridge__VvlanPortCfg port_message = P_BRIDGE__VVLAN_PORT_CFG__INIT;
+    const SBridge__VvlanPortNoty port_noty = S_BRIDGE__VVLAN_PORT_NOTY__INIT;
+    const struct {
+        const char *handler;
+        const void *message;
+        const char *error;
+    } rows[] = {{"udp_vvlan_handler_set_oui_cfg", &oui_cfg, "error Assert:msg oui_cfg param failed."},
+                {"udp_vvlan_handler_set_port_cfg", &port_message, "error Assert:msg port_cfg param failed."},
+                {"udp_vvlan_handler_set_port_noti", &port_noty, "error Assert:msg vvlan_port_noty param failed."},
+                {"udp_vvlan_handler_set_mac_noti", &mac, "error Assert:notify mac data is invalid."}};
+    for (const auto &row : rows) {
+        for (const void *message : {static_cast<const void *>(nullptr), row.message}) {
+            for (const uint32_t add : {0u, 1u}) {
+                EXPECT_EQ(symbol<int(uint32_t, const void *)>(row.handler)(add, message), -4);
+                EXPECT_LOGS("error", row.error);
+            }
+        }
+    }
+    EXPECT_EQ(MODULE(udp_vvlan_handler_set_glb_cfg)(1, nullptr, 6), -4);
+    EXPECT_LOGS("error", "error Assert:msg glb_cfg param failed.");
+    EXPECT_EQ(set_oui("0211", mask24), -4);
+    EXPECT_EQ(set_mac("0211", 5), -4);
+    EXPECT_EQ(bits(5), "EAJTM");
+    EXPECT_CALLS("");
+}
+
 TEST_F(Decoders, HandlersGetTheOperationAndTheirResultIsPassedOn)
 {
-    const char fields[] = "{index{mac{data:021122000000} mask{data:ffffff000000}}}";
+    const char fields[] = "{index{mac{data:aabbcc000000} mask{data:ffffff000000}}}";
     EXPECT_EQ(decode(oui, TQ_MOM_DEL, fields), -7);
     EXPECT_EQ(decode(port_cfg, TQ_MOM_DEL, "{index{ifx:9}}"), -7);
     EXPECT_LOGS("error", "error Assert: vvlan_oui, not find! / error Assert:set vvlan oui failed, rv = -7. / "
                          "error Assert:not find port by ifx(9)! / error Assert:set vvlan port_cfg failed, rv = -7.");
     EXPECT_EQ(decode(oui, TQ_MOM_SET, fields), 0);
-    EXPECT_NE(calls({"ace_set 101 1", "ace_set 102 1"}), "");
+    EXPECT_NE(calls({"ace_set 101 2"}), "");
     EXPECT_EQ(decode(oui, TQ_MOM_DEL, fields), 0);
-    EXPECT_NE(calls({"ace_del 101 1"}), "");
+    EXPECT_NE(calls({"ace_del 101 2"}), "");
     for (const int32_t operate : {TQ_MOM_SET, TQ_MOM_PUBLISH}) {
         set_bits(5, "EAjTM");
         EXPECT_EQ(decode(noti, operate, "{index{phyid:261}}"), 0);
@@ -128,9 +155,6 @@ TEST_F(Decoders, HashSetAppliesTheSubscribedFieldAlone)
     EXPECT_EQ(decode_glb({5, 6, 7, 8}, 7), 0);
     EXPECT_EQ(cfg().age_time, 90);
     EXPECT_EQ(cfg().cos + cfg().secu_mode, 6);
-    EXPECT_LOGS("", "info receive a TQ_MOM_HSET event. operate=4 . / info tag[7] field[5].\\n / "
-                    "info tag[7] field[6].\\n / info tag[7] field[7].\\n / info field_tag = 7. / "
-                    "info set vvlan glb cfg successfully.");
     EXPECT_EQ(decode_glb({5, 8}, 6), 0) << "not among the changed fields";
     EXPECT_EQ(decode_glb({6}, 6, TQ_MOM_SET), 0) << "not a hash-set";
     EXPECT_EQ(decode_glb({6}, 0), -4) << "no tag";
@@ -138,8 +162,15 @@ TEST_F(Decoders, HashSetAppliesTheSubscribedFieldAlone)
     EXPECT_EQ(decode_glb({5}, 5), -4) << "no glb_switch";
     EXPECT_LOGS("error", "error Assert:MOM args is NULL.\\n / error Assert:MOM hash error is -6.\\n / "
                          "error Assert:glb_switch is NULL! / error Assert:set vvlan glb_cfg failed, rv = -4.");
-    tq_mom_hash_t empty = {};
-    EXPECT_EQ(decode(glb, {TQ_MOM_HSET, &empty, 0, 0}, 6), -4);
+    EXPECT_EQ(decode_glb({}, 6), 0) << "no field changed";
+    EXPECT_LOGS("error", "");
+    const Message whole = to_message(p_bridge__vvlan_glb_cfg__descriptor, "{secu_mode:1}");
+    uint32_t field = 6;
+    for (const tq_mom_hash_t &incomplete : {tq_mom_hash_t{nullptr, &field, 1, 0}, {whole.get(), nullptr, 1, 0}}) {
+        EXPECT_EQ(decode_hash(incomplete, 6), -4);
+        EXPECT_LOGS("error",
+                    "error Assert:MOM hash is incomplete.\\n / error Assert:set vvlan glb_cfg failed, rv = -4.");
+    }
     EXPECT_EQ(cfg().secu_mode, 0);
     EXPECT_CALLS("");
 }
@@ -162,8 +193,7 @@ TEST_F(Decoders, AutomaticPortKeepsItsJoinStateThroughTheSweep)
     }
 
     delete_port(6);
-    calls();
-    logs();
+    forget();
     const Message stored = to_message(p_bridge__vvlan_port_auto__descriptor, "{index{ifx:6} enable:1}");
     platform().stored = stored.get();
     const struct {
@@ -173,7 +203,7 @@ TEST_F(Decoders, AutomaticPortKeepsItsJoinStateThroughTheSweep)
                 {"set 4", clear_auto + get_auto + set_auto + " / free"},
                 {"clear_expire 8", clear_auto + get_auto + set_auto + " / free" + clear_join}};
     for (const auto &row : rows) {
-        platform().faults = {{row.failing, -11, 0, -1}};
+        platform().fail(row.failing, -11);
         EXPECT_EQ(decode(port_cfg, TQ_MOM_SET, automatic), -11) << row.failing;
         EXPECT_CALLS(row.made);
         EXPECT_LOGS("warn", "warn rv = -11");
@@ -209,7 +239,6 @@ TEST_F(Decoders, ErrorEventsOfUnknownTypeOrWithoutTheirDataAreNotWritten)
     EXPECT_CALLS("");
     MODULE(udp_vvlan_handler_err_event)(0, nullptr);
     EXPECT_CALLS("set 4 p_bridge.vvlan_err_event{vid:100}");
-    EXPECT_LOGS("info", "info ERR_TYPE__VVLAN_SET_ENABLE！ / info err_type(0) notice to PI！");
 }
 
 } // namespace

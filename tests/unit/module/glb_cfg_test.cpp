@@ -13,24 +13,11 @@ const std::string phone = " if:src_mac=021122000000ffffff000000";
 const char subscribe_100[] = "subscribe 6 u_bridge.mac_vid_reg_noti{index{t_fid:100}} flags=2";
 const char unsubscribe_100[] = "unsubscribe 6 u_bridge.mac_vid_reg_noti{index{t_fid:100}} flags=2";
 
-class GlobalConfiguration : public ModuleTest
-{
-  protected:
-    GlobalConfiguration() { start(); }
-    // An OUI, a manual and a disabled port, voice VLAN 100.
-    void prepare()
-    {
-        set_oui(oui_phone, mask24);
-        set_port(5, 1, 0);
-        set_port(6, 0, 0);
-        voice_vlan(100);
-        calls();
-        logs();
-    }
-};
+using GlobalConfiguration = ModuleTest;
 
 TEST_F(GlobalConfiguration, SwitchingOnAndOffRunsInOrder)
 {
+    start();
     set_oui(oui_phone, mask24); // makes the first two ACLs
     calls();
     EXPECT_EQ(set_port(5, 1, 0), 0);
@@ -70,11 +57,12 @@ TEST_F(GlobalConfiguration, VlanZeroAndAnotherVlan)
 
 TEST_F(GlobalConfiguration, FailuresAreReportedAndTheSwitchKept)
 {
+    start();
     set_oui(oui_phone, mask24);
     set_port(5, 0, 1); // disabled automatic ports leave, which the store refuses
     set_port(6, 0, 1);
     calls();
-    platform().faults = {{"subscribe 6", -5, 0, -1}, {"ace_alloc 1", 1, 0, 1}, {"del 4", -6, 0, -1}};
+    platform().faults = {{"subscribe 6", -5}, {"ace_alloc 1", 1, 0, 1}, {"del 4", -6}};
     EXPECT_EQ(voice_vlan(100), -11);
     EXPECT_EQ(cfg().enable, 1);
     EXPECT_EQ(calls({"ace_set 100", "ace_set 102", "set 4", "del 4"}).find("ace_set 102"), 0u) << "the other half";
@@ -82,6 +70,24 @@ TEST_F(GlobalConfiguration, FailuresAreReportedAndTheSwitchKept)
                          "error Assert:remove port(ifx:5) from vvlan fail! / "
                          "error Assert:<ds> subscribe vid_reg_noti failed, rv = -5. / "
                          "error Assert: sub(1) mac addr for voice vlan fail! rv=-5 ");
+}
+
+TEST_F(GlobalConfiguration, AceOfAnOuiThatCannotBeAllocatedIsReportedAtSwitchingOn)
+{
+    start();
+    set_oui(oui_phone, mask24);
+    // The security ACE has the same id and comes first.
+    for (const auto &[made_before, kind] : {std::pair{1, "cos"}, {2, "mvlan"}}) {
+        forget();
+        platform().fail("ace_alloc 1", 1, made_before, 1);
+        EXPECT_EQ(voice_vlan(100), 0);
+        EXPECT_LOGS("error", std::string("error Assert:alloc ace get a (NULL) data. / error Assert:add ") + kind +
+                                 "_ace fail !");
+        const std::string made = calls({"ace_set", "set 4"});
+        EXPECT_EQ(std::count(made.begin(), made.end(), '\n'), made_before) << made;
+        EXPECT_NE(made.find("\nset 4 p_bridge.vvlan_err_event{vid:100}"), std::string::npos);
+        EXPECT_EQ(cfg().enable, 1);
+    }
 }
 
 TEST_F(GlobalConfiguration, SecurityModeIsNormalisedAndRebindsEnabledPorts)
@@ -115,6 +121,7 @@ TEST_F(GlobalConfiguration, QosRebuildsTheRemarks)
 
 TEST_F(GlobalConfiguration, AgeTimeKeepsSixteenBitsAndUnknownFieldsAreRefused)
 {
+    start();
     for (const auto &[received, stored] : {std::pair{"90", 90}, {"65535", 65535}, {"65536", 0}}) {
         EXPECT_EQ(set_glb(7, std::string("age_time:") + received), 0);
         EXPECT_EQ(cfg().age_time, stored);

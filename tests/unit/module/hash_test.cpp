@@ -17,8 +17,6 @@ class HashTable : public ModuleTest
   protected:
     using Model = std::map<uint32_t, vvlan_mac_t *>;
 
-    HashTable() { MODULE(udp_vvlan_mac_init)(); }
-
     const vvlan_hash_t &table() { return *MODULE(udp_vvlan_mac_list); }
     // Most keys differ from others in their last byte alone.
     static vvlan_mac_t key(uint32_t number, uint32_t ifx = 0)
@@ -93,7 +91,7 @@ TEST_F(HashTable, AgreesWithAModelUnderRandomOperations)
         std::mt19937 random(seed);
         const uint32_t key_count = 20u << 2 * (seed - 1); // 20 to 1280: much reuse, and growth
         Model model;
-        MODULE(udp_vvlan_mac_release)();
+        MODULE(udp_vvlan_mac_release)(); // of the seed before
         MODULE(udp_vvlan_mac_init)();
         for (uint32_t step = 0; step < 1500; step++) {
             const uint32_t number = random() % key_count;
@@ -111,8 +109,23 @@ TEST_F(HashTable, AgreesWithAModelUnderRandomOperations)
     }
 }
 
+TEST_F(HashTable, TableBeforeItsInitialisationIsEmpty)
+{
+    vvlan_mac_t item = key(7);
+    vvlan_mac_t *out = &item;
+    uint32_t count = 0;
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_insert)(&item), 0);
+    EXPECT_EQ(find(7), nullptr);
+    MODULE(udp_vvlan_mac_hash_remove)(&item);
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_size)(), 0u);
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_traverse)(count_record, &count), 0);
+    EXPECT_EQ(MODULE(udp_vvlan_mac_cache_create)(&out, &item), nullptr);
+    EXPECT_EQ(out, nullptr);
+}
+
 TEST_F(HashTable, BoundariesOfInsertionAndRemoval)
 {
+    MODULE(udp_vvlan_mac_init)();
     destroy(7);
     EXPECT_EQ(find(7), nullptr) << "no buckets yet";
     create_up_to(3);
@@ -130,12 +143,18 @@ TEST_F(HashTable, BoundariesOfInsertionAndRemoval)
     create(100);
     EXPECT_EQ(table().n_buckets, 16u) << "marks are cleared at the same size";
     EXPECT_EQ(table().n_occupied, 3u);
+    const vvlan_mac_t absent = key(200);
+    MODULE(udp_vvlan_mac_hash_remove)(&absent);
+    MODULE(udp_vvlan_mac_hash_remove)(nullptr);
     MODULE(udp_vvlan_mac_cache_destroy)(nullptr);
+    EXPECT_EQ(MODULE(udp_vvlan_mac_op)(&absent, 0), nullptr);
+    EXPECT_EQ(table().size, 3u);
     EXPECT_EQ(MODULE(udp_vvlan_mac_hash_find)(nullptr), nullptr);
 }
 
 TEST_F(HashTable, WalksStopTileAndSurviveRemovals)
 {
+    MODULE(udp_vvlan_mac_init)();
     create_up_to(20);
     uint32_t count = 0;
     const auto stop_at_third = [](vvlan_mac_t *, void *arg) { return ++*static_cast<uint32_t *>(arg) == 3 ? -42 : 0; };
@@ -159,6 +178,7 @@ TEST_F(HashTable, WalksStopTileAndSurviveRemovals)
 // With nothing but deleted marks around it, a record goes to its home bucket.
 TEST_F(HashTable, KeysGoToTheHomeBucketsOfTheHash)
 {
+    MODULE(udp_vvlan_mac_init)();
     create_up_to(600);
     for (uint32_t number = 0; number < 600; number++) {
         destroy(number);
@@ -178,11 +198,14 @@ TEST_F(HashTable, KeysGoToTheHomeBucketsOfTheHash)
     }
     // The four-byte key of ports, least significant byte first.
     MODULE(udp_vvlan_port_init)();
-    for (const uint32_t ifx : {0x100, 3, 2, 1}) {
+    for (const uint32_t ifx : {0x100, 3, 2, 1, 2}) {
         vvlan_port_t tmpl = {};
         tmpl.ifx = ifx;
-        MODULE(udp_vvlan_port_op)(&tmpl, 1);
+        vvlan_port_t *record = nullptr;
+        MODULE(udp_vvlan_port_cache_create)(&record, &tmpl);
+        EXPECT_EQ(port(ifx), record);
     }
+    EXPECT_EQ(MODULE(udp_vvlan_port_hash_size)(), 4u);
     for (const auto &[ifx, bucket] : {std::pair{1u, 0}, {3u, 1}, {0x100u, 3}, {2u, 6}}) {
         EXPECT_EQ(MODULE(udp_vvlan_port_list)->keys[bucket], port(ifx)) << ifx;
     }

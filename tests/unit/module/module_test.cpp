@@ -50,8 +50,7 @@ void ModuleTest::open()
     EXPECT_EQ(MODULE(udp_vvlan_global_init)(&platform().global), 0);
     EXPECT_EQ(MODULE(udp_vvlan_zlog_init)(), 0);
     MODULE(g_vvlan_zlog_level) = 5;
-    calls();
-    logs();
+    forget();
 }
 
 void ModuleTest::connect(uint32_t db)
@@ -63,11 +62,30 @@ void ModuleTest::start()
 {
     open();
     EXPECT_EQ(MODULE(udp_vvlan_rdnd_aware_callback)(), 0);
+    connect_all();
+    forget();
+}
+
+void ModuleTest::connect_all()
+{
     for (const uint32_t db : {4, 0, 6, 8}) {
         connect(db);
     }
-    calls();
-    logs();
+}
+
+void ModuleTest::prepare()
+{
+    start();
+    set_oui(oui_phone, mask24);
+    voice_vlan(100);
+    set_port(5, 1, 1);
+    forget();
+}
+
+void ModuleTest::forget()
+{
+    platform().lines.clear();
+    platform().logs.clear();
 }
 
 tq_mom_record_t ModuleTest::record(int32_t operate, const ProtobufCMessageDescriptor &type, const std::string &fields,

@@ -54,9 +54,12 @@ class ModuleTest : public testing::Test
         return reinterpret_cast<T *>(address);
     }
 
-    void open();  // context and log, at the most talkative level
-    void start(); // everything up to the first initialisation; its calls are forgotten
+    void open();    // context and log, at the most talkative level
+    void start();   // everything up to the first initialisation; its calls are forgotten
+    void prepare(); // start, an OUI, voice VLAN 100, an automatic port 5
+    void forget();  // the calls and the log lines
     void connect(uint32_t db);
+    void connect_all();
 
     // Configuration and notifications through the handlers.
     int set_glb(uint32_t tag, const std::string &fields);

@@ -36,9 +36,8 @@ class PortState : public ModuleTest
   public:
     PortState()
     {
-        start();
-        set_oui(oui_phone, mask24);
-        voice_vlan(100);
+        prepare();
+        delete_port(5);
         set_port(6, 1, 1);
     }
 
@@ -64,8 +63,7 @@ class PortState : public ModuleTest
         }
         cfg().enable = (conditions & off) == 0;
         MODULE(port_cfg_scan_over) = (conditions & scanning) == 0;
-        calls();
-        logs();
+        forget();
     }
     // What was done for port 5, and whether it has an entry and MACs now.
     std::string effects()
@@ -247,20 +245,19 @@ TEST_F(PortState, FailedStepKeepsTheBitsAndEndsWhereItShould)
          "Assert:apply mvlan fail"},
         {"del 8 u_bridge.vvlan_port", "EAjTm", &P::remove, "EAjtm", "trap- cos- mvlan- sec- [mac]",
          "Assert:set vvlan en del fail!"},
+        {"del 8 u_bridge.vvlan_port", "EAjTm", &P::disable_automatic, "eAjtm", "trap- cos- mvlan- sec- [mac]",
+         "Assert:config port(ifx:5) fail!"},
         {"del 4", "EAjtm", &P::disable_automatic, "eAjTm", "cos- mvlan- sec- join- auto- [mac]",
          "Assert:config port(ifx:5) fail!"},
         {"del 4", "EAJtM", &P::age_out, "EAjTM", "join- auto- trap+", ""},
     };
     for (const auto &row : failures) {
         SCOPED_TRACE(std::string(row.failing) + " for " + row.before);
-        platform().faults.clear();
         MODULE(udp_vvlan_del_recover_entry)(5);
-        given(row.before);
-        if (row.before[4] == 'm' && macs_of(5).empty()) {
-            given(row.before, with_mac);
-        } else if (row.before[4] == 'M') {
+        if (port(5) != nullptr) {
             MODULE(udp_vvlan_port_clear_mac)(port(5), 0);
         }
+        given(row.before, with_mac * (row.before[4] == 'm'));
         platform().fail(row.failing, -5);
         (this->*row.event)();
         EXPECT_EQ(bits(5), row.after);
@@ -292,13 +289,26 @@ TEST_F(PortState, WalkStopsAtTheFirstPortThatFails)
     EXPECT_EQ(calls({"del 4"}).find('\n'), std::string::npos);
 }
 
-TEST_F(PortState, WalksAnswerANullRecord)
+TEST_F(PortState, PortWithoutBothVoiceAclsHasNeitherBoundNorATrap)
 {
-    for (const char *walk : {"udp_vvlan_port_cfg", "udp_vvlan_port_mac", "udp_vvlan_port_remove_vvlan",
-                             "udp_vvlan_port_cfg_sec", "udp_vvlan_port_set_sec", "udp_vvlan_timer_ops"}) {
+    given("EAJtM");
+    cfg().mvlan_acl.created = 0;
+    EXPECT_EQ(MODULE(udp_vvlan_port_cfg_sec)(port(5), nullptr), 0);
+    EXPECT_CALLS("");
+    EXPECT_EQ(MODULE(udp_vvlan_port_unaply_acl)(port(5)), 0);
+    EXPECT_CALLS("unbind 100 261");
+}
+
+TEST_F(PortState, WalksWithoutARecordAreAnsweredWithTheirCode)
+{
+    for (const char *walk :
+         {"udp_vvlan_port_cfg", "udp_vvlan_port_mac", "udp_vvlan_port_remove_vvlan", "udp_vvlan_port_cfg_sec",
+          "udp_vvlan_port_set_sec", "udp_vvlan_timer_ops", "udp_vvlan_port_clear_mac", "udp_vvlan_del_oui_mac"}) {
         EXPECT_EQ((*symbol<decltype(udp_vvlan_port_cfg)>(walk))(nullptr, nullptr), 4) << walk;
         EXPECT_LOGS("error", "error pointer NULL!") << walk;
     }
+    vvlan_mac_t record = {};
+    EXPECT_EQ(MODULE(udp_vvlan_del_oui_mac)(&record, nullptr), 4);
 }
 
 TEST_F(PortState, TimerRearmsItselfAndPortLeavesAtTheScanThatReachesTheAgingTime)

@@ -44,41 +44,27 @@ TEST_F(Startup, NullContextIsRefusedAndTheStoredOneKept)
     EXPECT_LOGS("", "error Assert:<init> udp_vvlan_global_init failed.");
 }
 
-TEST_F(Startup, HookConnectsTheFourDatabasesInOrder)
-{
-    open();
-    EXPECT_EQ(MODULE(udp_vvlan_rdnd_aware_callback)(1, "any role"), 0);
-    EXPECT_CALLS("connect_sync 4 / connect 4 / set_disconnect_cb 4 / set_reconnect_cb 4 / "
-                 "connect_sync 0 / connect 0 / set_disconnect_cb 0 / set_reconnect_cb 0 / "
-                 "connect_sync 6 / connect 6 / set_disconnect_cb 6 / set_reconnect_cb 6 / "
-                 "connect_sync 8 / connect 8 / set_disconnect_cb 8 / set_reconnect_cb 8");
-}
-
-TEST_F(Startup, FourthDistinctDatabaseInitialisesInAnyOrder)
+TEST_F(Startup, HookConnectsInOrderAndFourthDistinctDatabaseInitialisesInAnyOrder)
 {
     begin();
     for (const uint32_t db : {8, 8, 0, 6, 0}) {
         connect(db);
         EXPECT_CALLS("") << db;
     }
-    MODULE(udp_vvlan_rdnd_aware_callback)(); // waits for all four again
-    calls();
+    EXPECT_EQ(MODULE(udp_vvlan_rdnd_aware_callback)(1, "any role"), 0); // waits for all four again
+    EXPECT_CALLS("connect_sync 4 / connect 4 / set_disconnect_cb 4 / set_reconnect_cb 4 / "
+                 "connect_sync 0 / connect 0 / set_disconnect_cb 0 / set_reconnect_cb 0 / "
+                 "connect_sync 6 / connect 6 / set_disconnect_cb 6 / set_reconnect_cb 6 / "
+                 "connect_sync 8 / connect 8 / set_disconnect_cb 8 / set_reconnect_cb 8");
     for (const uint32_t db : {4, 0, 6}) {
         connect(db);
         EXPECT_CALLS("") << db;
     }
-    logs();
     connect(8);
     EXPECT_CALLS(first_initialisation);
-    EXPECT_LOGS("info <", "info <status:event(8) of udp_vvlan> update already.\\n / "
-                          "info <status: udp_vvlan> udp_vvlan_mom_connect_callback is already now. / "
-                          "info <mom> all mom is connected now. / info <init> init fp successfully. / "
-                          "info <ds> subscribe oui  / info <ds> subscribe global configure  / "
-                          "info <ds> subscribe port config  / info <ds> subscribe port_noti  / "
-                          "info <ds> subscribe successfully. / info <init> init vvlan successfully.");
 }
 
-TEST_F(Startup, ReconnectionOfTypeTwoInitialisesAgain)
+TEST_F(Startup, ReconnectionOfTypeTwoOfTheMissingDatabaseInitialisesAgain)
 {
     start();
     uint8_t *const flags[] = {&MODULE(oui_cfg_scan_over), &MODULE(port_cfg_scan_over), &MODULE(glb_cfg_scan_over),
@@ -88,24 +74,17 @@ TEST_F(Startup, ReconnectionOfTypeTwoInitialisesAgain)
     }
     MODULE(udp_vvlan_add_recover_entry)(5);
     disconnect(6);
-    EXPECT_EQ(reconnect(6, 2), 0);
-    EXPECT_CALLS(second_initialisation);
-    EXPECT_EQ(*flags[0] + *flags[1] + *flags[2] + *flags[3], 0);
-    EXPECT_EQ(MODULE(udp_vvlan_get_recover_entry)(5), nullptr) << "read anew from the store";
-    EXPECT_LOGS("warn", "warn <mom> mom(6) is disconneted. / warn <mom> mom(6) reconnected, type = 2.");
-}
-
-TEST_F(Startup, OtherReconnectionsChangeNothingAndLeaveTheDatabaseWaiting)
-{
-    start();
-    disconnect(6);
     for (const int32_t type : {0, 1, 3}) {
         EXPECT_EQ(reconnect(6, type), 77);
     }
     EXPECT_EQ(reconnect(8, 2), 0);
     EXPECT_CALLS("") << "database 6 is still waiting";
+    logs();
     EXPECT_EQ(reconnect(6, 2), 0);
     EXPECT_CALLS(second_initialisation);
+    EXPECT_EQ(*flags[0] + *flags[1] + *flags[2] + *flags[3], 0);
+    EXPECT_EQ(MODULE(udp_vvlan_get_recover_entry)(5), nullptr) << "read anew from the store";
+    EXPECT_LOGS("warn", "warn <mom> mom(6) reconnected, type = 2.");
 }
 
 TEST_F(Startup, FailedConnectionStepEndsTheProcessWithItsCode)
@@ -113,7 +92,7 @@ TEST_F(Startup, FailedConnectionStepEndsTheProcessWithItsCode)
     open();
     platform().echo = true;
     for (const char *step : {"connect_sync 0", "connect 0", "set_disconnect_cb 0", "set_reconnect_cb 0"}) {
-        platform().faults = {{step, 9, 0, -1}};
+        platform().fail(step, 9);
         // The asynchronous connection is armed even where the synchronous one failed.
         const std::string last = step == std::string("connect_sync 0") ? "connect 0" : step;
         EXPECT_EXIT(MODULE(udp_vvlan_rdnd_aware_callback)(), ExitedWithCode(9),
@@ -124,27 +103,52 @@ TEST_F(Startup, FailedConnectionStepEndsTheProcessWithItsCode)
 TEST_F(Startup, FailedInitialisationRunsEveryStepAndEndsTheProcessWithTheOredCode)
 {
     begin();
-    for (const uint32_t db : {4, 0, 6}) {
-        connect(db);
-    }
-    platform().faults = {{"fp.register", 0x10, 0, -1},
-                         {"ddm.init", 0x20, 0, -1},
-                         {"scan_sync", 1, 0, -1},
-                         {"subscribe 4 p_bridge.vvlan_port_cfg", 2, 0, -1}};
+    platform().faults = {
+        {"fp.register", 0x10}, {"ddm.init", 0x20}, {"scan_sync", 1}, {"subscribe 4 p_bridge.vvlan_port_cfg", 2}};
     platform().echo = true;
-    EXPECT_EXIT(connect(8), ExitedWithCode(0x33),
+    EXPECT_EXIT(connect_all(), ExitedWithCode(0x33),
                 "fp.register 8\nerror Assert:<init> register fp failed, rv = 16.\n"
                 "ddm.init udp_vvlan\nerror Assert:<init> init ddm failed, rv = 32.\n"
                 "scan_sync [^\n]*\nerror Assert:<ds> scan vvlan_join failed, rv = 1.\n(.*\n)*"
-                "error Assert:<ds> subscribe port config failed, rv = 2.\n(.*\n)*timer 60.0s udp_vvlan\n"
+                "subscribe 4 p_bridge.vvlan_port_cfg[^\n]*\nerror Assert:<ds> subscribe port config failed, rv = 2.\n"
+                "debug [^\n]*\ntimer 60.0s udp_vvlan\n"
                 "error Assert:<init> init vvlan failed, restart now!\n"
                 "error <exit> init udp vvlan failed, rv = 51.\n$");
+}
+
+TEST_F(Startup, UnknownDatabaseIsReportedAndCompletesNothing)
+{
+    start();
+    uint32_t unknown = 99;
+    platform().disconnect_cb(&platform().global, 6);
+    logs();
+    EXPECT_EQ(MODULE(udp_vvlan_mom_connect_callback)(&platform().global, &unknown), 0);
+    EXPECT_EQ(MODULE(udp_vvlan_mom_disconnect_callback)(&platform().global, unknown), 0);
+    EXPECT_LOGS("error", "error <status: udp_vvlan> event(99) is not found.\\n / "
+                         "error <status: udp_vvlan> udp_vvlan_mom_disconnect_callback event(99) is not found.\\n");
+    EXPECT_CALLS("");
+    connect(6);
+    EXPECT_NE(calls(), "") << "the four databases are complete";
+}
+
+TEST_F(Startup, ForwardingPlaneThatCannotBeRegisteredWithIsNotUsed)
+{
+    begin();
+    platform().fail("fp.cgst_register", 9);
+    EXPECT_EQ(MODULE(udp_vvlan_fp_init)(&platform().global, "udp_vvlan"), 9);
+    EXPECT_CALLS("fp.register 8 / fp.cgst_register 8 udp_vvlan");
+    EXPECT_LOGS("error", "error Assert:<init> register fp congestion failed, rv = 9.");
+    platform().fail("fp.get_mgr", 1);
+    platform().echo = true;
+    EXPECT_EXIT(connect_all(), ExitedWithCode(256 - 17),
+                "fp.get_mgr\nerror Assert:<init> get fp mgr failed.\nddm.init (.*\n)*"
+                "error <exit> init udp vvlan failed, rv = -17.\n$");
 }
 
 TEST_F(Startup, FailedReinitialisationEndsTheProcess)
 {
     start();
-    platform().faults = {{"scan_sync", 4, 0, -1}, {"subscribe_field", 8, 0, -1}};
+    platform().faults = {{"scan_sync", 4}, {"subscribe_field", 8}};
     platform().echo = true;
     EXPECT_EXIT(reconnect(0, 2), ExitedWithCode(12),
                 "error Assert:<ds> subscribe global configure failed, rv = 8.\n"

@@ -145,7 +145,7 @@ TEST_F(Sync, FailedStepEndsItsCycle)
         // With the cycle's own flag set as well, the plane would be reconciled.
         MODULE(oui_cfg_scan_over) = MODULE(port_cfg_scan_over) = 0;
         MODULE(glb_cfg_scan_over) = MODULE(port_noti_scan_over) = 1;
-        platform().faults = {{row.failing, 3, 0, -1}};
+        platform().fail(row.failing, 3);
         EXPECT_EQ(deliver(row.key, row.record), row.rv);
         EXPECT_EQ(platform().lines.size(), row.made);
         EXPECT_EQ(platform().lines.back().rfind(row.failing, 0), 0u);
@@ -160,15 +160,20 @@ TEST_F(Sync, FailedSubscriptionIsTheLastOne)
     const char *const subscriptions[] = {"subscribe 4 p_bridge.vvlan_oui_cfg", "subscribe_field 4",
                                          "subscribe 4 p_bridge.vvlan_port_cfg", "subscribe 0"};
     for (size_t failing = 0; failing < 4; failing++) {
-        platform().faults = {{subscriptions[failing], -11, 0, -1}};
+        platform().fail(subscriptions[failing], -11);
         platform().lines.clear();
         EXPECT_EQ(MODULE(udp_vvlan_ds_init)(&platform().global, "udp_vvlan"), -11);
         EXPECT_EQ(platform().lines.size(), failing + 1);
     }
 }
 
-TEST_F(Sync, CallbackNeedsItsEntryAndUsesTheContextThatItIsGiven)
+TEST_F(Sync, CallbackNeedsItsRecordAndItsEntryAndUsesTheContextThatItIsGiven)
 {
+    for (const std::string key : {oui_key, "subscribe p_bridge.vvlan_glb_cfg/5", port_key, noti_key}) {
+        const RecordingPlatform::Subscriber &subscriber = platform().subscribers.at(key);
+        EXPECT_EQ(subscriber.function(&platform().global, nullptr, subscriber.user), -4) << key;
+        EXPECT_LOGS("", "error Assert:MOM msg is NULL.\\n");
+    }
     tq_mom_record_t begin = established;
     EXPECT_EQ(MODULE(udp_vvlan_ds_callback)(&platform().global, &begin, nullptr), -1);
     EXPECT_CALLS("");

@@ -1,6 +1,5 @@
 // The front against what a store of other processes may do to it: objects that
 // are not what they should be, and requests that fail late.
-#include "platform/base/virtual_loop.h"
 #include "platform/mom/keys.h"
 #include "tests/unit/mom/store_harness.h"
 
@@ -16,13 +15,14 @@ struct Deaf final : SessionEvents {
 };
 
 using StoreForeignObjects = StoreTest;
-INSTANTIATE_TEST_SUITE_P(Stores, StoreForeignObjects, testing::ValuesIn(stores_under_test()), row_name);
+INSTANTIATE_TEST_SUITE_P(Stores, StoreForeignObjects, testing::ValuesIn(stores_under_test()),
+                         testing::PrintToStringParamName());
 
 TEST_P(StoreForeignObjects, MalformedOnesAreLoggedOnceAndPassedOver)
 {
     LogCapture log;
     Deaf deaf;
-    auto raw = environment_->store().open(environment_->loop(), deaf, "raw");
+    auto raw = store_->open(loop_, deaf, "raw");
     ASSERT_EQ(raw->connect_now(4), 0);
     reader_.subscribe(4, PortCfg(0), seen_);
     std::string other_key;

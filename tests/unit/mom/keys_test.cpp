@@ -40,26 +40,17 @@ TEST(Keys, TextNamesEveryShapeOfKeyApart)
 
 TEST(Keys, TextOfAnotherWritingIsRefused)
 {
-    const struct {
-        const char *type;
-        const char *text;
-    } rows[] = {
-        {"p_bridge.vvlan_port_cfg", ""},
-        {"p_bridge.vvlan_port_cfg", "05"},
-        {"p_bridge.vvlan_port_cfg", "5 "},
-        {"p_bridge.vvlan_port_cfg", "4294967296"},
-        {"p_bridge.vvlan_oui_cfg", "00:04:76:0a:ff:17"},
-        {"p_bridge.vvlan_oui_cfg", "00:04:76:0A:ff:17/-"},
-        {"p_bridge.vvlan_oui_cfg", "00:04:76:0a:ff:/-"},
-        {"p_bridge.vvlan_oui_cfg", "00-04-76-0a-ff-17/-"},
-        {"p_bridge.vvlan_oui_cfg", "-/-/-"},
-        {"s_cluster.reg_pkt_info", "%2"},
-        {"s_cluster.reg_pkt_info", "%61"},
-        {"s_cluster.reg_pkt_info", "a%00b"},
-        {"p_bridge.vvlan_glb_cfg", "5"},
+    const std::pair<const char *, std::vector<const char *>> rows[] = {
+        {"p_bridge.vvlan_port_cfg", {"", "05", "5 ", "4294967296"}},
+        {"p_bridge.vvlan_oui_cfg",
+         {"00:04:76:0a:ff:17", "00:04:76:0A:ff:17/-", "00:04:76:0a:ff:/-", "00-04-76-0a-ff-17/-", "-/-/-"}},
+        {"s_cluster.reg_pkt_info", {"%2", "%61", "a%00b"}},
+        {"p_bridge.vvlan_glb_cfg", {"5"}},
     };
-    for (const auto &row : rows) {
-        EXPECT_EQ(decode_key(*find_type(row.type), row.text), nullptr) << row.type << " " << row.text;
+    for (const auto &[type, texts] : rows) {
+        for (const char *text : texts) {
+            EXPECT_EQ(decode_key(*find_type(type), text), nullptr) << type << " " << text;
+        }
     }
     EXPECT_EQ(decode_key(*find_type("s_cluster.reg_pkt_info"), std::string(key_size_max + 1, 'a')), nullptr);
 }

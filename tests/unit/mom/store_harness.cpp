@@ -1,34 +1,14 @@
 #include "tests/unit/mom/store_harness.h"
 
-#include "platform/base/log.h"
-#include "platform/base/virtual_loop.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/store_local.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace vvl::mom
 {
 namespace
 {
-
-class LocalEnvironment final : public Environment
-{
-  public:
-    Store &store() override { return *store_; }
-    Loop &loop() override { return loop_; }
-    void run_until_idle() override { loop_.run_pending(); }
-
-  private:
-    VirtualLoop loop_;
-    std::unique_ptr<Store> store_ = make_local_store();
-};
-
-std::unique_ptr<Environment> make_local()
-{
-    return std::make_unique<LocalEnvironment>();
-}
 
 std::string describe_message(const ProtobufCMessage &message, const std::string &fields)
 {
@@ -85,13 +65,8 @@ std::string describe(const tq_mom_record_t &record, bool is_field)
 
 const std::vector<StoreUnderTest> &stores_under_test()
 {
-    static const std::vector<StoreUnderTest> rows = {{"local", make_local}};
+    static const std::vector<StoreUnderTest> rows = {{"local", make_local_store}};
     return rows;
-}
-
-std::string row_name(const testing::TestParamInfo<StoreUnderTest> &info)
-{
-    return info.param.name;
 }
 
 int Recorder::callback(void *, tq_mom_record_t *record, void *user)
@@ -106,48 +81,9 @@ int Recorder::callback(void *, tq_mom_record_t *record, void *user)
     return result;
 }
 
-Client::Client(Environment &environment, const char *name)
+void apply(Client &client, const ProtobufCMessage *object, char operation, uint64_t owner)
 {
-    EXPECT_EQ(attach(ctx(), environment.store(), environment.loop(), name), 0);
-    for (const uint32_t db : {0u, 4u, 6u, 8u}) {
-        EXPECT_EQ(tq_mom_client_connect_sync(ctx(), db), 0);
-    }
-}
-
-void Client::set(uint32_t db, const ProtobufCMessage *object)
-{
-    EXPECT_EQ(tq_mom_set(ctx(), db, object, nullptr, nullptr), 0);
-}
-
-void Client::del(uint32_t db, const ProtobufCMessage *object)
-{
-    EXPECT_EQ(tq_mom_del(ctx(), db, object, nullptr, nullptr), 0);
-}
-
-void Client::subscribe(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags)
-{
-    EXPECT_EQ(tq_mom_subscribe(ctx(), db, tmpl, flags, Recorder::callback, &to), 0);
-}
-
-void Client::unsubscribe(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags)
-{
-    EXPECT_EQ(tq_mom_unsubscribe(ctx(), db, tmpl, flags, Recorder::callback, &to), 0);
-}
-
-void Client::scan(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags)
-{
-    EXPECT_EQ(tq_mom_scan(ctx(), db, tmpl, flags, Recorder::callback, &to), 0);
-}
-
-Lines Client::scan_now(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags)
-{
-    Recorder found;
-    EXPECT_EQ(tq_mom_scan_sync(ctx(), db, tmpl, flags, Recorder::callback, &found), 0);
-    return found.take();
-}
-
-void apply(Client &client, uint32_t db, const ProtobufCMessage *object, char operation, uint64_t owner)
-{
+    constexpr uint32_t db = life_db;
     void *ctx = client.ctx();
     auto perform = [&] {
         switch (operation) {
@@ -170,22 +106,6 @@ void apply(Client &client, uint32_t db, const ProtobufCMessage *object, char ope
         }
     };
     EXPECT_EQ(perform(), 0) << operation << owner;
-}
-
-LogCapture::LogCapture()
-{
-    set_log_sink([this](LogLevel, const std::string &text) { lines_.push_back(text); });
-}
-
-LogCapture::~LogCapture()
-{
-    set_log_sink({});
-}
-
-size_t LogCapture::count(const std::string &part) const
-{
-    return static_cast<size_t>(std::count_if(
-        lines_.begin(), lines_.end(), [&](const std::string &line) { return line.find(part) != std::string::npos; }));
 }
 
 } // namespace vvl::mom

@@ -1,14 +1,16 @@
 // What the store's contract tests stand on. A store under test is a row: its
-// name, and a factory for a store with a loop and a way to run the loop until
-// nothing is on its way. Every suite named Store* runs on every row.
+// name and its factory. Every suite named Store* runs on every row.
 #pragma once
 
+#include "platform/base/log.h"
+#include "platform/base/virtual_loop.h"
 #include "platform/mom/client.h"
 #include "platform/mom/store.h"
 #include "tests/unit/mom/store_messages.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,18 +20,9 @@
 namespace vvl::mom
 {
 
-class Environment
-{
-  public:
-    virtual ~Environment() = default;
-    virtual Store &store() = 0;
-    virtual Loop &loop() = 0;
-    virtual void run_until_idle() = 0;
-};
-
 struct StoreUnderTest {
     const char *name;
-    std::unique_ptr<Environment> (*make)();
+    std::unique_ptr<Store> (*make)();
 };
 
 inline void PrintTo(const StoreUnderTest &row, std::ostream *out)
@@ -67,7 +60,13 @@ using Lines = std::vector<std::string>;
 class Client
 {
   public:
-    Client(Environment &environment, const char *name);
+    Client(Store &store, Loop &loop, const char *name)
+    {
+        EXPECT_EQ(attach(ctx(), store, loop, name), 0);
+        for (const uint32_t db : {0u, 4u, 6u, 8u}) {
+            EXPECT_EQ(tq_mom_client_connect_sync(ctx(), db), 0);
+        }
+    }
     ~Client() { detach(ctx()); }
     Client(const Client &) = delete;
     Client &operator=(const Client &) = delete;
@@ -75,28 +74,50 @@ class Client
     void *ctx() { return this; }
 
     // Operations whose records go to the recorder; each expects success.
-    void set(uint32_t db, const ProtobufCMessage *object);
-    void del(uint32_t db, const ProtobufCMessage *object);
-    void subscribe(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags = TQ_MOM_MATCH_ALL);
-    void unsubscribe(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags = TQ_MOM_MATCH_ALL);
-    void scan(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags = TQ_MOM_MATCH_ALL);
-    Lines scan_now(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags = TQ_MOM_MATCH_ALL);
+    void set(uint32_t db, const ProtobufCMessage *object)
+    {
+        EXPECT_EQ(tq_mom_set(ctx(), db, object, nullptr, nullptr), 0);
+    }
+    void del(uint32_t db, const ProtobufCMessage *object)
+    {
+        EXPECT_EQ(tq_mom_del(ctx(), db, object, nullptr, nullptr), 0);
+    }
+    void subscribe(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags = TQ_MOM_MATCH_ALL)
+    {
+        EXPECT_EQ(tq_mom_subscribe(ctx(), db, tmpl, flags, Recorder::callback, &to), 0);
+    }
+    void unsubscribe(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to)
+    {
+        EXPECT_EQ(tq_mom_unsubscribe(ctx(), db, tmpl, TQ_MOM_MATCH_ALL, Recorder::callback, &to), 0);
+    }
+    void scan(uint32_t db, const ProtobufCMessage *tmpl, Recorder &to, uint32_t flags = TQ_MOM_MATCH_ALL)
+    {
+        EXPECT_EQ(tq_mom_scan(ctx(), db, tmpl, flags, Recorder::callback, &to), 0);
+    }
+    Lines scan_now(uint32_t db, const ProtobufCMessage *tmpl)
+    {
+        Recorder found;
+        EXPECT_EQ(tq_mom_scan_sync(ctx(), db, tmpl, TQ_MOM_MATCH_ALL, Recorder::callback, &found), 0);
+        return found.take();
+    }
 };
 
 // The operations on which an object's life depends, as letters: s set, d del,
 // c clear_expire, + setow, - del_ow, [ begin and ] end of a cycle of its type.
 // owner 0 with a bracket is the plain cycle. Expects success.
+constexpr uint32_t life_db = 4;
 constexpr char life_operations[] = {'s', 'd', 'c', '+', '-', '[', ']'};
-void apply(Client &client, uint32_t db, const ProtobufCMessage *object, char operation, uint64_t owner);
+void apply(Client &client, const ProtobufCMessage *object, char operation, uint64_t owner);
 
 class StoreTest : public testing::TestWithParam<StoreUnderTest>
 {
   protected:
-    void run() { environment_->run_until_idle(); }
+    void run() { loop_.run_pending(); }
 
-    std::unique_ptr<Environment> environment_ = GetParam().make();
-    Client writer_{*environment_, "writer"};
-    Client reader_{*environment_, "reader"};
+    VirtualLoop loop_;
+    std::unique_ptr<Store> store_ = GetParam().make();
+    Client writer_{*store_, loop_, "writer"};
+    Client reader_{*store_, loop_, "reader"};
     Recorder seen_; // what the reader is told
 };
 
@@ -104,14 +125,20 @@ class StoreTest : public testing::TestWithParam<StoreUnderTest>
 class LogCapture
 {
   public:
-    LogCapture();
-    ~LogCapture();
-    size_t count(const std::string &part) const; // lines that contain it
+    LogCapture()
+    {
+        set_log_sink([this](LogLevel, const std::string &text) { lines_.push_back(text); });
+    }
+    ~LogCapture() { set_log_sink({}); }
+
+    size_t count(const std::string &part) const // lines that contain it
+    {
+        return static_cast<size_t>(std::ranges::count_if(
+            lines_, [&](const std::string &line) { return line.find(part) != std::string::npos; }));
+    }
 
   private:
     Lines lines_;
 };
-
-std::string row_name(const testing::TestParamInfo<StoreUnderTest> &info);
 
 } // namespace vvl::mom

@@ -14,9 +14,10 @@ namespace
 {
 
 using StoreRandom = StoreTest;
-INSTANTIATE_TEST_SUITE_P(Stores, StoreRandom, testing::ValuesIn(stores_under_test()), row_name);
+INSTANTIATE_TEST_SUITE_P(Stores, StoreRandom, testing::ValuesIn(stores_under_test()),
+                         testing::PrintToStringParamName());
 
-constexpr uint32_t db = 4;
+constexpr uint32_t db = life_db;
 constexpr int step_count = 4000;
 
 using View = std::map<uint32_t, uint32_t>; // ifx to mode
@@ -130,7 +131,7 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
             const uint64_t owner = is_cycle ? pick(3) : 1 + pick(2);
             const PortCfg object(1 + pick(5), 1 + pick(1000));
             model.apply(object.index.ifx, object.object.mode, operation, owner);
-            apply(mirror.client, db, object, operation, owner);
+            apply(mirror.client, object, operation, owner);
         }
     }
 }

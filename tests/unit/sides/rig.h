@@ -48,6 +48,13 @@ class Rig : public testing::Test
     }
     ~Rig() override { mom::detach(&probe); }
 
+    template <typename Side> void start(Side &side)
+    {
+        std::string why;
+        ASSERT_TRUE(side.start(why)) << why;
+        loop.run_pending();
+    }
+
     // Sets or removes the object of this key ("3").
     void put(uint32_t db, const char *type, const std::string &key, bool present = true)
     {
