@@ -3,32 +3,20 @@
 
 #include "tests/fuzz/byte_reader.h"
 
-#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace vvl::test
 {
 
-class MemoryFile
+// The file's path, the same every time. What it held before is gone.
+inline std::string memory_file(std::span<const uint8_t> content)
 {
-  public:
-    MemoryFile() : file_(memfd_create("fuzz", MFD_CLOEXEC)) { require(file_ >= 0, "memory for a file"); }
-    ~MemoryFile() { close(file_); }
-    MemoryFile(const MemoryFile &) = delete;
-    MemoryFile &operator=(const MemoryFile &) = delete;
-
-    std::string path() const { return "/proc/self/fd/" + std::to_string(file_); }
-
-    void replace(std::span<const uint8_t> content)
-    {
-        require(ftruncate(file_, 0) == 0 &&
-                    pwrite(file_, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
-                "the file is written");
-    }
-
-  private:
-    int file_;
-};
+    static const int file = memfd_create("fuzz", MFD_CLOEXEC);
+    require(ftruncate(file, 0) == 0 &&
+                pwrite(file, content.data(), content.size(), 0) == static_cast<ssize_t>(content.size()),
+            "the file is written");
+    return "/proc/self/fd/" + std::to_string(file);
+}
 
 } // namespace vvl::test

@@ -1,7 +1,7 @@
 // The level file with any content: the level stays in its range, and is the
 // number that the file says where it says one.
-#include "tests/fuzz/byte_reader.h"
 #include "tests/fuzz/memory_file.h"
+#include "tests/support/recording_platform.h"
 #include "udp_vvlan_debug.h"
 
 extern char g_vvlan_level_file[];
@@ -9,14 +9,11 @@ extern char g_vvlan_level_file[];
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     using namespace vvl::test;
-    static MemoryFile file;
-    static const bool pointed = [] {
-        require(file.path().size() <= std::strlen(g_vvlan_level_file), "the path fits");
-        std::strcpy(g_vvlan_level_file, file.path().c_str());
-        return true;
-    }();
-    require(pointed, "the level file is ours");
-    file.replace({data, size});
+    const std::string path = memory_file({data, size});
+    static const size_t room = std::strlen(g_vvlan_level_file);
+    require(path.size() <= room, "the path fits");
+    std::strcpy(g_vvlan_level_file, path.c_str());
+    reset_platform();
     g_vvlan_zlog_level = 1;
     require(udp_vvlan_zlog_init() == 0, "the log opens whatever the file holds");
     require(g_vvlan_zlog_level <= 5, "the level is 0 to 5");

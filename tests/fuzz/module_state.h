@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace vvl::test
 {
@@ -17,7 +18,7 @@ void reset_module();
 // the OUIs in their buckets, each with an ACE id of its own.
 void check_module();
 
-// A number that stands for the settings, tables and lists as they are.
-uint64_t module_digest();
+// The settings, tables and lists as they are, one after the other.
+std::vector<uint64_t> module_values();
 
 } // namespace vvl::test

@@ -1,7 +1,11 @@
 #include "tests/fuzz/module_steps.h"
 
+#include "p_bridge.pb-c.h"
+#include "s_bridge.pb-c.h"
 #include "tests/fuzz/module_state.h"
-#include "tests/fuzz/null_platform.h"
+#include "tests/fuzz/records.h"
+#include "tests/support/recording_platform.h"
+#include "u_bridge.pb-c.h"
 #include "udp_vvlan.h"
 #include "udp_vvlan_age.h"
 #include "udp_vvlan_debug.h"
@@ -20,81 +24,75 @@ namespace
 
 void *context()
 {
-    return &null_platform().global;
+    return &platform().global;
 }
 
 // ---- Entrances for records ----
 
-StepResult step_oui_cfg(ByteReader &in, Records &records)
+template <auto decoder, const ProtobufCMessageDescriptor &type> int step_record(ByteReader &in, Records &records)
 {
-    return {udp_vvlan_event_set_oui_cfg(context(), records.record(records.oui_cfg()), in.u8()), true};
+    return decoder(context(), records.record(records.message(type)), in.u8());
 }
 
-StepResult step_glb_cfg(ByteReader &in, Records &records)
+// Where the decoder gets no tag, but a user argument that it has no use for.
+template <auto decoder, const ProtobufCMessageDescriptor &type> int step_untagged(ByteReader &, Records &records)
+{
+    return decoder(context(), records.record(records.message(type)), nullptr);
+}
+
+int step_glb_cfg(ByteReader &in, Records &records)
 {
     const uint32_t tag = in.one_of({5, 5, 6, 7, 8, 9, 0});
-    return {udp_vvlan_event_set_glb_cfg(context(), records.record(records.glb_hash()), tag), true};
+    return udp_vvlan_event_set_glb_cfg(context(), records.record(records.glb_hash()), tag);
 }
 
-StepResult step_port_cfg(ByteReader &in, Records &records)
+int step_mac_noti(ByteReader &in, Records &records)
 {
-    return {udp_vvlan_event_set_port_cfg(context(), records.record(records.port_cfg()), in.u8()), true};
+    tq_mom_record_t *record = records.record(records.message(u_bridge__mac_vid_reg_noti__descriptor));
+    const uintptr_t scanned_port = in.one_of({0, 0, 0, 1, 2});
+    return udp_vvlan_event_set_mac_noti(context(), record, reinterpret_cast<void *>(scanned_port));
 }
 
-StepResult step_port_noti(ByteReader &in, Records &records)
+// A subscription of the start-up, or none, with a record of its type.
+int step_sync(ByteReader &in, Records &records)
 {
-    return {udp_vvlan_event_set_port_noti(context(), records.record(records.port_noti()), in.u8()), true};
-}
-
-void *scanned_port(ByteReader &in)
-{
-    return reinterpret_cast<void *>(static_cast<uintptr_t>(in.one_of({0, 0, 0, 1, 2})));
-}
-
-StepResult step_mac_noti(ByteReader &in, Records &records)
-{
-    return {udp_vvlan_event_set_mac_noti(context(), records.record(records.mac_noti()), scanned_port(in)), true};
-}
-
-StepResult step_mac_subscription(ByteReader &, Records &records)
-{
-    return {udp_vvlan_mac_subscribe_callback(context(), records.record(records.mac_noti()), nullptr), false};
-}
-
-StepResult step_join(ByteReader &, Records &records)
-{
-    return {udp_vvlan_recover_vvlan_cfg(context(), records.record(records.join()), nullptr), true};
-}
-
-StepResult step_sync(ByteReader &in, Records &records)
-{
-    const auto &entries = null_platform().entries;
+    static constexpr struct {
+        const char *key;
+        const ProtobufCMessageDescriptor *type; // null: a field
+    } subscriptions[] = {{"subscribe p_bridge.vvlan_oui_cfg", &p_bridge__vvlan_oui_cfg__descriptor},
+                         {"subscribe p_bridge.vvlan_port_cfg", &p_bridge__vvlan_port_cfg__descriptor},
+                         {"subscribe p_bridge.vvlan_glb_cfg/5", nullptr},
+                         {"subscribe p_bridge.vvlan_glb_cfg/6", nullptr},
+                         {"subscribe p_bridge.vvlan_glb_cfg/7", nullptr},
+                         {"subscribe p_bridge.vvlan_glb_cfg/8", nullptr},
+                         {"subscribe s_bridge.vvlan_port_noty", &s_bridge__vvlan_port_noty__descriptor}};
     const uint32_t choice = in.below(8);
-    const SyncEntry *entry = choice < 7 ? &entries[choice] : nullptr;
-    void *object = entry != nullptr ? records.object_of(entry->type) : nullptr;
-    return {udp_vvlan_ds_callback(context(), records.record(object), entry != nullptr ? entry->entry : nullptr), false};
+    if (choice == std::size(subscriptions)) {
+        return udp_vvlan_ds_callback(context(), records.record(nullptr), nullptr);
+    }
+    const auto &[key, type] = subscriptions[choice];
+    void *object = type != nullptr ? static_cast<void *>(records.message(*type)) : records.glb_hash();
+    return udp_vvlan_ds_callback(context(), records.record(object), platform().subscribers.at(key).user);
 }
 
 // ---- Events of the host ----
 
-StepResult step_timer(ByteReader &, Records &)
+int step_timer(ByteReader &, Records &)
 {
     tq_thread_t thread = {nullptr};
-    return {udp_vvlan_timer_scan(&thread), false};
+    return udp_vvlan_timer_scan(&thread);
 }
 
 // A start-up that fails ends the process by its contract, so none fails here.
-StepResult step_link(ByteReader &in, Records &)
+int step_link(ByteReader &in, Records &)
 {
-    null_platform().fail_in = 0;
+    platform().faults.clear();
     const uint32_t db = in.one_of({VVLAN_DB_CONFIG, VVLAN_DB_STATUS, VVLAN_DB_ADDRESS, TQ_MOM_UDP_DB});
-    const int rv = in.flag() ? udp_vvlan_mom_disconnect_callback(context(), db)
-                             : udp_vvlan_mom_reconnect_callback(context(), db, static_cast<int32_t>(in.one_of({2, 1})));
-    null_platform().entries.resize(7); // a subscription made again has the same entries
-    return {rv, false};
+    return in.flag() ? udp_vvlan_mom_disconnect_callback(context(), db)
+                     : udp_vvlan_mom_reconnect_callback(context(), db, static_cast<int32_t>(in.one_of({2, 1})));
 }
 
-StepResult step_debug(ByteReader &in, Records &)
+int step_debug(ByteReader &in, Records &)
 {
     static void (*const dumps[])() = {udp_vvlan_show_log_level, udp_vvlan_dump_glb_cfg, udp_vvlan_dump_oui,
                                       udp_vvlan_dump_port,      udp_vvlan_dump_all_mac, udp_vvlan_dump_recover_entry};
@@ -106,24 +104,32 @@ StepResult step_debug(ByteReader &in, Records &)
     } else {
         udp_vvlan_set_zlog_level(static_cast<int>(in.one_of({0, 5})));
     }
-    return {};
+    return 0;
 }
 
-StepResult step_any(ByteReader &in, Records &records);
-
-const struct {
+constexpr struct Row {
     std::string_view name;
-    Step step;
-} steps[] = {
-    {"oui_cfg", step_oui_cfg},     {"glb_cfg", step_glb_cfg},   {"port_cfg", step_port_cfg},
-    {"port_noti", step_port_noti}, {"mac_noti", step_mac_noti}, {"mac_subscription", step_mac_subscription},
-    {"join", step_join},           {"sync", step_sync},         {"timer", step_timer},
-    {"link", step_link},           {"debug", step_debug},       {"events", step_any}, // any of the rows above
+    int (*step)(ByteReader &in, Records &records);
+    bool decoder; // -4 and -20 mean: refused, nothing changed
+} rows[] = {
+    {"oui_cfg", step_record<udp_vvlan_event_set_oui_cfg, p_bridge__vvlan_oui_cfg__descriptor>, true},
+    {"glb_cfg", step_glb_cfg, true},
+    {"port_cfg", step_record<udp_vvlan_event_set_port_cfg, p_bridge__vvlan_port_cfg__descriptor>, true},
+    {"port_noti", step_record<udp_vvlan_event_set_port_noti, s_bridge__vvlan_port_noty__descriptor>, true},
+    {"mac_noti", step_mac_noti, true},
+    {"mac_subscription", step_untagged<udp_vvlan_mac_subscribe_callback, u_bridge__mac_vid_reg_noti__descriptor>,
+     false},
+    {"join", step_untagged<udp_vvlan_recover_vvlan_cfg, u_bridge__vvlan_join__descriptor>, true},
+    {"sync", step_sync, false},
+    {"timer", step_timer, false},
+    {"link", step_link, false},
+    {"debug", step_debug, false},
 };
 
-StepResult step_any(ByteReader &in, Records &records)
+const Row &find_row(std::string_view name, ByteReader &in)
 {
-    return steps[in.below(std::size(steps) - 1)].step(in, records);
+    const auto *row = std::find_if(std::begin(rows), std::end(rows), [&](const Row &r) { return r.name == name; });
+    return row != std::end(rows) ? *row : rows[in.below(std::size(rows))];
 }
 
 // ---- A run ----
@@ -140,13 +146,9 @@ void add_ouis()
 void add_ports()
 {
     for (uint32_t ifx = 1; ifx <= 3; ifx++) {
-        PBridge__VvlanIndex key = P_BRIDGE__VVLAN_INDEX__INIT;
-        key.ifx = ifx;
-        PBridge__VvlanPortCfg port = P_BRIDGE__VVLAN_PORT_CFG__INIT;
-        port.index = &key;
-        port.enable = 1;
-        port.mode = 1;
-        udp_vvlan_handler_set_port_cfg(1, &port);
+        const auto port = to_message(p_bridge__vvlan_port_cfg__descriptor,
+                                     "{index{ifx:" + std::to_string(ifx) + "} enable:1 mode:1}");
+        udp_vvlan_handler_set_port_cfg(1, reinterpret_cast<PBridge__VvlanPortCfg *>(port.get()));
     }
 }
 
@@ -165,41 +167,45 @@ void configure(uint8_t choice)
     }
 }
 
-void prepare_faults(uint8_t choice)
+// Two ports have no other number; and one call fails, or every one from it on.
+void prepare_platform(uint8_t choice)
 {
-    NullPlatform &platform = null_platform();
-    platform.fail_in = choice >= 0xc0 ? (choice & 0x1fu) + 1 : 0;
-    platform.fail_on = (choice & 0x20) != 0;
-    platform.has_join = (choice & 1) != 0;
+    static UBridge__VvlanJoin join = U_BRIDGE__VVLAN_JOIN__INIT;
+    platform().lines.clear();
+    platform().logs.clear();
+    platform().faults.clear();
+    platform().fail("ddm.phyid_of 64", -7);
+    platform().fail("ddm.ifx_of 320", -7);
+    if (choice >= 0xc0) {
+        platform().fail("", TQ_MOM_E_UNREACHABLE, choice & 0x1f, (choice & 0x20) != 0 ? -1 : 1);
+    }
+    platform().stored = (choice & 1) != 0 ? &join.base : nullptr;
+}
+
+void check_refusal(const std::vector<uint64_t> &before)
+{
+    require(module_values() == before, "a refused record changes no state");
+    std::erase_if(platform().lines, [](const std::string &line) { return line.starts_with("ddm."); });
+    require(platform().lines.empty(), "a refused record asks neither the store nor the plane for anything");
 }
 
 } // namespace
 
-Step find_step(std::string_view name)
-{
-    for (const auto &row : steps) {
-        if (row.name == name) {
-            return row.step;
-        }
-    }
-    return nullptr;
-}
-
-void run_module(Step step, std::span<const uint8_t> input)
+void run_module(std::string_view name, std::span<const uint8_t> input)
 {
     ByteReader in(input);
     reset_module();
     configure(in.u8());
     while (!in.at_end()) {
-        prepare_faults(in.u8());
+        prepare_platform(in.u8());
         Records records(in);
-        const uint64_t digest = module_digest();
-        const uint64_t calls = null_platform().calls;
-        const StepResult result = step(in, records);
+        const std::vector<uint64_t> before = module_values();
+        const Row &row = find_row(name, in);
+        const int rv = row.step(in, records);
         check_module();
-        if (result.decoded && (result.rv == VVLAN_E_INVALID || result.rv == VVLAN_E_UNHANDLED)) {
-            require(module_digest() == digest, "a refused record changes no state");
-            require(null_platform().calls == calls, "a refused record calls nothing");
+        require(platform().objects_live == 0, "what the plane hands out is given back");
+        if (row.decoder && (rv == VVLAN_E_INVALID || rv == VVLAN_E_UNHANDLED)) {
+            check_refusal(before);
         }
     }
 }

@@ -7,8 +7,6 @@
 #include "platform/fp/manager.h"
 #include "tests/fuzz/byte_reader.h"
 
-#include <array>
-
 namespace vvl::test
 {
 namespace
@@ -50,20 +48,16 @@ class KeepingPlane final : public fp::Plane
     }
 };
 
-using AppType = std::array<char, FP_UDP_APP_TYPE_SIZE>;
-
-AppType read_app_type(ByteReader &in)
+void read_app_type(ByteReader &in, char (&text)[FP_UDP_APP_TYPE_SIZE])
 {
     static constexpr const char *known[] = {"mac_vlan_app", "vvlan_secu_pas_app", "vvlan_secu_deny_app"};
-    AppType text{};
     const uint32_t choice = in.below(16);
     if (choice < 15) {
-        std::strncpy(text.data(), known[choice % 3], text.size() - 1);
+        std::strncpy(text, known[choice % 3], sizeof text - 1);
     } else {
-        const auto any = in.bytes(text.size()); // perhaps without an end
-        std::copy(any.begin(), any.end(), text.begin());
+        const auto any = in.bytes(sizeof text); // perhaps without an end
+        std::copy(any.begin(), any.end(), text);
     }
-    return text;
 }
 
 class Caller
@@ -102,8 +96,7 @@ class Caller
     vvlan_acl_desc_t read_desc()
     {
         vvlan_acl_desc_t desc{};
-        const AppType app_type = read_app_type(in_);
-        std::copy(app_type.begin(), app_type.end(), desc.app_type);
+        read_app_type(in_, desc.app_type);
         desc.acl_id = in_.one_of({101, 101, 102, 100, 0});
         desc.acl_kind = static_cast<uint8_t>(in_.one_of({4, 4, 4, 0}));
         desc.reserved[34] = in_.below(32) == 31;
@@ -146,8 +139,7 @@ class Caller
     void bind(const fp_udp_mgr_ops_t &ops, const vvlan_acl_desc_t *desc)
     {
         vvlan_apply_t record{};
-        const AppType app_type = read_app_type(in_);
-        std::copy(app_type.begin(), app_type.end(), record.app_type);
+        read_app_type(in_, record.app_type);
         record.phyid = in_.one_of({256, 257, 258});
         record.apply_opt = in_.one_of({0, 1, 1});
         if (in_.flag()) {
@@ -161,11 +153,12 @@ class Caller
 
     void expire(const fp_udp_mgr_ops_t &ops)
     {
-        AppType app_type = read_app_type(in_);
-        app_type.back() = '\0'; // here it is a C string
+        char app_type[FP_UDP_APP_TYPE_SIZE] = {};
+        read_app_type(in_, app_type);
+        app_type[sizeof app_type - 1] = '\0'; // here it is a C string
         int (*const calls[])(void *, const char *) = {ops.acl_expire,      ops.acl_del_expired, ops.ace_expire,
                                                       ops.ace_del_expired, ops.apply_expire,    ops.apply_del_expired};
-        calls[in_.below(6)](nullptr, app_type.data());
+        calls[in_.below(6)](nullptr, app_type);
     }
 
     ByteReader &in_;

@@ -6,13 +6,12 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     using namespace vvl::test;
-    static MemoryFile file;
-    file.replace({data, size});
+    const std::string path = memory_file({data, size});
     vvl::host::Grammar grammar = vvl::host::scenario_grammar();
     vvl::host::Scenario scenario;
     std::string why;
-    if (!vvl::host::read_scenario(file.path(), grammar, scenario, why)) {
-        require(why.starts_with(file.path() + ":"), "a fault names the file");
+    if (!vvl::host::read_scenario(path, grammar, scenario, why)) {
+        require(why.starts_with(path + ":"), "a fault names the file");
         require(scenario.path.empty() && scenario.steps.empty(), "a fault changes nothing");
         return 0;
     }
@@ -23,7 +22,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         require(!step.text.empty(), "a step can be shown");
         line = step.line;
     }
-    require(scenario.ports().size() <= 2 * vvl::host::scenario_port_count_max,
-            "there are no more ports than the limit");
+    require(scenario.ports().size() <= 2 * vvl::host::scenario_port_count_max, "ports are not more than the limit");
     return 0;
 }
