@@ -1,9 +1,7 @@
-// The calls of the module that can fail, as the module built with redirect.h
-// announces them: a decider says for every single call whether it fails.
+// The calls of the module that can fail, each in front of the platform's
+// function of the same name: a decider says for every single call whether it
+// fails. A call that fails does not reach the platform.
 #pragma once
-
-#include "fp_udp.h"
-#include "tq_mom.h"
 
 #include <functional>
 
@@ -25,13 +23,6 @@ struct Call {
     Answer answer;
 };
 
-// Codes of failures from outside.
-constexpr int no_object = -2;
-constexpr int no_memory = -6;
-constexpr int not_found = -7;
-constexpr int unreachable = TQ_MOM_E_UNREACHABLE;
-constexpr int unavailable = -17;
-
 // True to fail the call. Called from inside the module.
 using Decider = std::function<bool(const Call &)>;
 
@@ -42,10 +33,3 @@ void set_decider(Decider decider);
 bool take_finish_request();
 
 } // namespace vvl::fault
-
-// For the module.
-extern "C" {
-bool fault_fails(const vvl::fault::Call &call);
-fp_udp_mgr_t *fault_fp_udp_get_mgr();
-void fault_tq_global_finish(void *ctx);
-}

@@ -42,6 +42,26 @@ Ports ports_of(const Snapshot &snapshot, bool only_automatic)
     return ports;
 }
 
+void clear(Snapshot &snapshot, const char *subject)
+{
+    snapshot.at(subject).clear();
+}
+
+void clear_reports(Snapshot &snapshot, const Ports &)
+{
+    clear(snapshot, "p_bridge.vvlan_err_event");
+}
+
+void clear_packet_registration(Snapshot &snapshot, const Ports &)
+{
+    clear(snapshot, "s_cluster.reg_pkt_info");
+}
+
+void clear_mirrored_ouis(Snapshot &snapshot, const Ports &)
+{
+    clear(snapshot, "u_bridge.vvlan_oui_cfg");
+}
+
 // Removes the lines in which the number behind mark is an automatic port.
 void erase_ports(std::vector<std::string> &lines, const std::string &mark, const Ports &ports)
 {
@@ -122,8 +142,15 @@ void clear_idle_rules(Snapshot &snapshot, const Ports &)
 {
     if (is_off(snapshot)) {
         for (const char *subject : {"plane mac_vlan", "plane voice", "plane security"}) {
-            snapshot.at(subject).clear();
+            clear(snapshot, subject);
         }
+    }
+}
+
+void clear_idle_registration(Snapshot &snapshot, const Ports &)
+{
+    if (is_off(snapshot)) {
+        clear(snapshot, "u_bridge.mac_vid_reg");
     }
 }
 
@@ -134,14 +161,12 @@ struct Rule {
 
 constexpr Rule rules[] = {
     // The report of the fault itself: nobody withdraws a report.
-    {Ending::next_calls, [](Snapshot &snapshot, const Ports &) { snapshot.at("p_bridge.vvlan_err_event").clear(); }},
+    {Ending::next_calls, clear_reports},
     // Written by the first initialisation, once.
-    {Ending::reinitialisation,
-     [](Snapshot &snapshot, const Ports &) { snapshot.at("s_cluster.reg_pkt_info").clear(); }},
+    {Ending::reinitialisation, clear_packet_registration},
     // Written when an OUI enters the table. A re-initialisation sweeps the
     // record of an OUI that is there already, and not that of one that it adds.
-    {Ending::reinitialisation,
-     [](Snapshot &snapshot, const Ports &) { snapshot.at("u_bridge.vvlan_oui_cfg").clear(); }},
+    {Ending::reinitialisation, clear_mirrored_ouis},
     // Given to OUIs in the order in which they enter the table; the next one to
     // enter takes an id that a failed one has not used.
     {Ending::reinitialisation, clear_ace_ids},
@@ -161,12 +186,7 @@ constexpr Rule rules[] = {
     {Ending::reinitialisation, clear_idle_rules},
     // A registration that could not be withdrawn is swept by the cycle of the
     // next subscription, and while the voice VLAN is off there is none.
-    {Ending::restart,
-     [](Snapshot &snapshot, const Ports &) {
-         if (is_off(snapshot)) {
-             snapshot.at("u_bridge.mac_vid_reg").clear();
-         }
-     }},
+    {Ending::restart, clear_idle_registration},
 };
 
 } // namespace

@@ -1,19 +1,17 @@
 // The store is read through a session of its own, so that neither the module's
 // connections nor its counters notice. The dumps print to C's standard output,
-// which is memory meanwhile; their row numbers are cut off,
+// which goes to a file in memory meanwhile; their row numbers are cut off,
 // since they count the order of arrival.
 #include "tests/fault/snapshot.h"
 
 #include "platform/mom/store.h"
-#include "tests/support/message_text.h"
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
-#include <sstream>
-#include <utility>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace vvl::fault
 {
@@ -41,14 +39,22 @@ class Deaf final : public mom::SessionEvents
     void changed(const mom::Change &) override {}
 };
 
+std::string hexadecimal(const std::string &bytes)
+{
+    std::string text;
+    for (const char byte : bytes) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(byte));
+        text += digits;
+    }
+    return text;
+}
+
 std::string object_text(const mom::Object &object)
 {
-    auto digits = [](const std::string &bytes) {
-        return test::to_hex(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
-    };
-    std::string text = object.key + " = " + digits(object.value.bytes);
+    std::string text = object.key + " = " + hexadecimal(object.value.bytes);
     for (const auto &[number, field] : object.value.fields) {
-        text += " " + std::to_string(number) + ":" + digits(field);
+        text += " " + std::to_string(number) + ":" + hexadecimal(field);
     }
     return text;
 }
@@ -69,26 +75,41 @@ void add_objects(host::Switch &network_switch, Snapshot &snapshot)
     }
 }
 
+// What print writes to standard output.
+template <typename Print> std::string printed(Print print)
+{
+    std::fflush(stdout);
+    const int memory = memfd_create("dump", MFD_CLOEXEC);
+    const int terminal = dup(STDOUT_FILENO);
+    dup2(memory, STDOUT_FILENO);
+    print();
+    std::fflush(stdout);
+    dup2(terminal, STDOUT_FILENO);
+    close(terminal);
+    std::string text(static_cast<size_t>(std::max<off_t>(lseek(memory, 0, SEEK_END), 0)), '\0');
+    const ssize_t size = pread(memory, text.data(), text.size(), 0);
+    text.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
+    close(memory);
+    return text;
+}
+
 void add_listing(host::Agent &agent, const std::string &name, Snapshot &snapshot)
 {
-    char *text = nullptr;
-    size_t size = 0;
     std::string why;
-    std::FILE *terminal = std::exchange(stdout, open_memstream(&text, &size));
-    agent.run_debug_command(name, "", why);
-    std::fclose(std::exchange(stdout, terminal));
-    std::istringstream printed({text, size});
-    std::free(text);
+    std::string text = printed([&] { agent.run_debug_command(name, "", why); });
     std::vector<std::string> &lines = snapshot[name];
     if (!why.empty()) {
         lines.push_back(why);
     }
-    for (std::string line; std::getline(printed, line);) {
+    for (size_t begin = 0; begin < text.size();) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        std::string line = text.substr(begin, end - begin);
         const size_t number_end = line.find("> ");
         if (line.starts_with("  <") && number_end != std::string::npos) {
             line.erase(0, number_end + 2);
         }
         lines.push_back(std::move(line));
+        begin = end + 1;
     }
 }
 

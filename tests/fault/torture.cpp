@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -30,7 +31,8 @@ namespace
 
 constexpr unsigned time_limit_s = 60; // of one child, on a busy machine
 constexpr size_t child_count_max = 2; // at a time
-constexpr size_t log_size = 32768;    // bytes that are shown of a child's log
+constexpr size_t report_size = 8192;  // bytes of a child's report
+constexpr size_t progress_step = 500; // points
 
 struct Options {
     std::vector<std::string> scenarios;
@@ -48,22 +50,20 @@ struct Report {
     bool lifted;    // the host has started the module anew, without the fault
     bool for_life;  // only a restart repairs what failed
     int exit_code;  // with this code: the OR of the failed steps' codes
+    char text[report_size];
 };
 
 struct Child {
     pid_t pid = 0; // 0: free
     std::string point;
     Report *report = nullptr;
-    int log = -1; // its standard error: what differs, too
+    int log = -1; // its standard error
 };
 
-// Ends the torture where the machine refuses something.
-void check(bool went_well, const char *what)
+void append(Report &report, const std::string &text)
 {
-    if (!went_well) {
-        std::perror(what);
-        std::exit(2);
-    }
+    const size_t used = std::strlen(report.text);
+    std::snprintf(report.text + used, sizeof report.text - used, "%s", text.c_str());
 }
 
 // The states of a run without fault, by Ending.
@@ -74,7 +74,11 @@ std::optional<std::vector<Snapshot>> fault_free(const host::Scenario &scenario, 
     if (!run.play(why)) {
         return std::nullopt;
     }
-    return std::vector<Snapshot>{run.reinitialise(), run.restart(), run.next_calls()}; // in this order
+    std::vector<Snapshot> states;
+    states.push_back(run.reinitialise());
+    states.push_back(run.restart());
+    states.push_back(run.next_calls());
+    return states;
 }
 
 class Torture
@@ -84,7 +88,10 @@ class Torture
     {
         for (Child &child : children_) {
             void *shared = mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-            check(shared != MAP_FAILED, "shared memory");
+            if (shared == MAP_FAILED) {
+                std::perror("torture: shared memory");
+                std::exit(2);
+            }
             child.report = static_cast<Report *>(shared);
             child.log = memfd_create("child", MFD_CLOEXEC);
         }
@@ -104,7 +111,7 @@ class Torture
     void note_fault(const Call &call);
     void lift();
     Child &free_child();
-    bool wait_for_one();
+    void wait_for_one();
     void judge(Child &child, int status);
     void conclude(ScenarioRun &run, const std::vector<Snapshot> &expected);
     bool compare(Ending ending, Snapshot expected, Snapshot found);
@@ -152,11 +159,16 @@ bool Torture::fork_child(const Call &call, bool until_lifted)
     child.point =
         scenario_ + ", call " + std::to_string(call_) + ", " + call.name + (until_lifted ? " and all after it" : "");
     *child.report = {};
-    check(ftruncate(child.log, 0) == 0, "a child's log");
+    if (ftruncate(child.log, 0) != 0) {
+        std::perror("torture: a child's log");
+    }
     points_++;
     std::fflush(nullptr);
     child.pid = fork();
-    check(child.pid >= 0, "fork");
+    if (child.pid < 0) {
+        std::perror("torture: fork");
+        std::exit(2);
+    }
     if (child.pid == 0) {
         lseek(child.log, 0, SEEK_SET);
         dup2(child.log, STDERR_FILENO);
@@ -164,6 +176,11 @@ bool Torture::fork_child(const Call &call, bool until_lifted)
         mine_ = child.report;
         until_lifted_ = until_lifted;
         return true;
+    }
+    if (points_ % progress_step == 0) {
+        std::fprintf(options_.terminal, "torture: %zu points, %zu failures, in %s\n", points_, failures_,
+                     scenario_.c_str());
+        std::fflush(options_.terminal);
     }
     return false;
 }
@@ -198,8 +215,7 @@ Child &Torture::free_child()
     }
 }
 
-// False where there is no child.
-bool Torture::wait_for_one()
+void Torture::wait_for_one()
 {
     int status = 0;
     const pid_t pid = wait(&status);
@@ -209,12 +225,11 @@ bool Torture::wait_for_one()
             child.pid = 0;
         }
     }
-    return pid > 0;
 }
 
 std::string log_text(int log)
 {
-    std::string text(log_size, '\0');
+    std::string text(report_size, '\0');
     const ssize_t size = pread(log, text.data(), text.size(), 0);
     text.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
     return text;
@@ -237,13 +252,14 @@ void Torture::judge(Child &child, int status)
     const bool passed = ended_well && (report.ends || report.passed);
     if (!passed) {
         failures_++;
-        std::fprintf(options_.terminal, "FAILED %s: %s%s\n", child.point.c_str(),
+        std::fprintf(options_.terminal, "FAILED %s: %s%s\n%s", child.point.c_str(),
                      ended_well ? "another state" : end_text(status).c_str(),
-                     ended_well ? "" : (", expected " + std::to_string(wanted)).c_str());
+                     ended_well ? "" : (", expected " + std::to_string(wanted)).c_str(), report.text);
     }
-    if (!passed || options_.only != 0) {
+    if (!ended_well || options_.only != 0) {
         std::fputs(log_text(child.log).c_str(), options_.terminal);
     }
+    std::fflush(options_.terminal);
 }
 
 // Whether the state is the very one of the run without fault. One that differs
@@ -257,7 +273,8 @@ bool Torture::compare(Ending ending, Snapshot expected, Snapshot found)
     remove_allowed_differences(ending, expected, found);
     for (const auto &[subject, lines] : differences(expected, found)) {
         mine_->passed = false;
-        std::fprintf(stderr, "  after %s, %s:\n%s", names[static_cast<size_t>(ending)], subject.c_str(), lines.c_str());
+        append(*mine_, std::string("  after ") + names[static_cast<size_t>(ending)] + ", " + subject + ":\n");
+        append(*mine_, lines);
     }
     return false;
 }
@@ -268,7 +285,7 @@ void Torture::conclude(ScenarioRun &run, const std::vector<Snapshot> &expected)
 {
     mine_->passed = !mine_->stops || mine_->lifted;
     if (!mine_->passed) {
-        std::fputs("  the module was loaded all the same\n", stderr);
+        append(*mine_, "  the module was loaded all the same\n");
     }
     Snapshot reinitialised = run.reinitialise();
     if (!mine_->for_life && compare(Ending::reinitialisation, expected[0], std::move(reinitialised))) {
@@ -300,7 +317,8 @@ bool Torture::run(const std::string &path)
         mine_->concluded = true;
         std::exit(0); // leaks are looked for on the way out
     }
-    while (wait_for_one()) {
+    while (std::any_of(std::begin(children_), std::end(children_), [](const Child &child) { return child.pid != 0; })) {
+        wait_for_one();
     }
     return played;
 }
@@ -318,7 +336,7 @@ bool Torture::play_with_faults(const host::Scenario &scenario, const host::SimOp
     if (mine_ != nullptr && played) {
         conclude(run, expected);
     } else if (mine_ != nullptr) {
-        std::fprintf(stderr, "  %s\n", why.c_str());
+        append(*mine_, "  " + why + "\n");
     }
     return played;
 }
@@ -366,7 +384,10 @@ Options read_options(int argc, char **argv)
 void redirect_output(Options &options)
 {
     options.terminal = fdopen(dup(STDOUT_FILENO), "w");
-    check(std::freopen("/dev/null", "w", stdout) != nullptr && options.terminal != nullptr, "output");
+    if (std::freopen("/dev/null", "w", stdout) == nullptr || options.terminal == nullptr) {
+        std::perror("torture: output");
+        std::exit(2);
+    }
     const pid_t parent = getpid();
     set_log_sink([parent](LogLevel level, const std::string &text) {
         if (level >= LogLevel::error && getpid() != parent) {
