@@ -39,6 +39,11 @@ struct UvLoop::Impl {
         std::function<void()> handler;
     };
 
+    struct Watch {
+        uv_poll_t handle;
+        std::function<void(unsigned ready)> ready;
+    };
+
     // Runs what was queued when the call began; what these tasks post comes
     // in the next round, so that a task that posts itself cannot starve timers.
     void run_tasks();
@@ -54,6 +59,7 @@ struct UvLoop::Impl {
     std::multimap<uint64_t, Timer> timers; // by due time in us; equal times keep the order of arming
     std::map<LoopId, std::multimap<uint64_t, Timer>::iterator> timer_by_id;
     std::vector<std::unique_ptr<Signal>> signals;
+    std::map<LoopId, Watch *> watches; // each is deleted by its handle's close callback
 };
 
 void UvLoop::Impl::run_tasks()
@@ -108,6 +114,9 @@ UvLoop::UvLoop() : impl_(std::make_unique<Impl>())
 
 UvLoop::~UvLoop()
 {
+    while (!impl_->watches.empty()) {
+        unwatch_fd(impl_->watches.begin()->first);
+    }
     auto close_handle = [](uv_handle_t *handle, void *) {
         if (uv_is_closing(handle) == 0) {
             uv_close(handle, nullptr);
@@ -152,6 +161,50 @@ void UvLoop::cancel_timer(LoopId timer)
     impl_->timers.erase(found->second);
     impl_->timer_by_id.erase(found);
     impl_->arm();
+}
+
+// libuv reports a failed descriptor by a status instead of events; whoever reads
+// or writes then learns what is wrong.
+LoopId UvLoop::watch_fd(int fd, unsigned events, std::function<void(unsigned ready)> ready)
+{
+    auto watch = std::make_unique<Impl::Watch>();
+    watch->ready = std::move(ready);
+    check(uv_poll_init(&impl_->loop, &watch->handle, fd), "descriptor");
+    watch->handle.data = watch.get();
+    const LoopId id = ++impl_->last_id;
+    impl_->watches.emplace(id, watch.release());
+    change_watch(id, events);
+    return id;
+}
+
+void UvLoop::change_watch(LoopId watch, unsigned events)
+{
+    const auto found = impl_->watches.find(watch);
+    if (found == impl_->watches.end()) {
+        return;
+    }
+    uv_poll_t *handle = &found->second->handle;
+    if (events == 0) {
+        uv_poll_stop(handle);
+        return;
+    }
+    const int wanted = ((events & fd_readable) ? UV_READABLE : 0) | ((events & fd_writable) ? UV_WRITABLE : 0);
+    uv_poll_start(handle, wanted, [](uv_poll_t *h, int status, int seen) {
+        const auto handler = static_cast<Impl::Watch *>(h->data)->ready; // outlives its watch
+        handler(status < 0 ? fd_readable | fd_writable
+                           : ((seen & UV_READABLE) ? fd_readable : 0) | ((seen & UV_WRITABLE) ? fd_writable : 0));
+    });
+}
+
+void UvLoop::unwatch_fd(LoopId watch)
+{
+    const auto found = impl_->watches.find(watch);
+    if (found == impl_->watches.end()) {
+        return;
+    }
+    uv_close(reinterpret_cast<uv_handle_t *>(&found->second->handle),
+             [](uv_handle_t *handle) { delete static_cast<Impl::Watch *>(handle->data); });
+    impl_->watches.erase(found);
 }
 
 int UvLoop::on_signal(int signal, std::function<void()> handler)

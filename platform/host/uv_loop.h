@@ -20,6 +20,10 @@ class UvLoop final : public Loop
     void post(std::function<void()> task) override;
     LoopId add_timer(uint64_t delay_us, std::function<void()> task) override;
     void cancel_timer(LoopId timer) override;
+    // Throws std::runtime_error for a descriptor that cannot be waited for.
+    LoopId watch_fd(int fd, unsigned events, std::function<void(unsigned ready)> ready) override;
+    void change_watch(LoopId watch, unsigned events) override;
+    void unwatch_fd(LoopId watch) override;
 
     // Calls handler from the loop for each signal of this number. Returns 0 or
     // a negative libuv code.
