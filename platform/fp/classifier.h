@@ -30,6 +30,8 @@ class Classifier
     // for any source MAC do not count.
     bool names_mac(uint64_t mac) const;
 
+    std::vector<Rule> rules() const; // ascending id
+
   private:
     static constexpr size_t digit_count = 2 * mac_size; // hexadecimal digits of an address
 

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 namespace vvl::fp
 {
@@ -51,6 +52,46 @@ class Plane
 
     // Forgets a learned address; its next frame counts as new.
     virtual void forget(uint16_t vlan, const Mac &mac) = 0;
+
+    // What the plane forwards by. A plane that outlives the agent has what an
+    // earlier one left, which its manager then preserves until it knows better.
+    virtual PlaneState installed() const { return {}; }
+};
+
+struct PlanePort {
+    uint32_t phyid = 0;
+    uint16_t pvid = 1;          // VLAN of untagged frames, 1 to 4094
+    bool uplink = false;        // towards the network rather than a device
+    std::string interface = {}; // network interface; not used by a plane in this process
+};
+
+struct PortCounters {
+    uint64_t in = 0;       // frames that came in
+    uint64_t out = 0;      // frames that left
+    uint64_t trapped = 0;  // copied to the packet side
+    uint64_t tagged = 0;   // given the voice tag
+    uint64_t remarked = 0; // given CoS or DSCP by Acl::voice or Acl::security
+    uint64_t dropped = 0;  // denied by an ACL, or not a whole Ethernet header
+    bool operator==(const PortCounters &) const = default;
+};
+
+// A plane with ports and events, as the switch is put together from it. Bindings
+// and traps may come before their port.
+class DataPlane : public Plane
+{
+  public:
+    // Where events go; null: nowhere. events outlives the plane or is taken out before.
+    virtual void set_events(PlaneEvents *events) = 0;
+
+    // Makes a port known, or changes it. On failure why names the port and the
+    // reason, and nothing has changed.
+    virtual bool add_port(const PlanePort &port, std::string &why) = 0;
+
+    // A port whose link is down takes and sends no frames, and what was learned
+    // on it is forgotten. A new port's link is up.
+    virtual void set_link(uint32_t phyid, bool up) = 0;
+
+    virtual PortCounters counters(uint32_t phyid) const = 0; // zero for an unknown port
 };
 
 } // namespace vvl::fp

@@ -215,6 +215,20 @@ void SoftPlane::forget(uint16_t vlan, const Mac &mac)
     impl_->macs.forget(vlan, to_u64(mac.data()));
 }
 
+PlaneState SoftPlane::installed() const
+{
+    PlaneState state;
+    for (size_t i = 0; i < acl_count; i++) {
+        state.rules[i] = impl_->acls.acls[i].rules();
+    }
+    for (const auto &[phyid, port] : impl_->ports) {
+        if (port.acls != 0) {
+            state.binding.emplace(phyid, port.acls);
+        }
+    }
+    return state;
+}
+
 void SoftPlane::set_events(PlaneEvents *events)
 {
     impl_->events = events;
@@ -225,17 +239,21 @@ void SoftPlane::set_output(FrameOutput output)
     impl_->output = std::move(output);
 }
 
-void SoftPlane::add_port(uint32_t phyid, uint16_t pvid, bool uplink)
+bool SoftPlane::add_port(const PlanePort &port, std::string &why)
 {
-    Port *port = impl_->port_for_policy(phyid);
-    if (!port || pvid == 0 || pvid > vid_max) {
-        log_line(LogLevel::error, "port " + std::to_string(phyid) + ": " +
-                                      (port ? "PVID is out of range (1 to 4094)" : "too many ports"));
-        return;
+    if (port.pvid == 0 || port.pvid > vid_max) {
+        why = "port " + std::to_string(port.phyid) + ": PVID " + std::to_string(port.pvid) + " is not 1 to 4094";
+        return false;
     }
-    port->known = true;
-    port->pvid = pvid;
-    port->uplink = uplink;
+    Port *known = impl_->port_for_policy(port.phyid);
+    if (!known) {
+        why = "port " + std::to_string(port.phyid) + ": the plane has " + std::to_string(ports_max) + " ports already";
+        return false;
+    }
+    known->known = true;
+    known->pvid = port.pvid;
+    known->uplink = port.uplink;
+    return true;
 }
 
 void SoftPlane::set_link(uint32_t phyid, bool up)

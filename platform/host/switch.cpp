@@ -3,6 +3,7 @@
 // an event by a part that is gone.
 #include "platform/host/switch.h"
 
+#include "platform/base/log.h"
 #include "platform/host/services.h"
 #include "platform/mom/store_local.h"
 #include "platform/sides/bridge_side.h"
@@ -57,8 +58,10 @@ struct Switch::Impl {
           ids(port_ids(config.ports)), agent(l, *store, manager, ids, config.module)
     {
         for (const SwitchPort &port : config.ports) {
-            plane.add_port(port.phyid, port.pvid, port.uplink);
-            plane.set_link(port.phyid, true);
+            std::string why;
+            if (!plane.add_port({port.phyid, port.pvid, port.uplink, {}}, why)) {
+                log_line(LogLevel::error, why);
+            }
         }
     }
 

@@ -103,7 +103,8 @@ class Bench
     Bench()
     {
         for (uint32_t phyid = 0; phyid < port_count; phyid++) {
-            plane_.add_port(phyid, static_cast<uint16_t>(1 + phyid % 2), phyid == 2);
+            std::string why;
+            plane_.add_port({phyid, static_cast<uint16_t>(1 + phyid % 2), phyid == 2, {}}, why);
         }
         plane_.set_output([this](uint32_t phyid, std::span<const uint8_t> sent) { check_output(phyid, sent); });
     }

@@ -34,10 +34,10 @@ TEST_P(BridgeTest, UnknownAndGroupDestinationsFollowTheUplinkRule)
         EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(to, phone)));
         EXPECT_EQ(Ports({1, 2, 3}), ports_reached(uplink, frame_to(to, stranger)));
     }
-    rig_->set_link(2, false);
+    rig_->plane().set_link(2, false);
     EXPECT_EQ(Ports({1, 3}), ports_reached(uplink, frame_to(broadcast, stranger)));
     EXPECT_EQ(Ports(), ports_reached(2, frame_to(broadcast, phone)));
-    EXPECT_EQ(1u, rig_->counters(2).dropped);
+    EXPECT_EQ(1u, rig_->plane().counters(2).dropped);
     EXPECT_EQ(Ports(), ports_reached(77, frame_to(broadcast, phone)));
 }
 
@@ -54,7 +54,7 @@ TEST_P(BridgeTest, KnownDestinationIsReachedInItsVlanAlone)
     rig_->plane().forget(1, server);
     EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone)));
     rig_->send(2, frame_to(broadcast, server));
-    rig_->set_link(2, false);
+    rig_->plane().set_link(2, false);
     EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone)));
 }
 
@@ -76,8 +76,8 @@ TEST_P(BridgeTest, AddressIsReportedWhenNewMovedForgottenOrDue)
     EXPECT_EQ(Reports({{7, phone, 3}}), reports(3, frame)); // another VLAN, another address
     rig_->plane().forget(1, phone);
     EXPECT_EQ(Reports({{1, phone, 2}}), reports(2, frame));
-    rig_->set_link(2, false);
-    rig_->set_link(2, true);
+    rig_->plane().set_link(2, false);
+    rig_->plane().set_link(2, true);
     EXPECT_EQ(Reports({{1, phone, 2}}), reports(2, frame));
 }
 
@@ -104,9 +104,11 @@ TEST(SoftPlaneLoop, FrameThatComesBackDuringItsOwnOutputIsForwardedWhole)
     VirtualLoop loop;
     SoftPlane plane(loop);
     for (uint32_t phyid : {1u, 2u, 3u}) {
-        plane.add_port(phyid, 1, false);
+        std::string why;
+        EXPECT_TRUE(plane.add_port({.phyid = phyid}, why)) << why;
     }
-    plane.add_port(uplink, 1, true);
+    std::string why;
+    EXPECT_TRUE(plane.add_port({.phyid = uplink, .uplink = true}, why)) << why;
     const Bytes frame = frame_to(broadcast, phone);
     Sent sent;
     plane.set_output([&](uint32_t phyid, std::span<const uint8_t> bytes) {

@@ -20,6 +20,9 @@ namespace vvl::fp::test
 constexpr uint32_t uplink = 9;
 constexpr uint16_t voice_vlan = 100;
 
+inline const PlanePort ports_under_test[] = {
+    {.phyid = uplink, .uplink = true}, {.phyid = 1}, {.phyid = 2}, {.phyid = 3, .pvid = 7}};
+
 using Sent = std::vector<std::pair<uint32_t, Bytes>>; // phyid and frame, in order
 
 // Drives one plane. Frames and events are complete when send returns.
@@ -27,11 +30,8 @@ class Rig
 {
   public:
     virtual ~Rig() = default;
-    virtual Plane &plane() = 0;
-    virtual void set_events(PlaneEvents *events) = 0;
-    virtual void set_link(uint32_t phyid, bool up) = 0;
+    virtual DataPlane &plane() = 0;
     virtual Sent send(uint32_t phyid, const Bytes &frame) = 0;
-    virtual PortCounters counters(uint32_t phyid) = 0;
     virtual void advance(uint64_t delta_us) = 0;
 };
 
@@ -43,20 +43,17 @@ class SoftRig final : public Rig
         plane_.set_output([this](uint32_t phyid, std::span<const uint8_t> frame) {
             sent_.emplace_back(phyid, Bytes(frame.begin(), frame.end()));
         });
-        plane_.add_port(uplink, 1, true);
-        plane_.add_port(1, 1, false);
-        plane_.add_port(2, 1, false);
-        plane_.add_port(3, 7, false);
+        std::string why;
+        for (const PlanePort &port : ports_under_test) {
+            EXPECT_TRUE(plane_.add_port(port, why)) << why;
+        }
     }
-    Plane &plane() override { return plane_; }
-    void set_events(PlaneEvents *events) override { plane_.set_events(events); }
-    void set_link(uint32_t phyid, bool up) override { plane_.set_link(phyid, up); }
+    DataPlane &plane() override { return plane_; }
     Sent send(uint32_t phyid, const Bytes &frame) override
     {
         plane_.receive(phyid, Bytes(frame.begin(), frame.end())); // as large on the heap
         return std::exchange(sent_, {});
     }
-    PortCounters counters(uint32_t phyid) override { return plane_.counters(phyid); }
     void advance(uint64_t delta_us) override { loop_.advance(delta_us); }
 
   private:
@@ -93,7 +90,7 @@ class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneE
     void mac_seen(uint16_t vlan, const Mac &mac, uint32_t phyid) override { seen_.emplace_back(vlan, mac, phyid); }
 
   protected:
-    PlaneTest() { rig_->set_events(this); }
+    PlaneTest() { rig_->plane().set_events(this); }
 
     // Replaces the rules of an ACL, and what is bound to port 1.
     void install(Acl acl, const std::vector<Rule> &rules, uint8_t bound)

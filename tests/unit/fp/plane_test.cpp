@@ -27,7 +27,7 @@ TEST_P(PlaneTest, MacVlanRuleTagsUntaggedFramesOfItsDevices)
     install(Acl::mac_vlan, {voice_tag_rule(5)}, acl_bit(Acl::mac_vlan));
     EXPECT_EQ(tagged(phone, 100), through(1, untagged(phone)));
     EXPECT_EQ(tagged(phone, 0xb064), through(1, tagged(phone, 0xb000))); // priority tag, with DEI
-    EXPECT_EQ(2u, rig_->counters(1).tagged);
+    EXPECT_EQ(2u, rig_->plane().counters(1).tagged);
 
     Rule any_form = voice_tag_rule(5);
     any_form.form_mask = 0; // a tag has the last word even then
@@ -38,8 +38,8 @@ TEST_P(PlaneTest, MacVlanRuleTagsUntaggedFramesOfItsDevices)
 
     ASSERT_EQ(0, rig_->plane().set_rules(Acl::mac_vlan, {}));
     EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
-    EXPECT_EQ(2u, rig_->counters(1).tagged);
-    EXPECT_EQ(0u, rig_->counters(1).remarked);
+    EXPECT_EQ(2u, rig_->plane().counters(1).tagged);
+    EXPECT_EQ(0u, rig_->plane().counters(1).remarked);
 }
 
 TEST_P(PlaneTest, VoiceRuleMarksItsDevicesInTheVoiceVlan)
@@ -49,13 +49,13 @@ TEST_P(PlaneTest, VoiceRuleMarksItsDevicesInTheVoiceVlan)
 
     EXPECT_EQ(marked, through(1, tagged(phone, 0x1064)));
     EXPECT_EQ(marked, through(1, marked)); // counts, though nothing is left to change
-    EXPECT_EQ(2u, rig_->counters(1).remarked);
+    EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
 
     EXPECT_EQ(tagged(phone, 101), through(1, tagged(phone, 101)));
     EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
     EXPECT_EQ(tagged(phone, 100), through(2, tagged(phone, 100)));
     EXPECT_EQ(untagged(phone), through(1, untagged(phone))); // in VLAN 1
-    EXPECT_EQ(2u, rig_->counters(1).remarked);
+    EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
 
     ASSERT_EQ(0, rig_->plane().set_binding(1, 0));
     EXPECT_EQ(tagged(phone, 100), through(1, tagged(phone, 100)));
@@ -69,11 +69,11 @@ TEST_P(PlaneTest, MarksOnlyWhatTheFrameHas)
     install(Acl::security, {rule}, acl_bit(Acl::security));
     const Bytes arp = ethernet(broadcast, phone, {}, 0x0806, Bytes(28, 1));
     EXPECT_EQ(arp, through(1, arp));
-    EXPECT_EQ(0u, rig_->counters(1).remarked);
+    EXPECT_EQ(0u, rig_->plane().counters(1).remarked);
     EXPECT_EQ(ethernet(server, phone, {}, 0x0800, ipv4(46 << 2 | 1)), through(1, untagged(phone)));
     EXPECT_EQ(ethernet(server, phone, {}, 0x86dd, ipv6(46 << 2)),
               through(1, ethernet(server, phone, {}, 0x86dd, ipv6(0))));
-    EXPECT_EQ(2u, rig_->counters(1).remarked);
+    EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
 }
 
 TEST_P(PlaneTest, SecurityRuleJudgesOnlyWhatTheVoiceAclLeaves)
@@ -84,14 +84,14 @@ TEST_P(PlaneTest, SecurityRuleJudgesOnlyWhatTheVoiceAclLeaves)
 
     EXPECT_TRUE(through(1, tagged(stranger, 100)).empty());
     EXPECT_TRUE(through(2, tagged(phone, 100)).empty()); // no voice ACL there
-    EXPECT_EQ(1u, rig_->counters(1).dropped);
+    EXPECT_EQ(1u, rig_->plane().counters(1).dropped);
     EXPECT_FALSE(through(1, tagged(phone, 100)).empty());
     EXPECT_FALSE(through(1, tagged(stranger, 101)).empty());
     EXPECT_FALSE(through(3, tagged(stranger, 100)).empty());
 
     ASSERT_EQ(0, rig_->plane().set_rules(Acl::security, {}));
     EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
-    EXPECT_EQ(1u, rig_->counters(1).dropped);
+    EXPECT_EQ(1u, rig_->plane().counters(1).dropped);
 }
 
 TEST_P(PlaneTest, UntaggedVoiceFrameIsTaggedThenMarked)
@@ -151,7 +151,7 @@ TEST_P(PlaneTest, TrapCopiesFramesOfVoiceDevicesAsTheyCameIn)
     const std::vector<Trapped> expected = {
         {1, phone, untagged(phone)}, {1, phone, tagged(phone, 55)}, {2, phone, tagged(phone, 100)}};
     EXPECT_EQ(expected, trapped_);
-    EXPECT_EQ(2u, rig_->counters(1).trapped);
+    EXPECT_EQ(2u, rig_->plane().counters(1).trapped);
 
     ASSERT_EQ(0, rig_->plane().set_trap(1, false));
     through(1, untagged(phone));

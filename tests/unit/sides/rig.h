@@ -30,7 +30,8 @@ class Rig : public testing::Test
     {
         host::set_port_map(port_map);
         for (const host::PortId &port : port_map) {
-            plane.add_port(port.phyid, 1, false);
+            std::string why;
+            EXPECT_TRUE(plane.add_port({.phyid = port.phyid}, why)) << why;
         }
         fp::Rule voice;
         voice.id = 1;
