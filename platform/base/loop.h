@@ -24,6 +24,10 @@ class Loop
   public:
     virtual ~Loop() = default;
 
+    // Whether the clock goes by itself. On one that does not, time limits of
+    // other processes' answers have no meaning.
+    virtual bool has_real_clock() const { return true; }
+
     // Microseconds since the loop was made; never goes back.
     virtual uint64_t now_us() const = 0;
 

@@ -16,6 +16,7 @@ constexpr int answer_limit_ms = 10'000; // an expected answer that takes longer 
 class VirtualLoop final : public Loop
 {
   public:
+    bool has_real_clock() const override { return false; }
     uint64_t now_us() const override { return now_us_; }
     void post(std::function<void()> task) override { tasks_.push_back(std::move(task)); }
     LoopId add_timer(uint64_t delay_us, std::function<void()> task) override;

@@ -2,6 +2,10 @@
 
 #include "platform/mom/keys.h"
 #include "platform/mom/store_local.h"
+#ifdef VVLAN_REDIS
+#    include "platform/mom/store_redis.h"
+#    include "tests/support/redis_server.h"
+#endif
 
 #include <cstring>
 
@@ -9,6 +13,17 @@ namespace vvl::mom
 {
 namespace
 {
+
+#ifdef VVLAN_REDIS
+std::unique_ptr<Store> make_fresh_redis_store()
+{
+    static unsigned count = 0;
+    std::string why;
+    auto store = make_redis_store({test::shared_redis_server().address(), std::to_string(++count) + ":", {}}, why);
+    EXPECT_NE(store, nullptr) << why;
+    return store;
+}
+#endif
 
 std::string describe_message(const ProtobufCMessage &message, const std::string &fields)
 {
@@ -65,7 +80,12 @@ std::string describe(const tq_mom_record_t &record, bool is_field)
 
 const std::vector<StoreUnderTest> &stores_under_test()
 {
-    static const std::vector<StoreUnderTest> rows = {{"local", make_local_store}};
+    static const std::vector<StoreUnderTest> rows = {
+        {"local", make_local_store},
+#ifdef VVLAN_REDIS
+        {"redis", make_fresh_redis_store},
+#endif
+    };
     return rows;
 }
 

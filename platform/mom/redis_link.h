@@ -1,0 +1,178 @@
+// A session's link to one database of a Redis server: two connections, one for
+// requests and one for the channel of changes, merged into the one order that
+// store.h promises.
+//
+// Every reply carries the number of the last change before it, every change its
+// own. A reply is handed on when all changes up to its number have been, and a
+// change when all requests sent before it came are answered. A number that is
+// left out, a data set with another id, and a server that does not answer all
+// mean that the link is lost; it comes back by itself.
+#pragma once
+
+#include "platform/mom/redis_connection.h"
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vvl::mom
+{
+
+class RedisSentinels;
+
+// What all links of a store have in common.
+struct RedisServer {
+    RedisAddress address;
+    RedisCredentials credentials;
+    std::string prefix;
+};
+
+// Told from the loop, one after the other; any of these may destroy the link.
+struct RedisLinkEvents {
+    std::function<void()> up;                     // connected for the first time
+    std::function<void()> lost;                   // the link was up and is not
+    std::function<void(bool missed)> back;        // as SessionEvents::link_back
+    std::function<void(const Change &)> changed;  // of a watched type
+    std::function<void(uint64_t number)> told_of; // a reply carried this number; not from the loop
+};
+
+// Fields of a keyless object, as the server's functions write them: for each
+// "NUMBER SIZE\n" and its bytes. False where the text is something else.
+bool parse_redis_fields(std::string_view text, FieldMap &fields);
+
+class RedisLink
+{
+  public:
+    // server and loop outlive the link. name: of the session, for log lines.
+    RedisLink(Loop &loop, const RedisServer &server, uint32_t db, const std::string &name, RedisLinkEvents events);
+    ~RedisLink();
+    RedisLink(const RedisLink &) = delete;
+    RedisLink &operator=(const RedisLink &) = delete;
+
+    // Begins to connect, and keeps at it; nothing to do where it has begun.
+    void start();
+    bool is_up() const { return state_ == State::up; }
+    bool is_started() const { return state_ != State::idle; }
+    // Waits until the link is up, redis_answer_limit_ms at most.
+    bool wait_until_up();
+
+    // Fault injection: as Session::set_link.
+    void cut();
+    void restore();
+    bool is_cut() const { return state_ == State::cut; }
+
+    // ---- Requests ----
+
+    // The function's name without the library's, and what follows prefix and
+    // database. take reads the reply, an error too, and returns what is to be
+    // handed on in its turn (empty: nothing). Returns 0 or why it is refused.
+    using Taken = std::function<void()>;
+    using Take = std::function<Taken(const redisReply &reply)>;
+    int request(const char *function, const std::vector<std::string_view> &arguments, Take take);
+
+    // The same, waiting for the reply; what take returns is called from here.
+    int request_now(const char *function, const std::vector<std::string_view> &arguments, const Take &take);
+
+    // Changes of the type are handed on from the completion on.
+    int watch(const std::string &type, Done done);
+    int unwatch(const std::string &type, Done done);
+
+    // Runs the task from the loop, unless the link is gone by then.
+    void post(std::function<void()> task);
+
+    const std::string &name() const { return name_; } // "SESSION: database N", for log lines
+
+    // Somebody knows of a change with this number, so it is on its way here.
+    void expect_change(uint64_t number);
+
+  private:
+    enum class State { idle, connecting, up, waiting, cut };
+
+    struct Request {
+        bool answered = false;
+        uint64_t number = 0; // last change before it; known when it is answered
+        uint64_t sent_us = 0;
+        Taken taken;
+    };
+    struct Arrival {
+        uint64_t number;
+        uint64_t behind; // requests that were sent before it came
+        Change change;
+    };
+
+    // Connecting, in the order of the steps.
+    void connect();
+    void connect_to(const RedisEndpoint &endpoint);
+    void introduce();
+    void subscribe();
+    void read_state(const redisReply &reply);
+    void come_up(const std::string &data_set, uint64_t number);
+    void send_authentication(RedisConnection &connection);
+    void expect_good(const redisReply &reply, const char *step);
+
+    void fail(const std::string &why);
+    void drop(bool keep_changes);
+    void retry_later();
+    void look_after();
+    void arm_check();
+
+    void send_request(const char *function, const std::vector<std::string_view> &arguments,
+                      RedisConnection::OnReply on_reply);
+    void take_reply(uint64_t index, const redisReply &reply, const Take &take);
+    void take_message(const redisReply &reply);
+    bool take_change(std::string_view text);
+    void settle_expectations();
+    void hand_on_later();
+    void hand_on();
+    bool hand_on_next();
+    bool wait_for(const std::function<bool()> &done);
+
+    Loop &loop_;
+    const RedisServer &server_;
+    const uint32_t db_;
+    const std::string name_;
+    const std::string db_text_;
+    RedisLinkEvents events_;
+    State state_ = State::idle;
+    bool was_up_ = false;    // at least once
+    bool told_lost_ = false; // and not yet back
+    bool harmed_ = false;    // a request was refused or dropped since the link was lost
+    bool failure_logged_ = false;
+    uint32_t backoff_ms_ = 0;
+    uint64_t step_us_ = 0; // when connecting began, or something was heard last
+    LoopId retry_timer_ = 0;
+    LoopId check_timer_ = 0;
+    std::unique_ptr<RedisSentinels> sentinels_;
+    std::unique_ptr<RedisConnection> requests_;
+    std::unique_ptr<RedisConnection> changes_;
+    std::mt19937_64 random_;
+
+    // Which data set, run of the server and place in its line of changes.
+    std::string run_id_;        // as the server has just said
+    std::string run_id_before_; // when the link was up last
+    std::string data_set_;
+    uint64_t received_ = 0; // number of the last change that came
+    uint64_t known_ = 0;    // of the last one that is known to exist
+    uint64_t known_us_ = 0; // since when it is awaited
+
+    uint64_t replied_ = 0; // number of the last reply
+
+    std::deque<Request> sent_;
+    size_t unanswered_ = 0;    // of sent_
+    uint64_t first_index_ = 0; // of sent_'s first
+    std::deque<Arrival> arrivals_;
+    std::set<std::string> watched_;
+    bool hand_on_posted_ = false;
+    uint64_t turn_ = 0;     // moves on when the link is lost: what comes after must not overtake the news of it
+    bool checking_ = false; // a check of the data set is on its way
+    int expected_ = 0;      // answers that the loop was told to expect
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+} // namespace vvl::mom

@@ -1,0 +1,406 @@
+// Sessions on a Redis server: each request becomes one call of the function
+// library, each reply a completion; redis_link.h has connections and order.
+//
+// Values come from another process and are checked here as far as a store can:
+// their kind and their size. What does not pass is logged once with its key
+// and left out, so that one bad value costs one object.
+#include "platform/mom/store_redis.h"
+
+#include "platform/base/log.h"
+#include "platform/mom/redis_link.h"
+
+#include <hiredis/hiredis.h>
+
+#include <array>
+#include <set>
+#include <utility>
+
+namespace vvl::mom
+{
+namespace
+{
+
+constexpr size_t bad_values_logged_max = 256; // keys that are remembered as logged
+
+class RedisSession;
+
+class RedisStore final : public Store
+{
+  public:
+    explicit RedisStore(RedisServer server) : server_(std::move(server)) {}
+
+    std::unique_ptr<Session> open(Loop &loop, SessionEvents &events, const std::string &name) override;
+    void close(RedisSession *session) { std::erase(sessions_, session); }
+    // One session knows of a change: it is on its way to all of them.
+    void expect_change(uint32_t db, uint64_t number);
+    const RedisServer &server() const { return server_; }
+
+  private:
+    const RedisServer server_;
+    std::vector<RedisSession *> sessions_;
+};
+
+class RedisSession final : public Session
+{
+  public:
+    RedisSession(RedisStore &store, Loop &loop, SessionEvents &events, const std::string &name)
+        : store_(store), loop_(loop), events_(events), name_(name)
+    {
+    }
+    ~RedisSession() override { store_.close(this); }
+
+    void expect_change(uint32_t db, uint64_t number);
+
+    int connect_now(uint32_t db) override;
+    int connect(uint32_t db, std::function<void()> done) override;
+    int set_link(uint32_t db, bool up) override;
+    int write(const Name &name, const Value &value, WriteMode mode, Owner owner, Done done) override;
+    int remove(const Name &name, Owner owner, Done done) override;
+    int publish(const Name &name, const Value &value, Done done) override;
+    int read_now(const Name &name, std::optional<Value> &value) override;
+    int scan(uint32_t db, const std::string &type, Listed listed) override;
+    int scan_now(uint32_t db, const std::string &type, std::vector<Object> &objects) override;
+    int watch(uint32_t db, const std::string &type, Done done) override;
+    int unwatch(uint32_t db, const std::string &type, Done done) override;
+    int begin_cycle(uint32_t db, const std::string &type, Owner owner, uint64_t expiry, Done done) override;
+    int begin_cycle_now(uint32_t db, const std::string &type, Owner owner, uint64_t expiry) override;
+    int unmark(const Name &name, Done done) override;
+    int end_cycle(uint32_t db, const std::string &type, Owner owner, Done done) override;
+
+  private:
+    struct Database {
+        std::unique_ptr<RedisLink> link;            // made when it is first asked for
+        std::vector<std::function<void()>> waiting; // connect requests, in their order
+    };
+
+    RedisLink &link(uint32_t db);
+    bool usable(uint32_t db) const { return databases_[db].link != nullptr; }
+    void answer_waiting(uint32_t db);
+    int request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done);
+    int result_of(const RedisLink &link, const redisReply &reply, const char *function) const;
+    int let_in(int result);
+    std::vector<Object> read_objects(uint32_t db, const std::string &type, const redisReply &reply);
+    bool read_value(uint32_t db, const std::string &type, const std::string &key, const redisReply &reply,
+                    Value &value);
+
+    RedisStore &store_;
+    Loop &loop_;
+    SessionEvents &events_;
+    const std::string name_;
+    std::array<Database, database_count> databases_;
+    std::set<std::string> bad_values_logged_;
+};
+
+std::string owner_text(Owner owner)
+{
+    return owner ? std::to_string(*owner) : std::string();
+}
+
+std::unique_ptr<Session> RedisStore::open(Loop &loop, SessionEvents &events, const std::string &name)
+{
+    auto session = std::make_unique<RedisSession>(*this, loop, events, name);
+    sessions_.push_back(session.get());
+    return session;
+}
+
+void RedisStore::expect_change(uint32_t db, uint64_t number)
+{
+    for (RedisSession *session : sessions_) {
+        session->expect_change(db, number);
+    }
+}
+
+// ---- Connections ----
+
+RedisLink &RedisSession::link(uint32_t db)
+{
+    Database &database = databases_[db];
+    if (database.link == nullptr) {
+        RedisLinkEvents events;
+        events.up = [this, db] { answer_waiting(db); };
+        events.lost = [this, db] { events_.link_lost(db); };
+        events.back = [this, db](bool missed) {
+            // Whoever is told may end the session; the rest is a task of the link's.
+            answer_waiting(db);
+            events_.link_back(db, missed);
+        };
+        events.changed = [this](const Change &change) { events_.changed(change); };
+        events.told_of = [this, db](uint64_t number) { store_.expect_change(db, number); };
+        database.link = std::make_unique<RedisLink>(loop_, store_.server(), db, name_, std::move(events));
+    }
+    return *database.link;
+}
+
+void RedisSession::expect_change(uint32_t db, uint64_t number)
+{
+    if (usable(db)) {
+        databases_[db].link->expect_change(number);
+    }
+}
+
+// Each is answered by a task of its own, since an answer may end the session,
+// and the link may be cut before it.
+void RedisSession::answer_waiting(uint32_t db)
+{
+    for (size_t i = 0; i < databases_[db].waiting.size(); i++) {
+        link(db).post([this, db] {
+            auto &waiting = databases_[db].waiting;
+            if (link(db).is_up() && !waiting.empty()) {
+                const auto done = std::move(waiting.front());
+                waiting.erase(waiting.begin());
+                done();
+            }
+        });
+    }
+}
+
+int RedisSession::connect_now(uint32_t db)
+{
+    return link(db).wait_until_up() ? TQ_MOM_OK : TQ_MOM_E_UNREACHABLE;
+}
+
+int RedisSession::connect(uint32_t db, std::function<void()> done)
+{
+    databases_[db].waiting.push_back(std::move(done));
+    link(db).start();
+    if (link(db).is_up()) {
+        answer_waiting(db);
+    }
+    return let_in(TQ_MOM_OK);
+}
+
+int RedisSession::set_link(uint32_t db, bool up)
+{
+    if (!usable(db) || !link(db).is_started()) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    if (up) {
+        link(db).restore();
+    } else if (!link(db).is_cut()) {
+        link(db).cut();
+    }
+    return let_in(TQ_MOM_OK);
+}
+
+// ---- Requests ----
+
+int RedisSession::let_in(int result)
+{
+    if (result == TQ_MOM_OK) {
+        loop_.let_answers_in();
+    }
+    return result;
+}
+
+int RedisSession::result_of(const RedisLink &on, const redisReply &reply, const char *function) const
+{
+    if (reply.type != REDIS_REPLY_ERROR) {
+        return TQ_MOM_OK;
+    }
+    const std::string text(reply.str, static_cast<size_t>(reply.len));
+    if (text.find("VVLANFULL") != std::string::npos) {
+        return TQ_MOM_E_MEMORY;
+    }
+    log_line(LogLevel::error, on.name() + ": " + function + " refused: " + text);
+    return TQ_MOM_E_UNREACHABLE;
+}
+
+// Where the reply comes before this returns, as it does on a virtual clock, a
+// refusal is the call's own result.
+int RedisSession::request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done)
+{
+    if (!usable(db)) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    struct Outcome {
+        bool returned = false;
+        int result = TQ_MOM_OK;
+    };
+    auto outcome = std::make_shared<Outcome>();
+    auto take = [this, db, function, outcome, done = std::move(done)](const redisReply &reply) -> RedisLink::Taken {
+        const int result = result_of(*databases_[db].link, reply, function);
+        if (!outcome->returned && result != TQ_MOM_OK) {
+            outcome->result = result;
+            return {};
+        }
+        if (!done) {
+            return {};
+        }
+        return [done, result] { done(result); };
+    };
+    const int accepted = let_in(link(db).request(function, arguments, std::move(take)));
+    outcome->returned = true;
+    return accepted != TQ_MOM_OK ? accepted : outcome->result;
+}
+
+int RedisSession::write(const Name &name, const Value &value, WriteMode mode, Owner owner, Done done)
+{
+    const std::string holder = owner_text(owner);
+    if (!name.key.empty()) {
+        return request(name.db, "write", {name.type, name.key, holder, value.bytes}, std::move(done));
+    }
+    std::vector<std::string> numbers; // complete before anything refers into it
+    for (const auto &field : value.fields) {
+        numbers.push_back(std::to_string(field.first));
+    }
+    std::vector<std::string_view> arguments{name.type, holder, mode == WriteMode::replace ? "replace" : "merge"};
+    size_t next = 0;
+    for (const auto &field : value.fields) {
+        arguments.push_back(numbers[next++]);
+        arguments.push_back(field.second);
+    }
+    return request(name.db, "write_fields", arguments, std::move(done));
+}
+
+int RedisSession::remove(const Name &name, Owner owner, Done done)
+{
+    return request(name.db, "remove", {name.type, name.key, owner_text(owner)}, std::move(done));
+}
+
+int RedisSession::publish(const Name &name, const Value &value, Done done)
+{
+    std::string payload = value.bytes;
+    for (const auto &[number, bytes] : value.fields) {
+        payload += std::to_string(number) + " " + std::to_string(bytes.size()) + "\n" + bytes;
+    }
+    return request(name.db, "publish", {name.type, name.key, payload}, std::move(done));
+}
+
+int RedisSession::watch(uint32_t db, const std::string &type, Done done)
+{
+    return usable(db) ? let_in(link(db).watch(type, std::move(done))) : TQ_MOM_E_UNREACHABLE;
+}
+
+int RedisSession::unwatch(uint32_t db, const std::string &type, Done done)
+{
+    return usable(db) ? let_in(link(db).unwatch(type, std::move(done))) : TQ_MOM_E_UNREACHABLE;
+}
+
+int RedisSession::begin_cycle(uint32_t db, const std::string &type, Owner owner, uint64_t, Done done)
+{
+    return request(db, "begin", {type, owner_text(owner)}, std::move(done));
+}
+
+int RedisSession::begin_cycle_now(uint32_t db, const std::string &type, Owner owner, uint64_t)
+{
+    if (!usable(db)) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    int result = TQ_MOM_OK;
+    const int asked = link(db).request_now("begin", {type, owner_text(owner)}, [&](const redisReply &reply) {
+        result = result_of(link(db), reply, "begin");
+        return RedisLink::Taken();
+    });
+    return asked != TQ_MOM_OK ? asked : result;
+}
+
+int RedisSession::unmark(const Name &name, Done done)
+{
+    return request(name.db, "unmark", {name.type, name.key}, std::move(done));
+}
+
+int RedisSession::end_cycle(uint32_t db, const std::string &type, Owner owner, Done done)
+{
+    return request(db, "finish", {type, owner_text(owner)}, std::move(done));
+}
+
+// ---- Reading ----
+
+bool RedisSession::read_value(uint32_t db, const std::string &type, const std::string &key, const redisReply &reply,
+                              Value &value)
+{
+    const char *fault = nullptr;
+    if (reply.type != REDIS_REPLY_STRING) {
+        fault = "is no value of an object";
+    } else if (static_cast<size_t>(reply.len) > object_size_max) {
+        fault = "is larger than 65536 bytes";
+    } else if (key.empty() ? !parse_redis_fields({reply.str, static_cast<size_t>(reply.len)}, value.fields) : false) {
+        fault = "has fields that are none";
+    }
+    if (fault == nullptr) {
+        if (!key.empty()) {
+            value.bytes.assign(reply.str, static_cast<size_t>(reply.len));
+        }
+        return true;
+    }
+    const std::string name = type + (key.empty() ? "" : ":" + key);
+    if (bad_values_logged_.size() < bad_values_logged_max &&
+        bad_values_logged_.insert(std::to_string(db) + " " + name).second) {
+        log_line(LogLevel::error, databases_[db].link->name() + ": " + name + " " + fault + " and is passed over");
+    }
+    return false;
+}
+
+std::vector<Object> RedisSession::read_objects(uint32_t db, const std::string &type, const redisReply &reply)
+{
+    std::vector<Object> objects;
+    for (size_t i = 1; reply.type == REDIS_REPLY_ARRAY && i + 1 < reply.elements; i += 2) {
+        const redisReply &key = *reply.element[i];
+        Object object;
+        if (key.type == REDIS_REPLY_STRING) {
+            object.key.assign(key.str, static_cast<size_t>(key.len));
+            if (read_value(db, type, object.key, *reply.element[i + 1], object.value)) {
+                objects.push_back(std::move(object));
+            }
+        }
+    }
+    return objects;
+}
+
+int RedisSession::scan(uint32_t db, const std::string &type, Listed listed)
+{
+    if (!usable(db)) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    auto take = [this, db, type, listed = std::move(listed)](const redisReply &reply) -> RedisLink::Taken {
+        const int result = result_of(link(db), reply, "scan");
+        return
+            [listed, result, objects = read_objects(db, type, reply)]() mutable { listed(result, std::move(objects)); };
+    };
+    return let_in(link(db).request("scan", {type}, std::move(take)));
+}
+
+int RedisSession::scan_now(uint32_t db, const std::string &type, std::vector<Object> &objects)
+{
+    if (!usable(db)) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    int result = TQ_MOM_OK;
+    const int asked = link(db).request_now("scan", {type}, [&](const redisReply &reply) {
+        result = result_of(link(db), reply, "scan");
+        objects = read_objects(db, type, reply);
+        return RedisLink::Taken();
+    });
+    return asked != TQ_MOM_OK ? asked : result;
+}
+
+int RedisSession::read_now(const Name &name, std::optional<Value> &value)
+{
+    if (!usable(name.db)) {
+        return TQ_MOM_E_UNREACHABLE;
+    }
+    int result = TQ_MOM_OK;
+    auto take = [&](const redisReply &reply) {
+        result = result_of(link(name.db), reply, "read");
+        std::vector<Object> objects = read_objects(name.db, name.type, reply);
+        value = objects.empty() ? std::optional<Value>() : std::move(objects.front().value);
+        return RedisLink::Taken();
+    };
+    const int asked = link(name.db).request_now("read", {name.type, name.key}, take);
+    return asked != TQ_MOM_OK ? asked : result;
+}
+
+} // namespace
+
+std::unique_ptr<Store> make_redis_store(const RedisOptions &options, std::string &why)
+{
+    RedisServer server;
+    if (!parse_redis_address(options.address, server.address, why) || !check_redis_prefix(options.prefix, why) ||
+        (!options.credentials.empty() && !read_redis_credentials(options.credentials, server.credentials, why))) {
+        return nullptr;
+    }
+    server.prefix = options.prefix;
+    return std::make_unique<RedisStore>(std::move(server));
+}
+
+} // namespace vvl::mom

@@ -1,0 +1,129 @@
+// The server runs as a child that dies with its parent, so that no failed test
+// leaves one behind. It is ready when it answers PING, which it does not while
+// it reads its append-only file.
+#include "tests/support/redis_server.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+namespace vvl::test
+{
+namespace
+{
+
+constexpr auto ready_limit = std::chrono::seconds(10);
+
+std::vector<char *> argument_list(std::vector<std::string> &words)
+{
+    std::vector<char *> list;
+    for (std::string &word : words) {
+        list.push_back(word.data());
+    }
+    list.push_back(nullptr);
+    return list;
+}
+
+} // namespace
+
+RedisServer::RedisServer(std::vector<std::string> arguments) : arguments_(std::move(arguments))
+{
+    std::string pattern = std::filesystem::temp_directory_path() / "vvlan-redis-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("redis-server: no temporary folder");
+    }
+    folder_ = pattern;
+    start();
+}
+
+RedisServer::~RedisServer()
+{
+    kill();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+void RedisServer::start()
+{
+    std::vector<std::string> words = {"redis-server",   "--port",       "0",   "--unixsocket", socket(), "--dir",
+                                      folder_,          "--appendonly", "yes", "--save",       "",       "--logfile",
+                                      folder_ + "/log", "--daemonize",  "no"};
+    words.insert(words.end(), arguments_.begin(), arguments_.end());
+    std::vector<char *> list = argument_list(words);
+    pid_ = fork();
+    if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        execvp(list[0], list.data());
+        _exit(127);
+    }
+    const auto end = std::chrono::steady_clock::now() + ready_limit;
+    while (cli({"PING"}) != "PONG\n") {
+        if (waitpid(pid_, nullptr, WNOHANG) != 0 || std::chrono::steady_clock::now() > end) {
+            throw std::runtime_error("redis-server: does not answer; see " + folder_ + "/log");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+void RedisServer::kill()
+{
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        pid_ = 0;
+    }
+}
+
+void RedisServer::pause()
+{
+    ::kill(pid_, SIGSTOP);
+}
+
+void RedisServer::proceed()
+{
+    ::kill(pid_, SIGCONT);
+}
+
+std::string RedisServer::cli(const std::vector<std::string> &arguments) const
+{
+    std::vector<std::string> words = {"redis-cli", "-s", socket()};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char *> list = argument_list(words);
+    std::array<int, 2> out{};
+    if (pipe2(out.data(), O_CLOEXEC) != 0) {
+        throw std::runtime_error("redis-cli: no pipe");
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+        execvp(list[0], list.data());
+        _exit(127);
+    }
+    close(out[1]);
+    std::string text;
+    std::array<char, 4096> buffer{};
+    for (ssize_t size = 0; (size = read(out[0], buffer.data(), buffer.size())) > 0;) {
+        text.append(buffer.data(), static_cast<size_t>(size));
+    }
+    close(out[0]);
+    waitpid(child, nullptr, 0);
+    return text;
+}
+
+RedisServer &shared_redis_server()
+{
+    static RedisServer server;
+    return server;
+}
+
+} // namespace vvl::test
