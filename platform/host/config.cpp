@@ -135,7 +135,7 @@ bool parse_path(const Parser &parser, const std::string &value, std::string &pat
 
 constexpr Word<LogLevel> log_levels[] = {
     {"debug", LogLevel::debug}, {"info", LogLevel::info}, {"warn", LogLevel::warn}, {"error", LogLevel::error}};
-constexpr Word<StoreKind> store_kinds[] = {{"local", StoreKind::local}};
+constexpr Word<StoreKind> store_kinds[] = {{"local", StoreKind::local}, {"redis", StoreKind::redis}};
 constexpr Word<PlaneKind> plane_kinds[] = {{"soft", PlaneKind::soft}};
 constexpr Word<bool> port_roles[] = {{"access", false}, {"uplink", true}};
 
@@ -162,6 +162,24 @@ bool set_startup(Parser &parser, const std::string &value, std::string &why)
 bool set_store_kind(Parser &parser, const std::string &value, std::string &why)
 {
     return parse_word(value, store_kinds, parser.config.store, why);
+}
+
+// The options' own checks come with the store, when everything is known.
+bool set_store_address(Parser &parser, const std::string &value, std::string &)
+{
+    parser.config.redis.address = value;
+    return true;
+}
+
+bool set_store_prefix(Parser &parser, const std::string &value, std::string &)
+{
+    parser.config.redis.prefix = value;
+    return true;
+}
+
+bool set_credentials(Parser &parser, const std::string &value, std::string &why)
+{
+    return parse_path(parser, value, parser.config.redis.credentials, why);
 }
 
 bool set_plane_kind(Parser &parser, const std::string &value, std::string &why)
@@ -193,10 +211,17 @@ bool set_role(Parser &parser, const std::string &value, std::string &why)
 }
 
 constexpr Key key_table[] = {
-    {SectionKind::host, false, "module", set_module},     {SectionKind::host, false, "log-level", set_log_level},
-    {SectionKind::host, false, "log-file", set_log_file}, {SectionKind::host, false, "startup", set_startup},
-    {SectionKind::store, false, "kind", set_store_kind},  {SectionKind::plane, false, "kind", set_plane_kind},
-    {SectionKind::port, true, "phyid", set_phyid},        {SectionKind::port, false, "pvid", set_pvid},
+    {SectionKind::host, false, "module", set_module},
+    {SectionKind::host, false, "log-level", set_log_level},
+    {SectionKind::host, false, "log-file", set_log_file},
+    {SectionKind::host, false, "startup", set_startup},
+    {SectionKind::store, false, "kind", set_store_kind},
+    {SectionKind::store, false, "address", set_store_address},
+    {SectionKind::store, false, "prefix", set_store_prefix},
+    {SectionKind::store, false, "credentials", set_credentials},
+    {SectionKind::plane, false, "kind", set_plane_kind},
+    {SectionKind::port, true, "phyid", set_phyid},
+    {SectionKind::port, false, "pvid", set_pvid},
     {SectionKind::port, false, "role", set_role},
 };
 
@@ -313,6 +338,10 @@ bool Parser::set_key(const std::string &name, const std::string &value, std::str
 bool Parser::finish(std::string &why)
 {
     if (!close_section(why)) {
+        return false;
+    }
+    if (config.store == StoreKind::redis && config.redis.address.empty()) {
+        why = "[store]: kind = redis needs an 'address'";
         return false;
     }
     if (!seen.contains("host")) {

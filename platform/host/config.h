@@ -7,6 +7,7 @@
 
 #include "platform/base/log.h"
 #include "platform/host/switch.h"
+#include "platform/mom/store_redis.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -23,7 +24,7 @@ constexpr uint32_t phyid_max = 0xffffffff;      // 0 to this
 constexpr uint16_t pvid_max = 4094;             // 1 to this
 constexpr size_t config_path_length_max = 4095; // bytes of a path
 
-enum class StoreKind : uint8_t { local };
+enum class StoreKind : uint8_t { local, redis };
 enum class PlaneKind : uint8_t { soft };
 
 struct HostConfig {
@@ -32,6 +33,7 @@ struct HostConfig {
     std::string log_file; // empty: standard error
     std::string startup;  // operator commands to run at the start; empty: none
     StoreKind store = StoreKind::local;
+    mom::RedisOptions redis; // of StoreKind::redis
     PlaneKind plane = PlaneKind::soft;
 };
 

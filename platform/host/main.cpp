@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include <map>
+#include <memory>
 #include <string>
 
 using namespace vvl::host;
@@ -14,12 +15,33 @@ using namespace vvl::host;
 namespace
 {
 
+void add_store_options(CLI::App &command, std::string &store, std::string &prefix, std::string &credentials)
+{
+    command.add_option("--store", store, "Object store: local, redis://HOST:PORT, unix:PATH or sentinel://...");
+    command.add_option("--prefix", prefix, "Prefix of the switch's keys");
+    command.add_option("--credentials", credentials, "File with PASSWORD or USER PASSWORD");
+}
+
+void add_run_options(CLI::App &command, RunOptions &options)
+{
+    command.add_option("--config", options.config_file, "Configuration file")->required();
+    add_store_options(command, options.store, options.prefix, options.credentials);
+}
+
 void add_run(CLI::App &app, int &code)
 {
-    auto file = std::make_shared<std::string>();
+    auto options = std::make_shared<RunOptions>();
     CLI::App *run = app.add_subcommand("run", "Run a switch until SIGTERM or SIGINT");
-    run->add_option("--config", *file, "Configuration file")->required();
-    run->callback([file, &code] { code = run_daemon(*file); });
+    add_run_options(*run, *options);
+    run->add_option("--role", options->role, "Part of the switch that this process is")
+        ->check(CLI::IsMember({"all", "agent", "sides"}));
+    run->callback([options, &code] { code = run_daemon(*options); });
+
+    auto sides = std::make_shared<RunOptions>();
+    CLI::App *sides_run = app.add_subcommand("sides", "Run packet and bridge side: run --role sides");
+    add_run_options(*sides_run, *sides);
+    sides->role = "sides";
+    sides_run->callback([sides, &code] { code = run_daemon(*sides); });
 }
 
 void add_check_config(CLI::App &app, int &code)
@@ -37,6 +59,7 @@ void add_sim(CLI::App &app, int &code)
     auto color = std::make_shared<std::string>("auto");
     auto options = std::make_shared<SimOptions>();
     auto help_commands = std::make_shared<bool>(false);
+    auto redis = std::make_shared<vvl::mom::RedisOptions>();
     options->module = default_module_path();
 
     CLI::App *sim = app.add_subcommand("sim", "Play a scenario against a switch on a virtual clock");
@@ -46,14 +69,18 @@ void add_sim(CLI::App &app, int &code)
     sim->add_option("--color", *color, "Colour the output; auto: on a terminal")
         ->check(CLI::IsMember({"auto", "always", "never"}))
         ->capture_default_str();
+    add_store_options(*sim, redis->address, redis->prefix, redis->credentials);
     sim->add_flag("--help-commands", *help_commands, "List the commands of a scenario");
-    sim->callback([options, color, help_commands, &code] {
+    sim->callback([options, color, help_commands, redis, &code] {
         if (*help_commands) {
             print_sim_commands();
         } else if (options->scenario.empty()) {
             throw CLI::RequiredError("FILE");
         } else {
             options->color = colors.at(*color);
+            if (!redis->address.empty() && redis->address != "local") {
+                options->make_store = [redis](std::string &why) { return vvl::mom::make_redis_store(*redis, why); };
+            }
             code = run_sim(*options);
         }
     });

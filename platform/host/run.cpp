@@ -4,10 +4,11 @@
 // starts it again.
 #include "platform/host/run.h"
 
-#include "platform/host/config.h"
+#include "platform/fp/plane_soft.h"
 #include "platform/host/logging.h"
 #include "platform/host/startup.h"
 #include "platform/host/uv_loop.h"
+#include "platform/mom/store_local.h"
 
 #include <csignal>
 #include <cstdio>
@@ -42,11 +43,38 @@ bool read_input(const std::string &config_file, HostConfig &config, Startup &sta
            (config.startup.empty() || startup.read(config.startup, config.network.ports, why));
 }
 
+// Puts the command line's words over the file's.
+bool take_options(const RunOptions &options, HostConfig &config, std::string &why)
+{
+    if (!options.store.empty()) {
+        config.store = options.store == "local" ? StoreKind::local : StoreKind::redis;
+        config.redis.address = options.store;
+    }
+    if (!options.prefix.empty()) {
+        config.redis.prefix = options.prefix;
+    }
+    if (!options.credentials.empty()) {
+        config.redis.credentials = options.credentials;
+    }
+    config.network.has_agent = options.role != "sides";
+    config.network.has_sides = options.role != "agent";
+    const bool is_whole = config.network.has_agent && config.network.has_sides;
+    if (!is_whole && config.store == StoreKind::local) {
+        why = "role " + options.role + ": the local store lives in one process; a role of its own needs --store";
+        return false;
+    }
+    return true;
+}
+
 // Runs until it is told to stop; false where it could not start.
 bool run_switch(const HostConfig &config, const Startup &startup, std::string &why)
 {
     UvLoop loop;
-    Switch target(config.network, loop);
+    auto store = make_store(config, why);
+    if (store == nullptr) {
+        return false;
+    }
+    Switch target(config.network, loop, std::move(store), std::make_unique<fp::SoftPlane>(loop));
     if (!stop_on_signals(loop, why) || !target.start(why)) {
         return false;
     }
@@ -63,12 +91,17 @@ bool run_switch(const HostConfig &config, const Startup &startup, std::string &w
 
 } // namespace
 
-int run_daemon(const std::string &config_file)
+std::unique_ptr<mom::Store> make_store(const HostConfig &config, std::string &why)
+{
+    return config.store == StoreKind::local ? mom::make_local_store() : mom::make_redis_store(config.redis, why);
+}
+
+int run_daemon(const RunOptions &options)
 {
     HostConfig config;
     Startup startup;
     std::string why;
-    if (!read_input(config_file, config, startup, why)) {
+    if (!read_input(options.config_file, config, startup, why) || !take_options(options, config, why)) {
         return fail(exit_refused, why);
     }
     const auto logging = Logging::open({config.log_level, config.log_file, journal_is_listening()}, why);

@@ -1,6 +1,8 @@
 // The daemon: a configuration made into a running switch.
 #pragma once
 
+#include "platform/host/config.h"
+
 #include <string>
 
 namespace vvl::host
@@ -11,9 +13,21 @@ constexpr int exit_good = 0;
 constexpr int exit_failed = 1;  // what was asked for could not be done
 constexpr int exit_refused = 2; // the input was wrong, and nothing was done
 
+// What a command line says over the configuration file; empty: nothing.
+struct RunOptions {
+    std::string config_file;
+    std::string store; // "local", or an address of RedisOptions
+    std::string prefix;
+    std::string credentials;
+    std::string role; // "all", "agent" or "sides"
+};
+
 // Runs the switch of a configuration file until SIGTERM or SIGINT. A failure
 // before that is one line on standard error. Returns an exit code.
-int run_daemon(const std::string &config_file);
+int run_daemon(const RunOptions &options);
+
+// The store of a configuration. Null with the reason in why.
+std::unique_ptr<mom::Store> make_store(const HostConfig &config, std::string &why);
 
 // Checks a configuration file, with its start-up file, and says on standard output that it is good, or
 // on standard error what is wrong. Returns an exit code.

@@ -5,7 +5,7 @@
 
 #include "platform/base/log.h"
 #include "platform/host/services.h"
-#include "platform/mom/store_local.h"
+#include "platform/mom/store.h"
 #include "platform/sides/bridge_side.h"
 #include "platform/sides/fan_out.h"
 #include "platform/sides/packet_side.h"
@@ -30,7 +30,7 @@ std::vector<PortId> port_ids(const std::vector<SwitchPort> &ports)
 // The parts that listen to the plane. They are made anew for each start,
 // since a side starts only once.
 struct Sides {
-    Sides(mom::Store &store, Loop &loop, fp::SoftPlane &p)
+    Sides(mom::Store &store, Loop &loop, fp::DataPlane &p)
         : plane(p), packet(store, loop, p), bridge(store, loop, p), events({&packet, &bridge})
     {
     }
@@ -44,7 +44,7 @@ struct Sides {
         return packet.start(why) && bridge.start(why);
     }
 
-    fp::SoftPlane &plane;
+    fp::DataPlane &plane;
     sides::PacketSide packet;
     sides::BridgeSide bridge;
     sides::FanOut events;
@@ -53,13 +53,13 @@ struct Sides {
 } // namespace
 
 struct Switch::Impl {
-    Impl(SwitchConfig c, Loop &l)
-        : config(std::move(c)), loop(l), store(mom::make_local_store()), plane(l), manager(plane, l),
+    Impl(SwitchConfig c, Loop &l, std::unique_ptr<mom::Store> s, std::unique_ptr<fp::DataPlane> p)
+        : config(std::move(c)), loop(l), store(std::move(s)), plane(std::move(p)), manager(*plane, l),
           ids(port_ids(config.ports)), agent(l, *store, manager, ids, config.module)
     {
         for (const SwitchPort &port : config.ports) {
             std::string why;
-            if (!plane.add_port({port.phyid, port.pvid, port.uplink, {}}, why)) {
+            if (!plane->add_port({port.phyid, port.pvid, port.uplink, {}}, why)) {
                 log_line(LogLevel::error, why);
             }
         }
@@ -68,14 +68,18 @@ struct Switch::Impl {
     const SwitchConfig config;
     Loop &loop;
     std::unique_ptr<mom::Store> store;
-    fp::SoftPlane plane;
+    std::unique_ptr<fp::DataPlane> plane;
     fp::Manager manager;
     const std::vector<PortId> ids;
     Agent agent;
-    std::unique_ptr<Sides> sides; // null while the switch is stopped
+    std::unique_ptr<Sides> sides; // null while they do not run
+    bool running = false;
 };
 
-Switch::Switch(SwitchConfig config, Loop &loop) : impl_(std::make_unique<Impl>(std::move(config), loop)) {}
+Switch::Switch(SwitchConfig config, Loop &loop, std::unique_ptr<mom::Store> store, std::unique_ptr<fp::DataPlane> plane)
+    : impl_(std::make_unique<Impl>(std::move(config), loop, std::move(store), std::move(plane)))
+{
+}
 
 Switch::~Switch()
 {
@@ -84,22 +88,26 @@ Switch::~Switch()
 
 bool Switch::start(std::string &why)
 {
-    if (impl_->sides != nullptr) {
+    if (impl_->running) {
         why = "switch: it is running already";
         return false;
     }
-    impl_->sides = std::make_unique<Sides>(*impl_->store, impl_->loop, impl_->plane);
-    if (!impl_->sides->start(why) || !impl_->agent.load(why)) {
-        impl_->sides.reset();
-        return false;
+    if (impl_->config.has_sides) {
+        impl_->sides = std::make_unique<Sides>(*impl_->store, impl_->loop, *impl_->plane);
     }
-    return true;
+    impl_->running =
+        (impl_->sides == nullptr || impl_->sides->start(why)) && (!impl_->config.has_agent || impl_->agent.load(why));
+    if (!impl_->running) {
+        impl_->sides.reset();
+    }
+    return impl_->running;
 }
 
 void Switch::stop()
 {
     impl_->agent.unload();
     impl_->sides.reset();
+    impl_->running = false;
 }
 
 bool Switch::set_port_link(uint32_t ifx, bool up)
@@ -108,7 +116,7 @@ bool Switch::set_port_link(uint32_t ifx, bool up)
     if (port == nullptr) {
         return false;
     }
-    impl_->plane.set_link(port->phyid, up);
+    impl_->plane->set_link(port->phyid, up);
     if (!up && impl_->sides != nullptr) {
         impl_->sides->bridge.link_lost(port->phyid);
     }
@@ -138,9 +146,9 @@ mom::Store &Switch::store()
     return *impl_->store;
 }
 
-fp::SoftPlane &Switch::plane()
+fp::DataPlane &Switch::plane()
 {
-    return impl_->plane;
+    return *impl_->plane;
 }
 
 fp::Manager &Switch::manager()

@@ -1,5 +1,6 @@
-// A whole switch in one process: the object store, the forwarding plane with
-// its manager, the packet and bridge sides, and the agent that holds the module.
+// A switch in one process: the object store, the forwarding plane with its
+// manager, the packet and bridge sides, and the agent that holds the module.
+// Where the store is a process of its own, agent and sides can be so too.
 //
 // This is the only place where the parts are put together, so the daemon on
 // the real clock and the simulator on the virtual one run the same switch.
@@ -7,7 +8,7 @@
 
 #include "platform/base/loop.h"
 #include "platform/fp/manager.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/plane.h"
 #include "platform/host/agent.h"
 
 #include <cstdint>
@@ -33,6 +34,8 @@ struct SwitchPort {
 struct SwitchConfig {
     std::string module; // path of the module's shared object
     std::vector<SwitchPort> ports;
+    bool has_agent = true; // the module and the plane's manager
+    bool has_sides = true; // packet and bridge side
 };
 
 class Switch
@@ -40,7 +43,8 @@ class Switch
   public:
     // Makes the ports known to the plane; nothing runs yet. The loop outlives
     // the switch. One at a time in a process. config: ifx and phyid unique.
-    Switch(SwitchConfig config, Loop &loop);
+    // store and plane: as the process has chosen them.
+    Switch(SwitchConfig config, Loop &loop, std::unique_ptr<mom::Store> store, std::unique_ptr<fp::DataPlane> plane);
     ~Switch(); // stops
 
     Switch(const Switch &) = delete;
@@ -64,7 +68,7 @@ class Switch
     const SwitchConfig &config() const;
     Loop &loop();
     mom::Store &store();
-    fp::SoftPlane &plane();
+    fp::DataPlane &plane();
     fp::Manager &manager();
     Agent &agent();
 

@@ -26,6 +26,7 @@ constexpr auto ready_limit = std::chrono::seconds(10);
 std::vector<char *> argument_list(std::vector<std::string> &words)
 {
     std::vector<char *> list;
+    list.reserve(words.size() + 1);
     for (std::string &word : words) {
         list.push_back(word.data());
     }

@@ -124,7 +124,7 @@ constexpr CounterName counter_names[] = {
 
 bool expect_frames(CommandContext &context, const Arguments &args, std::string &why)
 {
-    const fp::PortCounters total = context.sim->network_switch().plane().total();
+    const fp::PortCounters total = context.sim->plane().total();
     const std::string &name = args["COUNTER"].text;
     const std::string &relation = args["=|>=|<="].text;
     const uint64_t wanted = args["COUNT"].number;

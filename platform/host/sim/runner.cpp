@@ -32,8 +32,10 @@ std::string resolve(const std::string &scenario, const std::string &file)
 
 } // namespace
 
-Simulation::Simulation(const Scenario &scenario, const SimOptions &options, bool color)
-    : scenario_(scenario), options_(options), timeline_(loop_, color), switch_(config_of(scenario, options), loop_),
+Simulation::Simulation(const Scenario &scenario, const SimOptions &options, std::unique_ptr<mom::Store> store,
+                       bool color)
+    : scenario_(scenario), options_(options), timeline_(loop_, color),
+      switch_(config_of(scenario, options), loop_, std::move(store), std::make_unique<fp::SoftPlane>(loop_)),
       operator_(switch_.store(), loop_), observer_(switch_.store(), loop_, timeline_)
 {
 }
@@ -66,8 +68,7 @@ bool Simulation::start(std::string &why)
         if (!writer_.open(options_.capture_out, why)) {
             return false;
         }
-        switch_.plane().set_output(
-            [this](uint32_t, std::span<const uint8_t> frame) { writer_.write(loop_.now_us(), frame); });
+        plane().set_output([this](uint32_t, std::span<const uint8_t> frame) { writer_.write(loop_.now_us(), frame); });
     }
     if (!operator_.connect(why) || !observer_.start(why)) {
         return false;
@@ -153,10 +154,9 @@ void Simulation::play_next(std::list<Playback>::iterator playback)
 
 void Simulation::receive(const Playback &playback)
 {
-    fp::SoftPlane &plane = switch_.plane();
-    const fp::PortCounters before = plane.counters(playback.phyid);
-    plane.receive(playback.phyid, playback.capture[playback.next].bytes);
-    const fp::PortCounters after = plane.counters(playback.phyid);
+    const fp::PortCounters before = plane().counters(playback.phyid);
+    plane().receive(playback.phyid, playback.capture[playback.next].bytes);
+    const fp::PortCounters after = plane().counters(playback.phyid);
     const std::string port = "port " + std::to_string(playback.ifx) + ": ";
     if (after.trapped > before.trapped && trapped_.insert(playback.ifx).second) {
         timeline_.add(LineKind::event, port + "first voice frame trapped");
@@ -241,7 +241,7 @@ void Simulation::show_tables()
 
 void Simulation::print_counts()
 {
-    const fp::PortCounters total = switch_.plane().total();
+    const fp::PortCounters total = plane().total();
     auto item = [](uint64_t count, const char *name) { return std::to_string(count) + " " + name; };
     Timeline::print("frames: " + item(total.in, "in, ") + item(total.out, "out, ") + item(total.trapped, "trapped, ") +
                     item(total.tagged, "tagged, ") + item(total.remarked, "remarked, ") +

@@ -7,12 +7,14 @@
 #pragma once
 
 #include "platform/base/virtual_loop.h"
+#include "platform/fp/plane_soft.h"
 #include "platform/host/sim/capture.h"
 #include "platform/host/sim/operator.h"
 #include "platform/host/sim/scenario.h"
 #include "platform/host/sim/sim.h"
 #include "platform/host/sim/timeline.h"
 #include "platform/host/switch.h"
+#include "platform/mom/store.h"
 
 #include <list>
 #include <set>
@@ -24,8 +26,9 @@ namespace vvl::host
 class Simulation
 {
   public:
-    // color: whether the timeline is coloured. scenario outlives the simulation.
-    Simulation(const Scenario &scenario, const SimOptions &options, bool color);
+    // store: that the switch meets in. color: whether the timeline is coloured.
+    // scenario and options outlive the simulation.
+    Simulation(const Scenario &scenario, const SimOptions &options, std::unique_ptr<mom::Store> store, bool color);
     ~Simulation();
     Simulation(const Simulation &) = delete;
     Simulation &operator=(const Simulation &) = delete;
@@ -49,6 +52,7 @@ class Simulation
     void show_tables();
 
     Switch &network_switch() { return switch_; }
+    fp::SoftPlane &plane() { return static_cast<fp::SoftPlane &>(switch_.plane()); }
     Observer &observer() { return observer_; }
 
   private:

@@ -5,6 +5,7 @@
 #include "platform/base/log.h"
 #include "platform/host/services.h"
 #include "platform/host/sim/runner.h"
+#include "platform/mom/store_local.h"
 
 #include <cstdio>
 #include <unistd.h>
@@ -59,11 +60,12 @@ int run_sim(const SimOptions &options)
     Scenario scenario;
     std::string why;
     int status = sim_done;
-    if (!read_scenario(options.scenario, grammar, scenario, why)) {
+    std::unique_ptr<mom::Store> store = options.make_store ? options.make_store(why) : mom::make_local_store();
+    if (store == nullptr || !read_scenario(options.scenario, grammar, scenario, why)) {
         status = sim_bad_scenario;
     } else {
         const QuietLogs quiet;
-        Simulation simulation(scenario, options, use_color(options.color));
+        Simulation simulation(scenario, options, std::move(store), use_color(options.color));
         status = simulation.run(why) ? sim_done : sim_failed;
     }
     std::fflush(stdout);

@@ -6,6 +6,10 @@
 // output byte for byte.
 #pragma once
 
+#include "platform/mom/store.h"
+
+#include <functional>
+#include <memory>
 #include <string>
 
 namespace vvl::host
@@ -18,6 +22,8 @@ struct SimOptions {
     std::string module;      // path of the module's shared object
     std::string capture_out; // path of a capture for the frames that leave; empty: none
     SimColor color = SimColor::automatic;
+    // Makes the object store; empty: one in this process. Null with the reason in why.
+    std::function<std::unique_ptr<mom::Store>(std::string &why)> make_store;
 };
 
 // What run_sim returns, for use as the process's exit status.

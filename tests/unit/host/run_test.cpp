@@ -10,6 +10,13 @@ using namespace vvl::host;
 namespace
 {
 
+int run_file(const std::string &config_file)
+{
+    RunOptions options;
+    options.config_file = config_file;
+    return run_daemon(options);
+}
+
 class RunTest : public testing::Test
 {
   protected:
@@ -36,7 +43,7 @@ class RunTest : public testing::Test
 
 TEST_F(RunTest, a_signal_ends_a_run_in_good_order)
 {
-    EXPECT_EQ(run(run_daemon, "module_ends", "vlan 100 on # the voice VLAN\n\nport 1 auto\n"), "");
+    EXPECT_EQ(run(run_file, "module_ends", "vlan 100 on # the voice VLAN\n\nport 1 auto\n"), "");
     EXPECT_EQ(code, exit_good);
     EXPECT_NE(log().find("running, 1 ports"), std::string::npos) << log();
     EXPECT_NE(log().find("tick 1"), std::string::npos) << log();
@@ -46,7 +53,7 @@ TEST_F(RunTest, a_signal_ends_a_run_in_good_order)
 
 TEST_F(RunTest, a_fault_in_the_startup_file_stops_everything_before_it_begins)
 {
-    for (auto *command : {run_daemon, check_config}) {
+    for (auto *command : {run_file, check_config}) {
         const std::string said = run(command, "module_ends", "vlan 100 on\nport 2 auto\n");
         EXPECT_EQ(code, exit_refused);
         EXPECT_EQ(said.find("vvland: " + file("startup.vv") + ":2: "), 0u) << said;
@@ -57,7 +64,7 @@ TEST_F(RunTest, a_fault_in_the_startup_file_stops_everything_before_it_begins)
 
 TEST_F(RunTest, a_module_that_cannot_be_loaded_is_logged_and_ends_the_run)
 {
-    run(run_daemon, "no_such_module", "");
+    run(run_file, "no_such_module", "");
     EXPECT_EQ(code, exit_failed);
     EXPECT_NE(log().find("no_such_module.so: cannot open shared object file"), std::string::npos) << log();
 }

@@ -1,7 +1,9 @@
 // The switch as a whole: starting, stopping and starting again.
 #include "platform/base/virtual_loop.h"
+#include "platform/fp/plane_soft.h"
 #include "platform/host/services.h"
 #include "platform/host/switch.h"
+#include "platform/mom/store_local.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +19,8 @@ TEST(Switch, starts_again_after_a_stop_and_goes_while_it_runs)
     set_zlog_sink({[&](const ZlogLine &line) { lines.push_back(line.text); }, {}});
     VirtualLoop loop;
     {
-        Switch target({MODULE_DIR "/module_good.so", {{1, 0x101, 1, false}}}, loop);
+        Switch target({MODULE_DIR "/module_good.so", {{1, 0x101, 1, false}}}, loop, mom::make_local_store(),
+                      std::make_unique<fp::SoftPlane>(loop));
         std::string why;
         for (int round = 0; round < 2; round++) {
             ASSERT_TRUE(target.start(why)) << why;
