@@ -6,7 +6,8 @@
  *
  * Rules that hold for every operation:
  * - Objects, keys and templates given to the store are read during the call
- *   only. Objects given to a callback live until it returns.
+ *   only. Objects given to a callback live until it returns,
+ *   and are not the callback's to change.
  * - Callbacks come from the event loop, one at a time, never from inside the
  *   call that caused them; the _sync operations are the exception. Order
  *   within a database is kept.

@@ -52,14 +52,17 @@ void Delivery::send_plain(const Receiver &to, int32_t operate, int32_t phase, in
     send(to, {operate, nullptr, phase, error});
 }
 
-void Delivery::send_message(const Receiver &to, int32_t operate, MessagePtr message)
+void Delivery::send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message)
 {
-    send(to, {operate, message.get(), TQ_MOM_RECORD, TQ_MOM_OK});
+    // Records are the same for all callbacks, which must not change them.
+    send(to, {operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK});
 }
 
-void Delivery::send_hash(const Receiver &to, int32_t operate, MessagePtr message, std::vector<uint32_t> fields)
+void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message,
+                         std::vector<uint32_t> fields)
 {
-    tq_mom_hash_t hash{message.get(), fields.data(), static_cast<uint32_t>(fields.size()), TQ_MOM_OK};
+    tq_mom_hash_t hash{const_cast<ProtobufCMessage *>(&message), fields.data(), static_cast<uint32_t>(fields.size()),
+                       TQ_MOM_OK};
     send(to, {operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK});
 }
 

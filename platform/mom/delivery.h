@@ -39,8 +39,8 @@ class Delivery
 
     // Each calls the receiver once. The client may be gone when they return.
     void send_plain(const Receiver &to, int32_t operate, int32_t phase, int32_t error);
-    void send_message(const Receiver &to, int32_t operate, MessagePtr message);
-    void send_hash(const Receiver &to, int32_t operate, MessagePtr message, std::vector<uint32_t> fields);
+    void send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message);
+    void send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message, std::vector<uint32_t> fields);
 
     ClientCounters counters;
 

@@ -289,7 +289,8 @@ int Front::scan(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Recei
         return result;
     }
     Match match(*request.type, *request.message, flags);
-    auto deliver = [db, type = request.type, match, to](Front &front, int result, const std::vector<Object> &objects) {
+    auto deliver = [db, type = request.type, match, to](Front &front, int result,
+                                                        const std::shared_ptr<Snapshot> &snapshot) {
         const uint64_t epoch = front.databases_[db].epoch;
         // No end record after a failure: whoever got one would take what it
         // has seen for everything there is, and sweep the rest.
@@ -297,7 +298,7 @@ int Front::scan(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Recei
             front.delivery_.send_plain(to, TQ_MOM_SET, TQ_MOM_RECORD, result);
             return;
         }
-        front.deliver_objects(db, *type, match, objects, to);
+        front.deliver_objects(db, *type, match, *snapshot, to);
         if (front.going(db, epoch)) {
             front.delivery_.send_plain(to, TQ_MOM_SET, TQ_MOM_SCAN_OVER, TQ_MOM_OK);
         }
@@ -311,37 +312,56 @@ int Front::scan_sync(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, 
     if (const int result = read_match(db, tmpl, flags, to, request); result != TQ_MOM_OK) {
         return result;
     }
-    std::vector<Object> objects;
-    const int result = session_->scan_now(db, request.name.type, objects);
+    Snapshot snapshot;
+    const int result = session_->scan_now(db, request.name.type, snapshot.objects);
     if (result == TQ_MOM_OK) {
-        deliver_objects(db, *request.type, Match(*request.type, *request.message, flags), objects, to);
+        deliver_objects(db, *request.type, Match(*request.type, *request.message, flags), snapshot, to);
     }
     return result;
 }
 
-void Front::deliver_objects(uint32_t db, const ObjectType &type, const Match &match, const std::vector<Object> &objects,
-                            Receiver to)
+Front::Decoded &Front::decode(uint32_t db, const ObjectType &type, Snapshot &snapshot)
+{
+    if (snapshot.made == nullptr) {
+        auto decoded = std::make_shared<Decoded>();
+        decoded->messages.reserve(snapshot.objects.size());
+        for (const Object &object : snapshot.objects) {
+            decoded->messages.push_back(delivery_.build(type, db, object));
+        }
+        snapshot.made = decoded;
+    }
+    return *static_cast<Decoded *>(snapshot.made.get());
+}
+
+// Whoever has scanned an object counts as having been told of it, so it is
+// remembered before anybody is called: the callbacks change subscriptions.
+void Front::deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to)
 {
     const uint64_t epoch = databases_[db].epoch;
-    for (const Object &object : objects) {
+    Decoded &decoded = decode(db, type, snapshot);
+    for (size_t i = 0; i < snapshot.objects.size(); i++) {
+        const Object &object = snapshot.objects[i];
+        const ProtobufCMessage *message = decoded.messages[i].get();
+        if (message == nullptr || !match.matches(*message)) {
+            continue;
+        }
         if (!going(db, epoch)) {
             return;
         }
-        MessagePtr message = delivery_.build(type, db, object);
-        if (!message || !match.matches(*message)) {
-            continue;
+        if (decoded.remembered != subscription_changes_) {
+            remember(db, type, *message, object);
         }
-        remember(db, type, *message, object);
         if (type.key != nullptr) {
-            delivery_.send_message(to, TQ_MOM_SET, std::move(message));
+            delivery_.send_message(to, TQ_MOM_SET, *message);
             continue;
         }
         std::vector<uint32_t> fields;
         for (const auto &field : object.value.fields) {
             fields.push_back(field.first);
         }
-        delivery_.send_hash(to, TQ_MOM_HSET, std::move(message), std::move(fields));
+        delivery_.send_hash(to, TQ_MOM_HSET, *message, std::move(fields));
     }
+    decoded.remembered = subscription_changes_;
 }
 
 // ---- Data-sync cycles ----

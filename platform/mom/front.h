@@ -118,8 +118,15 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     }
     bool going(uint32_t db, uint64_t epoch) const { return session_ && databases_[db].epoch == epoch; }
 
-    void deliver_objects(uint32_t db, const ObjectType &type, const Match &match, const std::vector<Object> &objects,
-                         Receiver to);
+    // What the receivers of a snapshot share: its objects as messages (null:
+    // malformed), and the list of subscriptions that remember them.
+    struct Decoded {
+        std::vector<MessagePtr> messages;
+        uint64_t remembered = 0; // subscription_changes_ of that list; 0: none
+    };
+
+    Decoded &decode(uint32_t db, const ObjectType &type, Snapshot &snapshot);
+    void deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to);
     void remember(uint32_t db, const ObjectType &type, const ProtobufCMessage &message, const Object &object);
 
     SubscriptionPtr find_subscription(const Subscription &wanted) const;
@@ -133,6 +140,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     Delivery delivery_;
     std::unique_ptr<Session> session_; // null once the client has ended
     std::array<Database, database_count> databases_;
+    uint64_t subscription_changes_ = 1;          // moves on with each change of the list
     std::vector<SubscriptionPtr> subscriptions_; // in the order in which they were made first
 };
 

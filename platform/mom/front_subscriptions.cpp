@@ -65,6 +65,7 @@ int Front::add_subscription(Subscription wanted)
         find_missed_deletions(subscription);
     } else {
         subscriptions_.push_back(subscription);
+        subscription_changes_++;
     }
     return TQ_MOM_OK;
 }
@@ -146,6 +147,7 @@ int Front::unsubscribe(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags
             subscription->ended = true;
         }
         subscriptions_ = std::move(kept);
+        subscription_changes_++;
     }
     return result;
 }
@@ -183,9 +185,9 @@ void Front::find_missed_deletions(const SubscriptionPtr &subscription)
         log_line(LogLevel::warn,
                  name + ": missed deletions of " + type + " are not made good, result " + std::to_string(result));
     };
-    auto listed = [subscription, report](Front &front, int result, const std::vector<Object> &present) {
+    auto listed = [subscription, report](Front &front, int result, const std::shared_ptr<Snapshot> &present) {
         if (result == TQ_MOM_OK) {
-            front.make_good_deletions(subscription, present);
+            front.make_good_deletions(subscription, present->objects);
         } else {
             report(result);
         }
@@ -252,14 +254,14 @@ void Front::deliver_change(const SubscriptionPtr &subscription, const Change &ch
     }
     MessagePtr message = delivery_.build(*subscription->type, change.name.db, {change.name.key, change.value});
     if (change.kind == ChangeKind::published) {
-        delivery_.send_message(subscription->to, TQ_MOM_PUBLISH, std::move(message));
+        delivery_.send_message(subscription->to, TQ_MOM_PUBLISH, *message);
         return;
     }
     subscription->delivered[change.name.key] = change.value.bytes;
     if (change.kind == ChangeKind::fields_set) {
-        delivery_.send_hash(subscription->to, TQ_MOM_HSET, std::move(message), change.fields);
+        delivery_.send_hash(subscription->to, TQ_MOM_HSET, *message, change.fields);
     } else {
-        delivery_.send_message(subscription->to, TQ_MOM_SET, std::move(message));
+        delivery_.send_message(subscription->to, TQ_MOM_SET, *message);
     }
 }
 
@@ -277,9 +279,9 @@ void Front::deliver_removal(const SubscriptionPtr &subscription, const std::stri
         return;
     }
     if (subscription->field != 0) {
-        delivery_.send_hash(subscription->to, TQ_MOM_DEL, std::move(message), std::move(fields));
+        delivery_.send_hash(subscription->to, TQ_MOM_DEL, *message, std::move(fields));
     } else {
-        delivery_.send_message(subscription->to, TQ_MOM_DEL, std::move(message));
+        delivery_.send_message(subscription->to, TQ_MOM_DEL, *message);
     }
 }
 

@@ -50,6 +50,7 @@ RedisLink::RedisLink(Loop &loop, const RedisServer &server, uint32_t db, const s
 RedisLink::~RedisLink()
 {
     state_ = State::idle;
+    events_.dropped = [] {}; // the session may be half gone
     drop(false);
     loop_.cancel_timer(retry_timer_);
     loop_.cancel_timer(check_timer_);
@@ -250,6 +251,7 @@ void RedisLink::drop(bool keep_changes)
     harmed_ = harmed_ || unanswered_ > 0;
     first_index_ += sent_.size();
     sent_.clear();
+    events_.dropped();
     unanswered_ = 0;
     turn_++;
     hand_on_posted_ = false;

@@ -39,6 +39,7 @@ struct RedisLinkEvents {
     std::function<void()> lost;                   // the link was up and is not
     std::function<void(bool missed)> back;        // as SessionEvents::link_back
     std::function<void(const Change &)> changed;  // of a watched type
+    std::function<void()> dropped;                // requests on their way end without an answer; not from the loop
     std::function<void(uint64_t number)> told_of; // a reply carried this number; not from the loop
 };
 

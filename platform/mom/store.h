@@ -71,7 +71,16 @@ using Owner = std::optional<uint64_t>;
 
 // result: 0 or a code of tq_mom.h.
 using Done = std::function<void(int result)>;
-using Listed = std::function<void(int result, std::vector<Object> objects)>;
+
+// The objects of a type at one point. Scans that waited at the same time may
+// share one, and with it what a receiver has made of it; a receiver changes
+// nothing but made.
+struct Snapshot {
+    std::vector<Object> objects;
+    std::shared_ptr<void> made; // the receivers'; null at first
+};
+// The snapshot is null where the result is not 0.
+using Listed = std::function<void(int result, const std::shared_ptr<Snapshot> &snapshot)>;
 
 enum class WriteMode {
     replace, // the object is the value, whole

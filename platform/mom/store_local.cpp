@@ -10,6 +10,7 @@
 #include "platform/mom/store_local_objects.h"
 
 #include <array>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -72,12 +73,15 @@ class LocalSession final : public Session
     void post(uint32_t db, std::function<void()> task);
     void post_always(std::function<void()> task);
     void post_connected(uint32_t db);
+    std::shared_ptr<Snapshot> snapshot_of(uint32_t db, const std::string &type);
 
     LocalStore &store_;
     Loop &loop_;
     SessionEvents &events_;
     // Shared with posted tasks, which hold it weakly: gone, they are silent.
     std::shared_ptr<Links> links_ = std::make_shared<Links>();
+    // The last snapshot of each type, and the store's change count at it.
+    std::map<std::pair<uint32_t, std::string>, std::pair<uint64_t, std::weak_ptr<Snapshot>>> snapshots_;
 };
 
 std::unique_ptr<Session> LocalStore::open(Loop &loop, SessionEvents &events, const std::string &)
@@ -226,14 +230,27 @@ int LocalSession::read_now(const Name &name, std::optional<Value> &value)
     return TQ_MOM_OK;
 }
 
+// Scans with no change between them share a snapshot for as long as one of them
+// is on its way.
+std::shared_ptr<Snapshot> LocalSession::snapshot_of(uint32_t db, const std::string &type)
+{
+    auto &[change_count, last] = snapshots_[{db, type}];
+    std::shared_ptr<Snapshot> snapshot = last.lock();
+    if (!snapshot || change_count != store_.objects.change_count()) {
+        snapshot = std::make_shared<Snapshot>(Snapshot{store_.objects.list(db, type), {}});
+        change_count = store_.objects.change_count();
+        last = snapshot;
+    }
+    return snapshot;
+}
+
 int LocalSession::scan(uint32_t db, const std::string &type, Listed listed)
 {
-    std::vector<Object> objects;
-    const int result = scan_now(db, type, objects);
-    if (result == TQ_MOM_OK) {
-        post(db, [listed = std::move(listed), objects = std::move(objects)] { listed(TQ_MOM_OK, objects); });
+    if (!reachable(db)) {
+        return TQ_MOM_E_UNREACHABLE;
     }
-    return result;
+    post(db, [listed = std::move(listed), snapshot = snapshot_of(db, type)] { listed(TQ_MOM_OK, snapshot); });
+    return TQ_MOM_OK;
 }
 
 int LocalSession::scan_now(uint32_t db, const std::string &type, std::vector<Object> &objects)

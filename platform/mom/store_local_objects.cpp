@@ -58,6 +58,7 @@ int LocalObjects::write(const Name &name, const Value &value, WriteMode mode, Ow
         stored.unowned = true;
     }
     change.value = stored.value;
+    change_count_++;
     tell_(std::move(change));
     return TQ_MOM_OK;
 }
@@ -70,6 +71,7 @@ LocalObjects::Table::iterator LocalObjects::erase(const Name &name, Table &objec
     change.fields = fields_touched(object->second.value.fields, {}, WriteMode::replace);
     auto next = objects.erase(object);
     databases_[name.db].object_count--;
+    change_count_++;
     tell_(std::move(change));
     return next;
 }

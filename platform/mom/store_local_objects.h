@@ -29,6 +29,8 @@ class LocalObjects
     void unmark(const Name &name);
     void sweep(uint32_t db, const std::string &type, Owner owner);
 
+    uint64_t change_count() const { return change_count_; } // of objects, in any database
+
   private:
     struct Stored {
         Value value;
@@ -48,6 +50,7 @@ class LocalObjects
     Table::iterator erase(const Name &name, Table &objects, Table::iterator object);
 
     std::function<void(Change)> tell_;
+    uint64_t change_count_ = 0;
     std::array<Database, database_count> databases_;
 };
 

@@ -12,6 +12,7 @@
 #include <hiredis/hiredis.h>
 
 #include <array>
+#include <map>
 #include <set>
 #include <utility>
 
@@ -68,9 +69,17 @@ class RedisSession final : public Session
     int end_cycle(uint32_t db, const std::string &type, Owner owner, Done done) override;
 
   private:
+    // Scans of one type. Those that come while a read is on its way wait for
+    // the next one, which serves all of them.
+    struct Scans {
+        bool reading = false;
+        std::vector<Listed> waiting;
+    };
     struct Database {
         std::unique_ptr<RedisLink> link;            // made when it is first asked for
         std::vector<std::function<void()>> waiting; // connect requests, in their order
+        std::map<std::string, Scans> scans;         // by type
+        uint64_t drops = 0;                         // how often requests on their way were dropped
     };
 
     RedisLink &link(uint32_t db);
@@ -79,6 +88,7 @@ class RedisSession final : public Session
     int request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done);
     int result_of(const RedisLink &link, const redisReply &reply, const char *function) const;
     int let_in(int result);
+    int read_for_scans(uint32_t db, const std::string &type);
     std::vector<Object> read_objects(uint32_t db, const std::string &type, const redisReply &reply);
     bool read_value(uint32_t db, const std::string &type, const std::string &key, const redisReply &reply,
                     Value &value);
@@ -89,6 +99,7 @@ class RedisSession final : public Session
     const std::string name_;
     std::array<Database, database_count> databases_;
     std::set<std::string> bad_values_logged_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 std::string owner_text(Owner owner)
@@ -126,6 +137,10 @@ RedisLink &RedisSession::link(uint32_t db)
         };
         events.changed = [this](const Change &change) { events_.changed(change); };
         events.told_of = [this, db](uint64_t number) { store_.expect_change(db, number); };
+        events.dropped = [this, db] {
+            databases_[db].scans.clear();
+            databases_[db].drops++;
+        };
         database.link = std::make_unique<RedisLink>(loop_, store_.server(), db, name_, std::move(events));
     }
     return *database.link;
@@ -349,15 +364,38 @@ std::vector<Object> RedisSession::read_objects(uint32_t db, const std::string &t
 
 int RedisSession::scan(uint32_t db, const std::string &type, Listed listed)
 {
-    if (!usable(db)) {
+    if (!usable(db) || !link(db).is_up()) {
         return TQ_MOM_E_UNREACHABLE;
     }
-    auto take = [this, db, type, listed = std::move(listed)](const redisReply &reply) -> RedisLink::Taken {
+    Scans &scans = databases_[db].scans[type];
+    scans.waiting.push_back(std::move(listed));
+    return scans.reading ? TQ_MOM_OK : let_in(read_for_scans(db, type));
+}
+
+// Reads for all scans of the type that wait now.
+int RedisSession::read_for_scans(uint32_t db, const std::string &type)
+{
+    Scans &scans = databases_[db].scans[type];
+    auto served = std::make_shared<std::vector<Listed>>(std::exchange(scans.waiting, {}));
+    scans.reading = true;
+    return link(db).request("scan", {type}, [this, db, type, served](const redisReply &reply) -> RedisLink::Taken {
         const int result = result_of(link(db), reply, "scan");
-        return
-            [listed, result, objects = read_objects(db, type, reply)]() mutable { listed(result, std::move(objects)); };
-    };
-    return let_in(link(db).request("scan", {type}, std::move(take)));
+        auto snapshot = std::make_shared<Snapshot>(Snapshot{read_objects(db, type, reply), {}});
+        databases_[db].scans[type].reading = false;
+        if (!databases_[db].scans[type].waiting.empty()) {
+            read_for_scans(db, type);
+        }
+        return [this, db, served, result, snapshot] {
+            // Any of them may end the session or cut the link.
+            const std::weak_ptr<bool> still = alive_;
+            const uint64_t drops = databases_[db].drops;
+            for (const Listed &each : *served) {
+                if (!still.expired() && drops == databases_[db].drops) {
+                    each(result, result == TQ_MOM_OK ? snapshot : nullptr);
+                }
+            }
+        };
+    });
 }
 
 int RedisSession::scan_now(uint32_t db, const std::string &type, std::vector<Object> &objects)

@@ -1,11 +1,16 @@
 // Plays scenarios with the real program, each in a process of its own.
 #include "tests/scenario/temp_folder.h"
 
+#ifdef VVLAN_REDIS
+#    include "tests/support/redis_server.h"
+#endif
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <sstream>
 #include <vector>
 
 namespace vvl
@@ -32,9 +37,9 @@ std::string last_line(const std::string &text)
 class Player
 {
   public:
-    Outcome play(const std::string &scenario) const
+    Outcome play(const std::string &scenario, const std::string &options = "") const
     {
-        const std::string command = std::string(VVLAND_COMMAND) + " sim '" + scenario + "' --out '" +
+        const std::string command = std::string(VVLAND_COMMAND) + " sim '" + scenario + "' " + options + " --out '" +
                                     folder.path("out.pcap") + "' >'" + folder.path("out") + "' 2>'" +
                                     folder.path("errors") + "'";
         const int status = std::system(command.c_str());
@@ -92,6 +97,34 @@ TEST_P(Example, RunsAsItSaysAndTheSameTwice)
     EXPECT_EQ(first.out, second.out);
     EXPECT_EQ(first.frames, second.frames);
 }
+
+#ifdef VVLAN_REDIS
+// What happens at one time may come in another order from a server.
+std::vector<std::string> sorted_lines(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    std::ranges::sort(lines);
+    return lines;
+}
+
+TEST_P(Example, GivesTheSameTablesAndFramesOnRedis)
+{
+    if (!fs::exists("/usr/share/sip-tester/g711a.pcap")) {
+        GTEST_SKIP() << "needs the captures of the package sip-tester";
+    }
+    test::RedisServer server;
+    const Player player;
+    const Outcome here = player.play(GetParam());
+    const Outcome there = player.play(GetParam(), "--store " + server.address() + " --prefix sw1:");
+    EXPECT_EQ(there.status, 0) << there.errors;
+    EXPECT_EQ(sorted_lines(there.out), sorted_lines(here.out));
+    EXPECT_EQ(there.frames, here.frames);
+}
+#endif
 
 INSTANTIATE_TEST_SUITE_P(All, Example, testing::ValuesIn(example_files()), [](const auto &example) {
     std::string name = fs::path(example.param).stem().string();

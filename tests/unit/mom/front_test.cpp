@@ -70,7 +70,7 @@ class LateFailure final : public Store, public Session
     int read_now(const Name &, std::optional<Value> &) override { return TQ_MOM_E_UNREACHABLE; }
     int scan(uint32_t, const std::string &, Listed listed) override
     {
-        return fail([listed = std::move(listed)](int result) { listed(result, {}); });
+        return fail([listed = std::move(listed)](int result) { listed(result, nullptr); });
     }
     int scan_now(uint32_t, const std::string &, std::vector<Object> &) override { return TQ_MOM_E_UNREACHABLE; }
     int watch(uint32_t, const std::string &, Done done) override { return fail(std::move(done)); }
