@@ -83,9 +83,10 @@ int publish(void *ctx, uint32_t db, const ProtobufCMessage *object)
     return call(ctx, [&](Front &front) { return front.publish(db, object); });
 }
 
-int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count)
+int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count,
+               tq_mom_callback_t callback, void *user)
 {
-    return call(ctx, [&](Front &front) { return front.set_fields(db, object, fields, count); });
+    return call(ctx, [&](Front &front) { return front.set_fields(db, object, fields, count, {callback, user}); });
 }
 
 int refuse_request(void *ctx, uint32_t db, uint32_t number)

@@ -50,8 +50,9 @@ ClientCounters counters(void *ctx);
 int publish(void *ctx, uint32_t db, const ProtobufCMessage *object);
 
 // Writes the named fields of a keyless object, default values included, and
-// leaves the others alone.
-int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count);
+// leaves the others alone. callback as of tq_mom_set.
+int set_fields(void *ctx, uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count,
+               tq_mom_callback_t callback = nullptr, void *user = nullptr);
 
 // Cuts the client's connection to a database (up false) or lets it come back.
 // While it is cut, operations answer TQ_MOM_E_UNREACHABLE and nothing is

@@ -222,7 +222,7 @@ int Front::set(uint32_t db, const ProtobufCMessage *object, Owner owner, Receive
     return session_->write(request.name, value, WriteMode::replace, owner, answer(to, TQ_MOM_SET, TQ_MOM_NOTHING));
 }
 
-int Front::set_fields(uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count)
+int Front::set_fields(uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count, Receiver to)
 {
     Request request;
     if (const int result = read_template(db, object, request); result != TQ_MOM_OK) {
@@ -240,7 +240,7 @@ int Front::set_fields(uint32_t db, const ProtobufCMessage *object, const uint32_
         // A field that was not packed has its default value: an empty entry.
         value.fields[fields[i]] = given[fields[i]];
     }
-    return session_->write(request.name, value, WriteMode::merge, {}, {});
+    return session_->write(request.name, value, WriteMode::merge, {}, answer(to, TQ_MOM_SET, TQ_MOM_NOTHING));
 }
 
 int Front::del(uint32_t db, const ProtobufCMessage *object, Owner owner, Receiver to)

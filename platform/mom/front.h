@@ -69,7 +69,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     int end_cycle(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Owner owner, Receiver to);
 
     int publish(uint32_t db, const ProtobufCMessage *object);
-    int set_fields(uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count);
+    int set_fields(uint32_t db, const ProtobufCMessage *object, const uint32_t *fields, uint32_t count, Receiver to);
     int set_link(uint32_t db, bool up);
     int refuse_request(uint32_t db, uint32_t number);
 

@@ -29,12 +29,6 @@ bool succeed(int rv, const std::string &object, std::string &why)
     return false;
 }
 
-bool write_field(tq_global_t *client, const PBridge__VvlanGlbCfg &config, uint32_t field, const char *name,
-                 std::string &why)
-{
-    return succeed(mom::set_fields(client, db_config, &config.base, &field, 1), name, why);
-}
-
 } // namespace
 
 Operator::Operator(mom::Store &store, Loop &loop) : store_(store), loop_(loop) {}
@@ -56,6 +50,25 @@ bool Operator::connect(std::string &why)
     return succeed(rv, "database " + std::to_string(db_config), why);
 }
 
+int Operator::on_answer(void *, tq_mom_record_t *record, void *user)
+{
+    auto &self = *static_cast<Operator *>(user);
+    self.answered_++;
+    self.refused_ += record->error != 0;
+    return 0;
+}
+
+bool Operator::sent(int rv, const std::string &object, std::string &why)
+{
+    sent_ += rv == 0;
+    return succeed(rv, object, why);
+}
+
+bool Operator::write_field(const ProtobufCMessage &config, uint32_t field, const char *name, std::string &why)
+{
+    return sent(mom::set_fields(&client_, db_config, &config, &field, 1, on_answer, this), name, why);
+}
+
 bool Operator::set_vlan(uint32_t vlan, bool on, std::string &why)
 {
     PBridge__VvlanEn glb_switch = P_BRIDGE__VVLAN_EN__INIT;
@@ -63,21 +76,21 @@ bool Operator::set_vlan(uint32_t vlan, bool on, std::string &why)
     glb_switch.vlan = vlan;
     glb_switch.enable = on ? 1 : 0;
     config.glb_switch = &glb_switch;
-    return write_field(&client_, config, field_switch, "voice VLAN", why);
+    return write_field(config.base, field_switch, "voice VLAN", why);
 }
 
 bool Operator::set_security(bool on, std::string &why)
 {
     PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
     config.secu_mode = on ? 1 : 0;
-    return write_field(&client_, config, field_security, "security mode", why);
+    return write_field(config.base, field_security, "security mode", why);
 }
 
 bool Operator::set_age(uint32_t minutes, std::string &why)
 {
     PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
     config.age_time = minutes;
-    return write_field(&client_, config, field_age, "aging time", why);
+    return write_field(config.base, field_age, "aging time", why);
 }
 
 bool Operator::set_qos(uint32_t cos, uint32_t dscp, std::string &why)
@@ -87,7 +100,7 @@ bool Operator::set_qos(uint32_t cos, uint32_t dscp, std::string &why)
     qos.cos = cos;
     qos.dscp = dscp;
     config.qos = &qos;
-    return write_field(&client_, config, field_qos, "priority", why);
+    return write_field(config.base, field_qos, "priority", why);
 }
 
 bool Operator::set_oui(const Mac &mac, const Mac &mask, bool present, std::string &why)
@@ -103,9 +116,9 @@ bool Operator::set_oui(const Mac &mac, const Mac &mask, bool present, std::strin
     index.mac = &mac_part;
     index.mask = &mask_part;
     oui.index = &index;
-    const int rv = present ? tq_mom_set(&client_, db_config, &oui.base, nullptr, nullptr)
-                           : tq_mom_del(&client_, db_config, &oui.base, nullptr, nullptr);
-    return succeed(rv, "OUI " + oui_text(mac, mask), why);
+    const int rv = present ? tq_mom_set(&client_, db_config, &oui.base, on_answer, this)
+                           : tq_mom_del(&client_, db_config, &oui.base, on_answer, this);
+    return sent(rv, "OUI " + oui_text(mac, mask), why);
 }
 
 bool Operator::set_port(uint32_t ifx, bool enabled, bool automatic, std::string &why)
@@ -116,8 +129,8 @@ bool Operator::set_port(uint32_t ifx, bool enabled, bool automatic, std::string 
     port.index = &index;
     port.enable = enabled ? 1 : 0;
     port.mode = automatic ? 1 : 0;
-    const int rv = tq_mom_set(&client_, db_config, &port.base, nullptr, nullptr);
-    return succeed(rv, "port " + std::to_string(ifx), why);
+    const int rv = tq_mom_set(&client_, db_config, &port.base, on_answer, this);
+    return sent(rv, "port " + std::to_string(ifx), why);
 }
 
 bool Operator::delete_port(uint32_t ifx, std::string &why)
@@ -126,8 +139,8 @@ bool Operator::delete_port(uint32_t ifx, std::string &why)
     PBridge__VvlanPortCfg port = P_BRIDGE__VVLAN_PORT_CFG__INIT;
     index.ifx = ifx;
     port.index = &index;
-    const int rv = tq_mom_del(&client_, db_config, &port.base, nullptr, nullptr);
-    return succeed(rv, "port " + std::to_string(ifx), why);
+    const int rv = tq_mom_del(&client_, db_config, &port.base, on_answer, this);
+    return sent(rv, "port " + std::to_string(ifx), why);
 }
 
 bool Operator::port_is_automatic(uint32_t ifx)

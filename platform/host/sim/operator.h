@@ -40,11 +40,24 @@ class Operator
     // The mode that the port's configuration holds: automatic where it has none.
     bool port_is_automatic(uint32_t ifx);
 
+    // Writes that the store has accepted and not yet answered, and those that it
+    // answered with a refusal. Where the connection is lost, what was on its way
+    // stays unanswered.
+    size_t unanswered() const { return sent_ - answered_; }
+    size_t refused() const { return refused_; }
+
   private:
+    static int on_answer(void *ctx, tq_mom_record_t *record, void *user);
+    bool sent(int rv, const std::string &object, std::string &why);
+    bool write_field(const ProtobufCMessage &config, uint32_t field, const char *name, std::string &why);
+
     mom::Store &store_;
     Loop &loop_;
     tq_global_t client_{};
     bool attached_ = false;
+    size_t sent_ = 0;
+    size_t answered_ = 0;
+    size_t refused_ = 0;
 };
 
 // The rows that need CommandContext::op, and the types that they use.

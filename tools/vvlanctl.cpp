@@ -1,0 +1,223 @@
+// The control side: writes configuration to the object store and shows what is
+// there, as a process of its own beside the switch.
+//
+// Every line is checked before the first one is written, and the program ends
+// well only when the store has answered for each of them.
+#include "platform/host/run.h"
+#include "platform/host/sim/command.h"
+#include "platform/host/sim/operator.h"
+#include "platform/host/uv_loop.h"
+#include "platform/mom/keys.h"
+#include "platform/mom/store_redis.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+using namespace vvl;
+using namespace vvl::host;
+
+namespace
+{
+
+constexpr uint64_t answer_limit_us = 5'000'000; // for the store's answers to all lines
+constexpr uint32_t db_config = 4;
+
+struct Line {
+    std::string where; // "FILE:LINE" or the line itself
+    Command command;
+};
+
+int fail(int code, const std::string &why)
+{
+    std::fprintf(stderr, "vvlanctl: %s\n", why.c_str());
+    return code;
+}
+
+Grammar operator_grammar()
+{
+    Grammar grammar;
+    grammar.rows.assign(operator_commands().begin(), operator_commands().end());
+    grammar.types.assign(operator_types().begin(), operator_types().end());
+    return grammar; // without ports: any number is one
+}
+
+bool read_line(const Grammar &grammar, const std::string &where, const std::string &text, std::vector<Line> &lines,
+               std::string &why)
+{
+    Line line{where, {}};
+    std::string reason;
+    if (!parse_command(grammar, text, line.command, reason)) {
+        why = where + ": " + reason;
+        return false;
+    }
+    if (line.command.row != nullptr) {
+        lines.push_back(std::move(line));
+    }
+    return true;
+}
+
+bool read_file(const Grammar &grammar, const std::string &file, std::vector<Line> &lines, std::string &why)
+{
+    std::ifstream stream;
+    if (file != "-") {
+        stream.open(file);
+        if (!stream) {
+            why = file + ": cannot be opened";
+            return false;
+        }
+    }
+    std::istream &input = file == "-" ? std::cin : stream;
+    std::string text;
+    for (unsigned number = 1; std::getline(input, text); number++) {
+        if (!read_line(grammar, file + ":" + std::to_string(number), text, lines, why)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Runs the loop until the store has answered for every line, or the limit.
+void wait_for_answers(UvLoop &loop, const Operator &op)
+{
+    bool late = false;
+    loop.add_timer(answer_limit_us, [&late] { late = true; });
+    std::function<void()> look = [&] {
+        if (op.unanswered() == 0 || late) {
+            loop.stop();
+        } else {
+            loop.add_timer(1000, look);
+        }
+    };
+    loop.post(look);
+    loop.run();
+}
+
+int write_lines(mom::Store &store, const std::vector<Line> &lines)
+{
+    UvLoop loop;
+    Operator op(store, loop);
+    std::string why;
+    if (!op.connect(why)) {
+        return fail(exit_failed, why);
+    }
+    CommandContext context;
+    context.op = &op;
+    for (const Line &line : lines) {
+        if (!line.command.row->run(context, line.command.args, why)) {
+            return fail(exit_failed, line.where + ": " + why);
+        }
+    }
+    wait_for_answers(loop, op);
+    if (op.unanswered() != 0 || op.refused() != 0) {
+        return fail(exit_failed, "of " + std::to_string(lines.size()) + " lines the store refused " +
+                                     std::to_string(op.refused()) + " and left " + std::to_string(op.unanswered()) +
+                                     " unanswered");
+    }
+    return exit_good;
+}
+
+// The numbers of a message, those of its parts below their names. The key is
+// left out: it is the object's name already.
+void print_numbers(const ProtobufCMessage &message, const ProtobufCFieldDescriptor *key, int indent)
+{
+    for (unsigned i = 0; i < message.descriptor->n_fields; i++) {
+        const ProtobufCFieldDescriptor &field = message.descriptor->fields[i];
+        if (&field == key || field.label == PROTOBUF_C_LABEL_REPEATED) {
+            continue;
+        }
+        if (field.type == PROTOBUF_C_TYPE_UINT32) {
+            std::printf("%*s%s %u\n", indent, "", field.name, mom::get_member<uint32_t>(message, field));
+        } else if (field.type == PROTOBUF_C_TYPE_MESSAGE) {
+            if (const auto *part = mom::get_member<const ProtobufCMessage *>(message, field); part != nullptr) {
+                std::printf("%*s%s\n", indent, "", field.name);
+                print_numbers(*part, nullptr, indent + 4);
+            }
+        }
+    }
+}
+
+void print_object(const std::string &type, const mom::Object &object)
+{
+    std::printf("%s%s%s\n", type.c_str(), object.key.empty() ? "" : " ", object.key.c_str());
+    const mom::ObjectType *known = mom::find_type(type);
+    std::string bytes = object.value.bytes;
+    const bool whole = !object.key.empty() || mom::join_fields(object.value.fields, bytes);
+    if (const mom::MessagePtr message = whole ? mom::unpack(*known, bytes) : nullptr; message != nullptr) {
+        print_numbers(*message, known->key, 4);
+    } else {
+        std::printf("    malformed\n");
+    }
+}
+
+class NoEvents final : public mom::SessionEvents
+{
+    void link_lost(uint32_t) override {}
+    void link_back(uint32_t, bool) override {}
+    void changed(const mom::Change &) override {}
+};
+
+int show(mom::Store &store)
+{
+    static constexpr std::pair<uint32_t, const char *> shown[] = {{db_config, "p_bridge.vvlan_glb_cfg"},
+                                                                  {db_config, "p_bridge.vvlan_oui_cfg"},
+                                                                  {db_config, "p_bridge.vvlan_port_cfg"},
+                                                                  {db_config, "p_bridge.vvlan_port_auto"}};
+    UvLoop loop;
+    NoEvents events;
+    const auto session = store.open(loop, events, "vvlanctl");
+    for (const auto &[db, type] : shown) {
+        std::vector<mom::Object> objects;
+        if (session->connect_now(db) != 0 || session->scan_now(db, type, objects) != 0) {
+            return fail(exit_failed, "database " + std::to_string(db) + ": the store cannot be reached");
+        }
+        for (const mom::Object &object : objects) {
+            print_object(type, object);
+        }
+    }
+    return exit_good;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App app("Configuration of a voice VLAN, in its object store", "vvlanctl");
+    mom::RedisOptions options;
+    std::vector<std::string> words;
+    std::string file;
+    app.add_option("--store", options.address, "redis://HOST:PORT, unix:PATH or sentinel://HOST:PORT,.../NAME")
+        ->required();
+    app.add_option("--prefix", options.prefix, "Prefix of the switch's keys");
+    app.add_option("--credentials", options.credentials, "File with PASSWORD or USER PASSWORD");
+    app.require_subcommand(1);
+    CLI::App *set = app.add_subcommand("set", "Carry out an operator's line: set vlan 100 on");
+    set->add_option("LINE", words)->required();
+    CLI::App *load = app.add_subcommand("load", "Carry out the lines of a file; -: of standard input");
+    load->add_option("FILE", file)->required();
+    app.add_subcommand("show", "Show the configuration, and which ports have joined");
+    app.add_subcommand("help-lines", "List the operator's lines");
+    CLI11_PARSE(app, argc, argv);
+
+    const Grammar grammar = operator_grammar();
+    if (app.got_subcommand("help-lines")) {
+        std::fputs(command_help(grammar).c_str(), stdout);
+        return exit_good;
+    }
+    std::string why;
+    std::vector<Line> lines;
+    const std::string text = CLI::detail::join(words, " ");
+    if ((*set && !read_line(grammar, text, text, lines, why)) || (*load && !read_file(grammar, file, lines, why))) {
+        return fail(exit_refused, why);
+    }
+    const auto store = mom::make_redis_store(options, why);
+    if (store == nullptr) {
+        return fail(exit_refused, why);
+    }
+    return app.got_subcommand("show") ? show(*store) : write_lines(*store, lines);
+}
