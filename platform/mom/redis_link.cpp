@@ -190,7 +190,7 @@ void RedisLink::read_state(const redisReply &reply)
     const auto number = static_cast<uint64_t>(reply.element[0]->integer);
     if (state_ == State::connecting) {
         come_up(id, number);
-    } else if (id != data_set_ || number < received_) {
+    } else if (id != data_set_ || number < replied_) {
         fail("the data set was replaced");
     }
 }
@@ -216,7 +216,7 @@ void RedisLink::come_up(const std::string &data_set, uint64_t number)
             watched_.clear();
         }
         log_line(LogLevel::info, name_ + " is back, " + (missed ? "changes may have been missed" : "nothing missed"));
-        post([this, missed] { events_.back(missed); });
+        events_.back(missed);
     }
 }
 
@@ -239,6 +239,9 @@ void RedisLink::fail(const std::string &why)
         post([this] { events_.lost(); });
     }
     retry_later();
+    if (was_up) {
+        events_.failed();
+    }
 }
 
 // Ends both connections. Requests on their way are never answered; changes that

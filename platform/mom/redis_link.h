@@ -37,7 +37,8 @@ struct RedisServer {
 struct RedisLinkEvents {
     std::function<void()> up;                     // connected for the first time
     std::function<void()> lost;                   // the link was up and is not
-    std::function<void(bool missed)> back;        // as SessionEvents::link_back
+    std::function<void()> failed;                 // the same, at once and not from the loop
+    std::function<void(bool missed)> back;        // it is up again, as SessionEvents::link_back; not from the loop
     std::function<void(const Change &)> changed;  // of a watched type
     std::function<void()> dropped;                // requests on their way end without an answer; not from the loop
     std::function<void(uint64_t number)> told_of; // a reply carried this number; not from the loop
@@ -62,6 +63,9 @@ class RedisLink
     bool is_started() const { return state_ != State::idle; }
     // Waits until the link is up, redis_answer_limit_ms at most.
     bool wait_until_up();
+
+    // Gives the connection up and reconnects, as after a failure.
+    void fail(const std::string &why);
 
     // Fault injection: as Session::set_link.
     void cut();
@@ -117,7 +121,6 @@ class RedisLink
     void send_authentication(RedisConnection &connection);
     void expect_good(const redisReply &reply, const char *step);
 
-    void fail(const std::string &why);
     void drop(bool keep_changes);
     void retry_later();
     void look_after();

@@ -79,12 +79,16 @@ class RedisSession final : public Session
         std::unique_ptr<RedisLink> link;            // made when it is first asked for
         std::vector<std::function<void()>> waiting; // connect requests, in their order
         std::map<std::string, Scans> scans;         // by type
+        bool is_back = false;                       // and nobody has been told
+        bool missed = false;                        // of that return
         uint64_t drops = 0;                         // how often requests on their way were dropped
     };
 
     RedisLink &link(uint32_t db);
     bool usable(uint32_t db) const { return databases_[db].link != nullptr; }
     void answer_waiting(uint32_t db);
+    void fail_all();
+    void tell_returns();
     int request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done);
     int result_of(const RedisLink &link, const redisReply &reply, const char *function) const;
     int let_in(int result);
@@ -128,12 +132,16 @@ RedisLink &RedisSession::link(uint32_t db)
     Database &database = databases_[db];
     if (database.link == nullptr) {
         RedisLinkEvents events;
-        events.up = [this, db] { answer_waiting(db); };
-        events.lost = [this, db] { events_.link_lost(db); };
-        events.back = [this, db](bool missed) {
-            // Whoever is told may end the session; the rest is a task of the link's.
+        events.up = [this, db] {
             answer_waiting(db);
-            events_.link_back(db, missed);
+            tell_returns(); // of others, which this one may have kept waiting
+        };
+        events.lost = [this, db] { events_.link_lost(db); };
+        events.failed = [this] { fail_all(); };
+        events.back = [this, db](bool missed) {
+            databases_[db].is_back = true;
+            databases_[db].missed |= missed;
+            link(db).post([this] { tell_returns(); });
         };
         events.changed = [this](const Change &change) { events_.changed(change); };
         events.told_of = [this, db](uint64_t number) { store_.expect_change(db, number); };
@@ -166,6 +174,42 @@ void RedisSession::answer_waiting(uint32_t db)
                 done();
             }
         });
+    }
+}
+
+// What has befallen one database has befallen the server of all. Losing them
+// together spares the client a time in which some of them work.
+void RedisSession::fail_all()
+{
+    for (Database &database : databases_) {
+        if (database.link != nullptr) {
+            database.link->fail("another database of this client was lost");
+        }
+    }
+}
+
+// A client that is told of a return goes to work with all of its databases, so
+// it is told when the last one is there. Those that are cut do not count.
+void RedisSession::tell_returns()
+{
+    for (const Database &database : databases_) {
+        if (database.link != nullptr && database.link->is_started() && !database.link->is_cut() &&
+            !database.link->is_up()) {
+            return;
+        }
+    }
+    // One that has missed changes counts for all: the client resynchronises its
+    // databases together or not at all. Whoever is told may end the session.
+    const std::weak_ptr<bool> still = alive_;
+    bool missed = false;
+    for (Database &database : databases_) {
+        missed |= std::exchange(database.missed, false);
+    }
+    for (uint32_t db = 0; db < database_count && !still.expired(); db++) {
+        if (std::exchange(databases_[db].is_back, false)) {
+            answer_waiting(db);
+            events_.link_back(db, missed);
+        }
     }
 }
 

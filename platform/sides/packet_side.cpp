@@ -134,7 +134,7 @@ void PacketSide::set_trap(uint32_t ifx, bool on)
         return;
     }
     if (auto found = traps_.find(phyid); found != traps_.end()) {
-        found->second = true;
+        found->second = 0;
         return;
     }
     if (traps_.size() >= trap_count_max) {
@@ -148,7 +148,7 @@ void PacketSide::set_trap(uint32_t ifx, bool on)
                                       std::to_string(rv) + ")");
         return;
     }
-    traps_.emplace(phyid, true);
+    traps_.emplace(phyid, 0);
 }
 
 void PacketSide::clear_trap(uint32_t phyid)
@@ -166,7 +166,7 @@ void PacketSide::clear_trap(uint32_t phyid)
 void PacketSide::voice_trapped(uint32_t phyid, const Mac &, std::span<const uint8_t>)
 {
     auto found = traps_.find(phyid);
-    if (found == traps_.end() || !found->second) {
+    if (found == traps_.end() || loop_.now_us() < found->second) {
         return;
     }
     SBridge__VvlanIndex index = S_BRIDGE__VVLAN_INDEX__INIT;
@@ -179,7 +179,7 @@ void PacketSide::voice_trapped(uint32_t phyid, const Mac &, std::span<const uint
         return;
     }
     counters_.published++;
-    found->second = false;
+    found->second = loop_.now_us() + renotify_interval_us;
 }
 
 } // namespace vvl::sides

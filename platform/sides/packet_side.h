@@ -3,8 +3,10 @@
 // While the trap object of a port (u_bridge.vvlan_port_cfg, database 8) is in
 // the store, the plane copies the port's voice frames here, and the first of
 // them is published as s_bridge.vvlan_port_noty in database 0. Publishing each
-// frame would flood the store at line rate, so a port stays silent until its
-// trap object is set again.
+// frame would flood the store at line rate, so a port stays silent then until
+// its trap object is set again. A notification is not stored, though, and may
+// find nobody who listens, as while the agent is restarted; so a port whose
+// trap object still stands after renotify_interval_us is notified again.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -18,6 +20,7 @@
 namespace vvl::sides
 {
 
+constexpr uint64_t renotify_interval_us = 5'000'000;
 constexpr size_t trap_count_max = 4096; // trapped ports; a further one is refused, logged and counted
 
 struct PacketCounters {
@@ -64,7 +67,7 @@ class PacketSide final : public fp::PlaneEvents
     Loop &loop_;
     tq_global_t client_{};
     bool attached_ = false;
-    std::map<uint32_t, bool> traps_; // by phyid; true: the next voice frame is published
+    std::map<uint32_t, uint64_t> traps_; // by phyid; loop time from which on a voice frame is published
     PacketCounters counters_;
 };
 

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -36,13 +37,19 @@ std::vector<char *> argument_list(std::vector<std::string> &words)
 
 } // namespace
 
-RedisServer::RedisServer(std::vector<std::string> arguments) : arguments_(std::move(arguments))
+RedisServer::RedisServer(std::vector<std::string> arguments, const std::vector<std::string> &sentinel)
+    : arguments_(std::move(arguments)), is_sentinel_(!sentinel.empty())
 {
     std::string pattern = std::filesystem::temp_directory_path() / "vvlan-redis-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("redis-server: no temporary folder");
     }
     folder_ = pattern;
+    std::ofstream config(folder_ + "/server.conf");
+    for (const std::string &line : sentinel) {
+        config << line << '\n';
+    }
+    config.close();
     start();
 }
 
@@ -55,9 +62,12 @@ RedisServer::~RedisServer()
 
 void RedisServer::start()
 {
-    std::vector<std::string> words = {"redis-server",   "--port",       "0",   "--unixsocket", socket(), "--dir",
-                                      folder_,          "--appendonly", "yes", "--save",       "",       "--logfile",
-                                      folder_ + "/log", "--daemonize",  "no"};
+    std::vector<std::string> words = {
+        "redis-server", folder_ + "/server.conf", "--port",      "0", "--unixsocket", socket(), "--dir", folder_,
+        "--logfile",    folder_ + "/log",         "--daemonize", "no"};
+    const std::vector<std::string> own = is_sentinel_ ? std::vector<std::string>{"--sentinel"}
+                                                      : std::vector<std::string>{"--appendonly", "yes", "--save", ""};
+    words.insert(words.end(), own.begin(), own.end());
     words.insert(words.end(), arguments_.begin(), arguments_.end());
     std::vector<char *> list = argument_list(words);
     pid_ = fork();

@@ -14,8 +14,9 @@ class RedisServer
 {
   public:
     // Further arguments as of the server's configuration: {"--port", "7001"}.
+    // sentinel: lines of its configuration; with any, the server is a Sentinel.
     // Throws std::runtime_error where it does not answer within 10 s.
-    explicit RedisServer(std::vector<std::string> arguments = {});
+    explicit RedisServer(std::vector<std::string> arguments = {}, const std::vector<std::string> &sentinel = {});
     ~RedisServer(); // killed, and its folder removed
     RedisServer(const RedisServer &) = delete;
     RedisServer &operator=(const RedisServer &) = delete;
@@ -35,6 +36,7 @@ class RedisServer
   private:
     std::string folder_;
     std::vector<std::string> arguments_;
+    bool is_sentinel_ = false;
     pid_t pid_ = 0;
 };
 
