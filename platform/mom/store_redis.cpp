@@ -12,6 +12,7 @@
 #include <hiredis/hiredis.h>
 
 #include <array>
+#include <csignal>
 #include <map>
 #include <set>
 #include <utility>
@@ -482,6 +483,9 @@ std::unique_ptr<Store> make_redis_store(const RedisOptions &options, std::string
         return nullptr;
     }
     server.prefix = options.prefix;
+    // hiredis writes without MSG_NOSIGNAL: a server that closes its end would
+    // end this process.
+    std::signal(SIGPIPE, SIG_IGN);
     return std::make_unique<RedisStore>(std::move(server));
 }
 

@@ -30,7 +30,7 @@ struct RedisOptions {
 
 // A store that connects when its sessions do. Null, with the reason in why,
 // where the options are malformed, or the credentials file cannot be read or
-// can be read by everybody.
+// can be read by everybody. The process ignores SIGPIPE from then on.
 std::unique_ptr<Store> make_redis_store(const RedisOptions &options, std::string &why);
 
 } // namespace vvl::mom

@@ -1,5 +1,7 @@
 // The agent as a process, killed at many points of its start and of a storm of
-// joining ports. Packet and bridge side run here, on the same server. What the
+// joining ports, or cut off after each of the first bytes that its server says.
+// It may end by itself where its store fails it in the middle of its start, and
+// is started again then, as a service manager does it. Packet and bridge side run here, on the same server. What the
 // killed agents leave behind must be what one agent would have left that was
 // never killed, and a new agent must make the same tables and plane of it.
 #include "platform/host/services.h"
@@ -7,6 +9,7 @@
 #include "platform/sides/bridge_side.h"
 #include "platform/sides/fan_out.h"
 #include "platform/sides/packet_side.h"
+#include "tests/drill/proxy.h"
 #include "tests/drill/rig.h"
 #include "tests/support/redis_server.h"
 
@@ -26,6 +29,8 @@ namespace
 {
 
 constexpr unsigned kill_count = 200;
+constexpr int cut_bytes_max = 200;
+constexpr uint64_t settle_us = 100'000;     // for the agent to be whole again before the next cut
 constexpr uint64_t start_span_us = 250'000; // kills are spread over this time from the start of the process
 
 // A plane without frames: the sides' traps, and nothing else.
@@ -64,16 +69,27 @@ class AgentProcess
     }
     ~AgentProcess()
     {
-        kill(pid_, SIGKILL);
+        if (!has_ended()) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    // By itself; a signal that it did not get from here is a fault.
+    bool has_ended()
+    {
         int status = 0;
-        waitpid(pid_, &status, 0);
-        EXPECT_TRUE(WIFSIGNALED(status)) << "the agent ended by itself, status " << status;
+        if (!ended_ && waitpid(pid_, &status, WNOHANG) == pid_) {
+            ended_ = true;
+            EXPECT_TRUE(WIFEXITED(status)) << "the agent was ended by signal " << WTERMSIG(status);
+        }
+        return ended_;
     }
     AgentProcess(const AgentProcess &) = delete;
     AgentProcess &operator=(const AgentProcess &) = delete;
 
   private:
     pid_t pid_;
+    bool ended_ = false;
 };
 
 struct Surroundings {
@@ -113,9 +129,11 @@ struct Surroundings {
     std::unique_ptr<host::Operator> op;
 };
 
-// What a new agent makes of what is in the store, once the lines are written
-// and all ports have called.
-std::string run_agents(const std::string &address, const std::string &config, unsigned kills)
+using Trouble = std::function<void(Surroundings &around)>;
+
+// What a new agent makes of what is in the store, once the lines are written,
+// the trouble is over and all ports have called.
+std::string picture_after(const std::string &address, const std::string &config, const Trouble &trouble)
 {
     {
         Surroundings around(address);
@@ -131,14 +149,7 @@ std::string run_agents(const std::string &address, const std::string &config, un
                         command.row->run(context, command.args, why))
                 << why;
         }
-        for (unsigned i = 0; i < kills; i++) {
-            const AgentProcess agent(config, address);
-            around.run_for(start_span_us * (i / 2) / (kills / 2));
-            if (i % 2 != 0) {
-                around.storm();
-                around.run_for(500 + 40 * i);
-            }
-        }
+        trouble(around);
         // One that lives on until every port has joined.
         const AgentProcess agent(config, address);
         for (int i = 0; i < 40; i++) {
@@ -152,20 +163,71 @@ std::string run_agents(const std::string &address, const std::string &config, un
     return rig.picture();
 }
 
-TEST(AgentDrill, KilledAtTwoHundredPointsLeavesWhatOneAgentLeaves)
+class AgentDrill : public testing::Test
 {
-    test::RedisServer calm;
-    test::RedisServer stormy;
-    const std::string config = calm.folder() + "/vvland.conf";
-    std::ofstream file(config);
-    file << "[host]\nlog-level = error\n";
-    for (int ifx = 1; ifx <= 4; ifx++) {
-        file << "[port " << ifx << "]\nphyid = " << 0x100 + ifx << "\n";
+  protected:
+    AgentDrill() : config(server.folder() + "/vvland.conf")
+    {
+        test::RedisServer calm;
+        std::ofstream file(config);
+        file << "[host]\nlog-level = error\n";
+        for (int ifx = 1; ifx <= 4; ifx++) {
+            file << "[port " << ifx << "]\nphyid = " << 0x100 + ifx << "\n";
+        }
+        file.close();
+        wanted = picture_after(calm.address(), config, [](Surroundings &) {});
+        EXPECT_NE(wanted.find("u_bridge.vvlan_join 4 "), std::string::npos) << "no port has joined:\n" << wanted;
     }
-    file.close();
-    const std::string wanted = run_agents(calm.address(), config, 0);
-    EXPECT_NE(wanted.find("u_bridge.vvlan_join 4 "), std::string::npos) << "no port has joined:\n" << wanted;
-    EXPECT_EQ(run_agents(stormy.address(), config, kill_count), wanted);
+
+    test::RedisServer server;
+    const std::string config;
+    std::string wanted;
+};
+
+TEST_F(AgentDrill, KilledAtTwoHundredPointsLeavesWhatOneAgentLeaves)
+{
+    const auto kill_many = [&](Surroundings &around) {
+        for (unsigned i = 0; i < kill_count; i++) {
+            const AgentProcess agent(config, server.address());
+            around.run_for(start_span_us * (i / 2) / (kill_count / 2));
+            if (i % 2 != 0) {
+                around.storm();
+                around.run_for(500 + 40 * i);
+            }
+        }
+    };
+    EXPECT_EQ(picture_after(server.address(), config, kill_many), wanted);
+}
+
+TEST_F(AgentDrill, CutOffAfterEachOfTheFirstBytesOfReplies)
+{
+    Proxy proxy(server.folder(), server.socket());
+    unsigned restarts = 0;
+    const auto cut_many = [&](Surroundings &around) {
+        auto agent = std::make_unique<AgentProcess>(config, proxy.address());
+        around.run_for(start_span_us);
+        const Mac oui = {0x00, 0xaa, 0x07, 0x00, 0x00, 0x00};
+        for (int n = 1; n <= cut_bytes_max; n++) {
+            proxy.cut_after(n);
+            for (int round = 0; round < 400 && !proxy.has_cut(); round++) {
+                std::string why;
+                EXPECT_TRUE(around.op->set_oui(oui, prefix_mask(24), round % 2 == 0, why)) << why;
+                around.storm();
+                around.run_for(10'000);
+                if (agent->has_ended()) {
+                    agent = std::make_unique<AgentProcess>(config, proxy.address());
+                    restarts++;
+                }
+            }
+            EXPECT_TRUE(proxy.has_cut()) << "the agent asks for nothing before byte " << n;
+            around.run_for(settle_us);
+        }
+        std::string why;
+        EXPECT_TRUE(around.op->set_oui(oui, prefix_mask(24), false, why)) << why;
+        around.run_for(100'000);
+    };
+    EXPECT_EQ(picture_after(server.address(), config, cut_many), wanted);
+    std::printf("%d cuts, %u restarts of the agent\n", cut_bytes_max, restarts);
 }
 
 } // namespace

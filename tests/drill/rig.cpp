@@ -153,7 +153,7 @@ void Rig::carry_out(const std::string &line)
     const uint64_t end_us = loop_.now_us() + patience_ms * 1000;
     while (true) {
         const size_t losses = losses_;
-        if (write(line) && run_until([&] { return operator_->unanswered() == 0 || losses != losses_; }, 1500) &&
+        if (write(line) && run_until([&] { return operator_->unanswered() == 0 || losses != losses_; }, 300) &&
             operator_->unanswered() == 0) {
             return;
         }

@@ -105,23 +105,6 @@ TEST(ServerDrill, StoppedForFiveSecondsDoesNotStopTheLoop)
     rig.run_for(20);
 }
 
-TEST(ServerDrill, ConnectionCutAfterEachOfTheFirstBytesOfReplies)
-{
-    const std::string wanted = fault_free(base_lines + std::vector<std::string>{oui_line(7)});
-    RedisServer server;
-    Proxy proxy(server.folder(), server.socket());
-    Rig rig(redis_store(proxy.address()));
-    start(rig);
-    for (int64_t n = 1; n <= 200 && !testing::Test::HasFailure(); n++) {
-        proxy.cut_after(n);
-        rig.carry_out(oui_line(7, n % 2 != 0 ? "add" : "del"));
-        EXPECT_TRUE(rig.run_until([&] { return proxy.has_cut(); })) << n << " bytes";
-    }
-    rig.carry_out(oui_line(7));
-    EXPECT_EQ(rig.picture_like(wanted), wanted);
-    EXPECT_GE(rig.returns(), 200u);
-}
-
 TEST(ServerDrill, EmptiedOrReplacedDataSetIsNoticedAndTakesTheLoadedConfiguration)
 {
     const std::vector<std::string> changed = {"vlan 200 on", "oui add 00:04:76:00:00:00/24", "port 1 auto",

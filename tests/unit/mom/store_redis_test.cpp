@@ -1,0 +1,181 @@
+// What only a store in another process can meet: logins, values that somebody
+// else has put there, and what a reconnection finds.
+#include "platform/mom/redis_address.h"
+#include "platform/mom/store_redis.h"
+#include "tests/support/redis_server.h"
+#include "tests/unit/mom/store_harness.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+
+namespace vvl::mom
+{
+namespace
+{
+
+class RedisStoreTest : public testing::Test
+{
+  protected:
+    std::unique_ptr<Store> make(const std::string &prefix, const std::string &credentials = "")
+    {
+        std::string why;
+        auto store = make_redis_store({server_.address(), prefix, credentials}, why);
+        EXPECT_NE(store, nullptr) << why;
+        return store;
+    }
+    std::string cli(std::vector<std::string> words)
+    {
+        words.insert(words.begin(), {"-n", "4"});
+        return server_.cli(words);
+    }
+
+    test::RedisServer server_;
+    VirtualLoop loop_;
+};
+
+TEST_F(RedisStoreTest, ValuesThatAreNoneAreLoggedOnceAndPassedOver)
+{
+    const auto store = make("sw1:");
+    Client client(*store, loop_, "client");
+    for (uint32_t ifx = 1; ifx <= 5; ifx++) {
+        client.set(4, PortCfg(ifx, ifx));
+    }
+    loop_.run_pending();
+    const std::string key = "sw1:p_bridge.vvlan_port_cfg:";
+    cli({"SET", key + "1", "\xff\xff"});
+    cli({"DEL", key + "2"});
+    cli({"LPUSH", key + "2", "x"});
+    cli({"SET", key + "3", std::string(object_size_max + 1, 'x')});
+    cli({"HSET", "sw1:p_bridge.vvlan_port_cfg#meta", "not/a/key", "0 1"});
+    cli({"SET", key + "not/a/key", "x"});
+    LogCapture log;
+    for (int round = 0; round < 2; round++) {
+        EXPECT_EQ(client.scan_now(4, PortCfg(0)),
+                  (Lines{"set vvlan_port_cfg 4 mode=4", "set vvlan_port_cfg 5 mode=5"}));
+    }
+    for (const char *bad :
+         {"vvlan_port_cfg:1 ", "vvlan_port_cfg:2 ", "vvlan_port_cfg:3 ", "vvlan_port_cfg:not/a/key "}) {
+        EXPECT_EQ(log.count(bad), 1u) << bad;
+    }
+    client.set(4, PortCfg(2, 22)); // takes the place of what is foreign
+    EXPECT_EQ(client.scan_now(4, PortCfg(0)).front(), "set vvlan_port_cfg 2 mode=22");
+}
+
+TEST_F(RedisStoreTest, PrefixesKeepSwitchesApart)
+{
+    const auto first = make("sw1:");
+    const auto second = make("sw2:");
+    Client writer(*first, loop_, "writer");
+    Client other(*second, loop_, "other");
+    Recorder told;
+    other.subscribe(4, PortCfg(0), told);
+    loop_.run_pending();
+    told.take();
+    writer.set(4, PortCfg(1, 1));
+    loop_.run_pending();
+    EXPECT_EQ(told.take(), Lines{});
+    EXPECT_EQ(other.scan_now(4, PortCfg(0)), Lines{});
+}
+
+TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
+{
+    const std::string file = server_.folder() + "/login";
+    std::ofstream(file) << "agent secret\n";
+    cli({"ACL", "SETUSER", "agent", "on", ">secret", "~sw1:*", "&sw1:*", "+@all"});
+    cli({"ACL", "SETUSER", "default", "off"});
+    std::string why;
+    chmod(file.c_str(), 0644);
+    EXPECT_EQ(make_redis_store({server_.address(), "sw1:", file}, why), nullptr);
+    EXPECT_EQ(why, "credentials file " + file + ": everybody can read it; chmod o-r");
+    chmod(file.c_str(), 0600);
+    const auto store = make("sw1:", file);
+    Client client(*store, loop_, "client");
+    client.set(4, PortCfg(1, 1));
+    EXPECT_EQ(client.scan_now(4, PortCfg(0)), (Lines{"set vvlan_port_cfg 1 mode=1"}));
+    LogCapture log;
+    const auto stranger = make("sw1:");
+    int ctx = 0; // its address names the client
+    EXPECT_EQ(attach(&ctx, *stranger, loop_, "stranger"), 0);
+    EXPECT_EQ(tq_mom_client_connect_sync(&ctx, 4), TQ_MOM_E_UNREACHABLE);
+    EXPECT_EQ(log.count("stranger: database 4 is lost: "), 1u);
+    EXPECT_EQ(log.count("NOAUTH"), 1u);
+    detach(&ctx);
+}
+
+// What a session is told when the connection of a client is killed.
+struct Returns final : SessionEvents {
+    void link_lost(uint32_t) override { told.push_back("lost"); }
+    void link_back(uint32_t, bool missed) override { told.push_back(missed ? "missed" : "complete"); }
+    void changed(const Change &change) override { told.push_back("changed " + change.name.key); }
+    Lines told;
+};
+
+TEST_F(RedisStoreTest, ReconnectionTellsWhetherAnythingWasMissed)
+{
+    const auto store = make("sw1:");
+    const auto elsewhere = make("sw1:");
+    Returns events;
+    Returns ignored;
+    const auto session = store->open(loop_, events, "session");
+    const auto writer = elsewhere->open(loop_, ignored, "writer");
+    ASSERT_EQ(session->connect_now(4), 0);
+    ASSERT_EQ(writer->connect_now(4), 0);
+    const auto write = [&](const char *key) { writer->write({4, "t.x", key}, {"v", {}}, WriteMode::replace, {}, {}); };
+    EXPECT_EQ(session->watch(4, "t.x", {}), 0);
+    const auto cut_all = [&] {
+        // Both sessions, as their connections cannot be told apart from outside.
+        cli({"CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes"});
+        loop_.run_pending();
+    };
+    cut_all();
+    loop_.advance(10'000'000);
+    write("1");
+    loop_.run_pending();
+    EXPECT_EQ(events.told, (Lines{"lost", "complete", "changed 1"})) << "the watch goes on";
+    events.told.clear();
+    cut_all();
+    cli({"FCALL", "vvlan1_write", "0", "sw1:", "4", "t.x", "2", "", "v"});
+    loop_.advance(10'000'000);
+    write("3");
+    loop_.run_pending();
+    EXPECT_EQ(events.told, (Lines{"lost", "missed"})) << "and has to be made again";
+}
+
+TEST(RedisAddress, AcceptsThreeFormsAndNamesWhatItRefuses)
+{
+    struct {
+        const char *text;
+        const char *read; // endpoints, and the group
+    } const cases[] = {
+        {"redis://10.0.0.1", "10.0.0.1:6379"},
+        {"redis://[::1]:7000", "::1:7000"},
+        {"unix:/run/s", "/run/s"},
+        {"unix:///run/s", "/run/s"},
+        {"sentinel://a:1,b/sw", "a:1 b:26379 sw"},
+        {"redis://", nullptr},
+        {"redis://h:0", nullptr},
+        {"redis://h:65536", nullptr},
+        {"redis://user:secret@h", nullptr},
+        {"unix:", nullptr},
+        {"sentinel://a:1", nullptr},
+        {"sentinel://a:1/", nullptr},
+        {"http://h", nullptr},
+    };
+    for (const auto &row : cases) {
+        RedisAddress address;
+        std::string why;
+        std::string read;
+        const bool good = parse_redis_address(row.text, address, why);
+        for (const RedisEndpoint &endpoint : address.endpoints) {
+            read += (read.empty() ? "" : " ") + endpoint.text();
+        }
+        read += address.group.empty() ? "" : " " + address.group;
+        EXPECT_EQ(good, row.read != nullptr) << row.text;
+        EXPECT_EQ(read, row.read != nullptr ? row.read : "") << row.text;
+        EXPECT_EQ(why.empty(), good) << row.text;
+    }
+}
+
+} // namespace
+} // namespace vvl::mom
