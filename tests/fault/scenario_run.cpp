@@ -4,6 +4,8 @@
 // fault and the one without go through the same steps and the same time.
 #include "tests/fault/scenario_run.h"
 
+#include "platform/mom/store_local.h"
+
 #include "tests/fault/calls.h"
 
 namespace vvl::fault
@@ -25,7 +27,7 @@ bool is_expectation(const host::ScenarioStep &step)
 } // namespace
 
 ScenarioRun::ScenarioRun(const host::Scenario &scenario, const host::SimOptions &options, std::function<void()> lift)
-    : scenario_(scenario), lift_(std::move(lift)), simulation_(scenario, options, false),
+    : scenario_(scenario), lift_(std::move(lift)), simulation_(scenario, options, mom::make_local_store(), false),
       operator_(simulation_.network_switch().store(), simulation_.network_switch().loop())
 {
 }

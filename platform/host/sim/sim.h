@@ -23,7 +23,7 @@ struct SimOptions {
     std::string capture_out; // path of a capture for the frames that leave; empty: none
     SimColor color = SimColor::automatic;
     // Makes the object store; empty: one in this process. Null with the reason in why.
-    std::function<std::unique_ptr<mom::Store>(std::string &why)> make_store;
+    std::function<std::unique_ptr<mom::Store>(std::string &why)> make_store = {};
 };
 
 // What run_sim returns, for use as the process's exit status.
