@@ -34,7 +34,7 @@ void deliver(mom::Delivery &delivery, const mom::ObjectType &type, const mom::Ob
     mom::MessagePtr message = delivery.build(type, 4, object);
     require((message == nullptr) == (delivery.counters.malformed == malformed + 1), "what is passed over is counted");
     if (message) {
-        delivery.send_message({read_through, nullptr}, TQ_MOM_SET, std::move(message));
+        delivery.send_message({read_through, nullptr}, TQ_MOM_SET, *message);
     }
 }
 
