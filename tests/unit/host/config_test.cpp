@@ -74,7 +74,7 @@ const Fault faults[] = {
     {"[host]\nmodule =  # none\n", "2: 'module' has no value"},
     // values
     {"[host]\nlog-level = loud\n", "2: 'log-level' must be debug, info, warn or error, not 'loud'"},
-    {"[store]\nkind = Local\n", "2: 'kind' must be local, not 'Local'"},
+    {"[store]\nkind = Local\n", "2: 'kind' must be local or redis, not 'Local'"},
     {"[port 1]\nrole = trunk\n", "2: 'role' must be access or uplink, not 'trunk'"},
     {"[port 1]\npvid = 4095\n", "2: 'pvid' must be a number from 1 to 4094, not '4095'"},
     {"[port 1]\npvid = 10 20\n", "2: 'pvid' must be a number from 1 to 4094, not '10 20'"},
