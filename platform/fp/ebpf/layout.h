@@ -1,0 +1,172 @@
+/* What the kernel's half of the eBPF plane and the user's half share: limits,
+ * map keys and values. Read by the BPF compiler (C) and by C++, hence plain C.
+ *
+ * All numbers are in host byte order; a MAC address is a number whose bits 47
+ * to 40 are its first byte on the wire. Any change of a size, an offset or a
+ * meaning here takes a new VV_LAYOUT: maps outlive the agent, and an agent
+ * takes over only what it can read. */
+#ifndef VVLAN_FP_EBPF_LAYOUT_H
+#define VVLAN_FP_EBPF_LAYOUT_H
+
+#include <linux/types.h>
+
+#define VV_LAYOUT 1
+#define VV_MAGIC 0x7676706cu
+
+#define VV_PORTS_MAX 4096    /* ports that are attached, bound or trapped */
+#define VV_IFINDEX_PLACES 16384 /* of the table from interface to port; a power of two, four times the ports */
+#define VV_IFINDEX_PROBES 8  /* places that one interface may stand in */
+#define VV_STATES 16         /* forwarding states kept, one of them in force; a power of two */
+#define VV_ACLS 3
+#define VV_RANKS 128         /* ranks of rules in an ACL; the last one stands for none */
+#define VV_RANK_NONE 127
+#define VV_DIGITS 12         /* hexadecimal digits of an address */
+#define VV_SEEN_MAX 32768    /* addresses that the plane remembers */
+#define VV_EVENTS_SIZE (1u << 20) /* bytes of the ring of events; a power of two, whole pages */
+#define VV_TRAP_BYTES_MAX 1536 /* bytes of a trapped frame that are copied */
+#define VV_TRAPS_PER_TICK 64 /* frames trapped on one port per tick; the others are only forwarded */
+
+/* Index of an ACL, in the order in which a frame passes them. */
+enum vv_acl_index { VV_ACL_MAC_VLAN, VV_ACL_VOICE, VV_ACL_SECURITY };
+
+#define VV_BOUND_MAC_VLAN (1u << VV_ACL_MAC_VLAN)
+#define VV_BOUND_VOICE (1u << VV_ACL_VOICE)
+#define VV_BOUND_SECURITY (1u << VV_ACL_SECURITY)
+
+enum vv_rule_flag {
+    VV_RULE_DROP = 1,
+    VV_RULE_COS = 2,
+    VV_RULE_DSCP = 4,
+    VV_RULE_PRIO = 8,
+    VV_RULE_TAG = 16,
+};
+
+struct vv_rule {
+    __u64 mac;
+    __u64 mask;
+    __u32 vlan;      /* form in bits 16 and 17 above the VLAN id, */
+    __u32 vlan_mask; /* compared under this */
+    __u16 tag_vid;
+    __u8 id; /* ACE id, 1 to 127 */
+    __u8 flags;
+    __u8 cos;
+    __u8 dscp;
+    __u8 prio;
+    __u8 unused;
+};
+
+/* The rules of one ACL by rank, and for each digit of an address and value of
+ * that digit the set of the rules that agree with it: bit n of word 0 is rank n,
+ * bit n of word 1 rank 64 + n. */
+struct vv_acl {
+    __u64 agreeing[VV_DIGITS][16][2];
+    __u64 naming[2]; /* the rules with a MAC mask */
+    __u32 count;
+    __u32 unused;
+    struct vv_rule rules[VV_RANKS];
+};
+
+/* How a port's frames are treated, in one word so that it changes in one store:
+ * generation in bits 63 to 32, PVID in 27 to 16, bound ACLs in 7 to 0. A
+ * generation is never used for two treatments of a port; what was worked out
+ * under another one is worked out anew. */
+#define VV_BIND_GENERATION(bind) ((__u32)((bind) >> 32))
+#define VV_BIND_PVID(bind) ((__u16)((bind) >> 16))
+#define VV_BIND_BOUND(bind) ((__u8)(bind))
+
+struct vv_state {
+    struct vv_acl acls[VV_ACLS];
+    __u64 bind[VV_PORTS_MAX]; /* by port index */
+};
+
+#define VV_PORT_USED 1u
+#define VV_PORT_TRAP 2u
+#define VV_PORT_MADE_CLSACT 4u /* the interface had no clsact queue discipline before */
+#define VV_PORT_UPLINK 8u
+#define VV_PORT_KNOWN 16u /* configured, not only bound or trapped */
+
+struct vv_port {
+    __u32 phyid;
+    __u32 ifindex; /* 0: no interface is attached */
+    __u32 flags;
+    __u16 untag_vid; /* VLAN that the port's last heard voice device uses without tags; 0: it tags */
+    __u16 unused;
+    __u32 trap_tick; /* tick that trap_count counts in */
+    __u32 trap_count;
+};
+
+/* One value, mapped into the agent. */
+struct vv_shared {
+    __u32 magic;
+    __u32 layout;
+    __u64 build;      /* of the programs that are attached */
+    __u32 active;     /* index of the state in force */
+    __u32 tick;       /* seconds, counted by the agent; stands still without one */
+    __u32 generation; /* the last one that was given out */
+    __u32 unused;
+    __u64 places[VV_IFINDEX_PLACES]; /* ifindex in bits 63 to 32, port index in 31 to 0; 0: free */
+    struct vv_port ports[VV_PORTS_MAX];
+    struct vv_state states[VV_STATES];
+};
+
+/* Key of the addresses seen: the address, above it the VLAN that the port puts
+ * the frame into before any ACL (12 bits), and the form of its tags (2 bits). */
+#define VV_SEEN_KEY(mac, vid, form) ((__u64)(mac) | (__u64)(vid) << 48 | (__u64)(form) << 60)
+
+/* What the ACLs decide about an address on a port, in one word: generation in
+ * bits 63 to 32, port index in 31 to 16, then VV_NAMED and the rank in the
+ * MAC-VLAN ACL in 15 to 8, VV_BY_SECURITY and the rank in the voice or the
+ * security ACL in 7 to 0. */
+#define VV_VERDICT_OWNER(generation, port) ((__u64)(generation) << 32 | (__u64)(port) << 16)
+#define VV_NAMED 0x8000u       /* a rule of the voice ACL names the address */
+#define VV_BY_SECURITY 0x0080u /* the rank is in the security ACL */
+
+struct vv_seen {
+    __u64 verdict;
+    __u32 port; /* index of the port where it was seen last */
+    __u32 tick; /* when it was reported last */
+    __u16 vlan; /* as reported */
+    __u16 reported; /* 0: not yet, since the ring was full */
+    __u32 unused;
+};
+
+struct vv_port_counters {
+    __u64 in;
+    __u64 out;
+    __u64 trapped;
+    __u64 tagged;
+    __u64 remarked;
+    __u64 dropped;
+    __u64 events_lost; /* no room in the ring, or an address beyond VV_SEEN_MAX */
+};
+
+#define VV_ACE_INDEX(acl, id) ((acl) * VV_RANKS + (id))
+
+enum vv_event_kind { VV_EVENT_SEEN = 1, VV_EVENT_TRAPPED = 2 };
+
+struct vv_event {
+    __u32 kind;
+    __u32 port; /* index */
+    __u64 mac;
+    __u16 vlan;     /* of VV_EVENT_SEEN */
+    __u16 tag_type; /* of VV_EVENT_TRAPPED: tag that is not among the bytes; 0: none */
+    __u16 tag;      /* its control information */
+    __u16 size;     /* bytes behind this record */
+};
+
+struct vv_trapped {
+    struct vv_event event;
+    __u8 bytes[VV_TRAP_BYTES_MAX];
+};
+
+#ifdef __cplusplus
+static_assert(sizeof(vv_rule) == 32);
+static_assert(sizeof(vv_acl) == VV_DIGITS * 16 * 16 + 24 + VV_RANKS * sizeof(vv_rule));
+static_assert(sizeof(vv_state) == VV_ACLS * sizeof(vv_acl) + VV_PORTS_MAX * 8);
+static_assert(sizeof(vv_port) == 24);
+static_assert(sizeof(vv_shared) == 40 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) + VV_STATES * sizeof(vv_state));
+static_assert(sizeof(vv_seen) == 24 && sizeof(vv_event) == 24);
+static_assert(sizeof(vv_port_counters) == 56);
+#endif
+
+#endif
