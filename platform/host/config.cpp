@@ -56,6 +56,7 @@ struct Parser {
     bool close_section(std::string &why);
     bool set_key(const std::string &name, const std::string &value, std::string &why);
     bool finish(std::string &why);
+    bool check_interfaces(std::string &why);
 
     std::string file;
     HostConfig config;
@@ -66,6 +67,8 @@ struct Parser {
     std::set<std::string> keys;           // seen in this section
     std::map<std::string, unsigned> seen; // sections seen, with their lines
     std::map<uint32_t, uint32_t> ifx_by_phyid;
+    std::map<std::string, uint32_t> ifx_by_interface;
+    std::map<uint32_t, unsigned> line_by_ifx; // where the port's section began
 };
 
 // ---- Values ------------------------------------------------------------
@@ -136,7 +139,7 @@ bool parse_path(const Parser &parser, const std::string &value, std::string &pat
 constexpr Word<LogLevel> log_levels[] = {
     {"debug", LogLevel::debug}, {"info", LogLevel::info}, {"warn", LogLevel::warn}, {"error", LogLevel::error}};
 constexpr Word<StoreKind> store_kinds[] = {{"local", StoreKind::local}, {"redis", StoreKind::redis}};
-constexpr Word<PlaneKind> plane_kinds[] = {{"soft", PlaneKind::soft}};
+constexpr Word<PlaneKind> plane_kinds[] = {{"soft", PlaneKind::soft}, {"ebpf", PlaneKind::ebpf}};
 constexpr Word<bool> port_roles[] = {{"access", false}, {"uplink", true}};
 
 bool set_module(Parser &parser, const std::string &value, std::string &why)
@@ -187,6 +190,11 @@ bool set_plane_kind(Parser &parser, const std::string &value, std::string &why)
     return parse_word(value, plane_kinds, parser.config.plane, why);
 }
 
+bool set_pin_folder(Parser &parser, const std::string &value, std::string &why)
+{
+    return parse_path(parser, value, parser.config.ebpf.pin_folder, why);
+}
+
 bool set_phyid(Parser &parser, const std::string &value, std::string &why)
 {
     SwitchPort &port = parser.config.network.ports.back();
@@ -210,6 +218,28 @@ bool set_role(Parser &parser, const std::string &value, std::string &why)
     return parse_word(value, port_roles, parser.config.network.ports.back().uplink, why);
 }
 
+// What Linux takes as the name of an interface.
+bool is_interface_name(const std::string &text)
+{
+    return text.size() <= interface_length_max && text != "." && text != ".." &&
+           text.find_first_of("/: \t") == std::string::npos;
+}
+
+bool set_interface(Parser &parser, const std::string &value, std::string &why)
+{
+    SwitchPort &port = parser.config.network.ports.back();
+    if (!is_interface_name(value)) {
+        why = "must be 1 to " + std::to_string(interface_length_max) + " bytes without '/', ':' and blanks";
+        return false;
+    }
+    const auto [other, fresh] = parser.ifx_by_interface.emplace(value, port.ifx);
+    if (!fresh) {
+        why = "is that of [port " + std::to_string(other->second) + "] already";
+    }
+    port.interface = value;
+    return fresh;
+}
+
 constexpr Key key_table[] = {
     {SectionKind::host, false, "module", set_module},
     {SectionKind::host, false, "log-level", set_log_level},
@@ -220,9 +250,11 @@ constexpr Key key_table[] = {
     {SectionKind::store, false, "prefix", set_store_prefix},
     {SectionKind::store, false, "credentials", set_credentials},
     {SectionKind::plane, false, "kind", set_plane_kind},
+    {SectionKind::plane, false, "pin-folder", set_pin_folder},
     {SectionKind::port, true, "phyid", set_phyid},
     {SectionKind::port, false, "pvid", set_pvid},
     {SectionKind::port, false, "role", set_role},
+    {SectionKind::port, false, "interface", set_interface},
 };
 
 // ---- Lines -------------------------------------------------------------
@@ -292,6 +324,7 @@ bool Parser::open_port(std::string_view number, std::string &why)
     }
     config.network.ports.push_back(port);
     section_title = "port " + std::to_string(port.ifx);
+    line_by_ifx.emplace(port.ifx, line);
     return true;
 }
 
@@ -348,10 +381,30 @@ bool Parser::finish(std::string &why)
         why = "the file ends without a section '[host]'";
         return false;
     }
-    return true;
+    return check_interfaces(why);
+}
+
+// Whether a port needs an interface is known only here, as [plane] may stand behind the ports.
+bool Parser::check_interfaces(std::string &why)
+{
+    const SwitchPort *port = port_without_interface(config);
+    if (config.plane != PlaneKind::ebpf || port == nullptr) {
+        return true;
+    }
+    why = "section '[port " + std::to_string(port->ifx) + "]' lacks 'interface', which the ebpf plane needs";
+    line = line_by_ifx.at(port->ifx);
+    return false;
 }
 
 } // namespace
+
+const SwitchPort *port_without_interface(const HostConfig &config)
+{
+    const auto &ports = config.network.ports;
+    const auto found =
+        std::find_if(ports.begin(), ports.end(), [](const SwitchPort &port) { return port.interface.empty(); });
+    return found != ports.end() ? &*found : nullptr;
+}
 
 bool parse_config(std::string_view text, const std::string &file, HostConfig &config, std::string &why)
 {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "platform/base/log.h"
+#include "platform/fp/plane_ebpf.h"
 #include "platform/host/switch.h"
 #include "platform/mom/store_redis.h"
 
@@ -23,9 +24,10 @@ constexpr uint32_t ifx_max = 0x7fffffff;        // 1 to this
 constexpr uint32_t phyid_max = 0xffffffff;      // 0 to this
 constexpr uint16_t pvid_max = 4094;             // 1 to this
 constexpr size_t config_path_length_max = 4095; // bytes of a path
+constexpr size_t interface_length_max = 15;     // bytes of a name
 
 enum class StoreKind : uint8_t { local, redis };
-enum class PlaneKind : uint8_t { soft };
+enum class PlaneKind : uint8_t { soft, ebpf };
 
 struct HostConfig {
     SwitchConfig network; // module and ports
@@ -35,6 +37,7 @@ struct HostConfig {
     StoreKind store = StoreKind::local;
     mom::RedisOptions redis; // of StoreKind::redis
     PlaneKind plane = PlaneKind::soft;
+    fp::EbpfOptions ebpf; // of PlaneKind::ebpf, which every port needs an interface for
 };
 
 // Parses the text of a configuration. file: its path, for messages; relative
@@ -44,5 +47,8 @@ bool parse_config(std::string_view text, const std::string &file, HostConfig &co
 
 // Reads and parses a file. Otherwise as parse_config.
 bool read_config(const std::string &file, HostConfig &config, std::string &why);
+
+// The first port that the eBPF plane could not have; null where there is none.
+const SwitchPort *port_without_interface(const HostConfig &config);
 
 } // namespace vvl::host

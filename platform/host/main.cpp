@@ -26,6 +26,9 @@ void add_run_options(CLI::App &command, RunOptions &options)
 {
     command.add_option("--config", options.config_file, "Configuration file")->required();
     add_store_options(command, options.store, options.prefix, options.credentials);
+    command.add_option("--fp", options.fp, "Forwarding plane: in this process, or in the kernel")
+        ->check(CLI::IsMember({"soft", "ebpf"}));
+    command.add_option("--pin-folder", options.pin_folder, "Folder on a BPF file system, of the ebpf plane");
 }
 
 void add_run(CLI::App &app, int &code)

@@ -43,6 +43,23 @@ bool read_input(const std::string &config_file, HostConfig &config, Startup &sta
            (config.startup.empty() || startup.read(config.startup, config.network.ports, why));
 }
 
+bool take_plane_options(const RunOptions &options, HostConfig &config, std::string &why)
+{
+    if (!options.fp.empty()) {
+        config.plane = options.fp == "ebpf" ? PlaneKind::ebpf : PlaneKind::soft;
+    }
+    if (!options.pin_folder.empty()) {
+        config.ebpf.pin_folder = options.pin_folder;
+    }
+    const SwitchPort *port = port_without_interface(config);
+    if (config.plane == PlaneKind::ebpf && port != nullptr) {
+        why = options.config_file + ": section '[port " + std::to_string(port->ifx) +
+              "]' lacks 'interface', which --fp ebpf needs";
+        return false;
+    }
+    return true;
+}
+
 // Puts the command line's words over the file's.
 bool take_options(const RunOptions &options, HostConfig &config, std::string &why)
 {
@@ -63,7 +80,7 @@ bool take_options(const RunOptions &options, HostConfig &config, std::string &wh
         why = "role " + options.role + ": the local store lives in one process; a role of its own needs --store";
         return false;
     }
-    return true;
+    return take_plane_options(options, config, why);
 }
 
 // Runs until it is told to stop; false where it could not start.

@@ -20,6 +20,8 @@ struct RunOptions {
     std::string prefix;
     std::string credentials;
     std::string role; // "all", "agent" or "sides"
+    std::string fp;   // "soft" or "ebpf"
+    std::string pin_folder;
 };
 
 // Runs the switch of a configuration file until SIGTERM or SIGINT. A failure

@@ -59,7 +59,7 @@ struct Switch::Impl {
     {
         for (const SwitchPort &port : config.ports) {
             std::string why;
-            if (!plane->add_port({port.phyid, port.pvid, port.uplink, {}}, why)) {
+            if (!plane->add_port({port.phyid, port.pvid, port.uplink, port.interface}, why)) {
                 log_line(LogLevel::error, why);
             }
         }

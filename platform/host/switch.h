@@ -25,10 +25,11 @@ namespace vvl::host
 {
 
 struct SwitchPort {
-    uint32_t ifx = 0;    // interface index, the key of configuration; 1 to 2^31-1
-    uint32_t phyid = 0;  // physical port id, the key of the plane; unique
-    uint16_t pvid = 1;   // VLAN of untagged frames, 1 to 4094
-    bool uplink = false; // towards the network rather than a device
+    uint32_t ifx = 0;           // interface index, the key of configuration; 1 to 2^31-1
+    uint32_t phyid = 0;         // physical port id, the key of the plane; unique
+    uint16_t pvid = 1;          // VLAN of untagged frames, 1 to 4094
+    bool uplink = false;        // towards the network rather than a device
+    std::string interface = {}; // network interface, for a plane that has its frames from there; unique
 };
 
 struct SwitchConfig {

@@ -45,6 +45,22 @@ TEST(Config, a_good_file_is_read_with_defaults_and_paths_from_its_own_folder)
               std::make_tuple(7u, UINT32_MAX, uint16_t{4094}, true));
 }
 
+TEST(Config, the_plane_in_the_kernel_gets_interfaces_and_a_folder)
+{
+    const std::string port = "[host]\n[port 1]\nphyid = 1\ninterface = ethernet-of-15b\n[plane]\n";
+    const std::pair<const char *, std::string> folders[] = {{"", fp::EbpfOptions().pin_folder},
+                                                            {"pin-folder = /run/bpf/sw1\n", "/run/bpf/sw1"},
+                                                            {"pin-folder = pins\n", "/etc/vv/pins"}};
+    for (const auto &[line, folder] : folders) {
+        HostConfig config;
+        std::string why;
+        ASSERT_TRUE(parse_config(port + "kind = ebpf\n" + line, "/etc/vv/vvland.conf", config, why)) << why;
+        EXPECT_EQ(config.plane, PlaneKind::ebpf);
+        EXPECT_EQ(config.ebpf.pin_folder, folder);
+        EXPECT_EQ(config.network.ports[0].interface, "ethernet-of-15b");
+    }
+}
+
 struct Fault {
     const char *text;
     const char *reason; // what follows "f.conf:"
@@ -75,6 +91,17 @@ const Fault faults[] = {
     // values
     {"[host]\nlog-level = loud\n", "2: 'log-level' must be debug, info, warn or error, not 'loud'"},
     {"[store]\nkind = Local\n", "2: 'kind' must be local or redis, not 'Local'"},
+    {"[plane]\nkind = hard\n", "2: 'kind' must be soft or ebpf, not 'hard'"},
+    {"[port 1]\ninterface = ethernet-of-16-b\n",
+     "2: 'interface' must be 1 to 15 bytes without '/', ':' and blanks, not 'ethernet-of-16-b'"},
+    {"[port 1]\ninterface = a b\n", "2: 'interface' must be 1 to 15 bytes without '/', ':' and blanks, not 'a b'"},
+    {"[port 1]\ninterface = ../eth1\n",
+     "2: 'interface' must be 1 to 15 bytes without '/', ':' and blanks, not '../eth1'"},
+    {"[port 1]\nphyid = 1\ninterface = eth1\n[port 2]\ninterface = eth1\n",
+     "5: 'interface' is that of [port 1] already, not 'eth1'"},
+    // the plane may be chosen behind the ports
+    {"[host]\n[port 1]\nphyid = 1\ninterface = eth1\n[port 2]\nphyid = 2\n[plane]\nkind = ebpf\n",
+     "5: section '[port 2]' lacks 'interface', which the ebpf plane needs"},
     {"[port 1]\nrole = trunk\n", "2: 'role' must be access or uplink, not 'trunk'"},
     {"[port 1]\npvid = 4095\n", "2: 'pvid' must be a number from 1 to 4094, not '4095'"},
     {"[port 1]\npvid = 10 20\n", "2: 'pvid' must be a number from 1 to 4094, not '10 20'"},
