@@ -15,7 +15,7 @@
 namespace vvl::fp
 {
 
-constexpr size_t mac_table_max = 8192;
+constexpr size_t mac_table_max = 16384;
 constexpr uint64_t mac_seen_interval_us = 1'000'000; // between two reports of an address
 
 class MacTable
