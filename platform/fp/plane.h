@@ -91,6 +91,10 @@ class DataPlane : public Plane
     // on it is forgotten. A new port's link is up.
     virtual void set_link(uint32_t phyid, bool up) = 0;
 
+    // The port's interface is gone: its addresses are forgotten. What is bound
+    // to the port stays, for when the interface is back by add_port().
+    virtual void remove_port(uint32_t phyid) { static_cast<void>(phyid); }
+
     virtual PortCounters counters(uint32_t phyid) const = 0; // zero for an unknown port
 };
 

@@ -46,11 +46,8 @@ class EbpfPlane final : public DataPlane
     bool add_port(const PlanePort &port, std::string &why) override;
     // The kernel stops the frames of a link that is down by itself.
     void set_link(uint32_t phyid, bool up) override;
+    void remove_port(uint32_t phyid) override;
     PortCounters counters(uint32_t phyid) const override;
-
-    // The port's interface is gone: its addresses are forgotten. What is bound
-    // to the port stays, for when the interface is back.
-    void remove_port(uint32_t phyid);
 
     // Frames that an ACE acted on, since the maps were made; id 1 to 127.
     uint64_t ace_frames(Acl acl, uint64_t id) const;
