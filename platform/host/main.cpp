@@ -1,6 +1,7 @@
 // vvland's command line. Each subcommand is one call; what it prints and
 // returns is its own.
 #include "platform/host/agent.h"
+#include "platform/host/plane_commands.h"
 #include "platform/host/run.h"
 #include "platform/host/sim/sim.h"
 
@@ -55,6 +56,16 @@ void add_check_config(CLI::App &app, int &code)
     check->callback([file, &code] { code = check_config(*file); });
 }
 
+void add_plane_command(CLI::App &app, int &code, const char *name, const char *help,
+                       int (*command)(const PlaneCommandOptions &))
+{
+    auto options = std::make_shared<PlaneCommandOptions>();
+    CLI::App *sub = app.add_subcommand(name, help);
+    sub->add_option("--config", options->config_file, "Configuration file that names the pin folder");
+    sub->add_option("--pin-folder", options->pin_folder, "Folder on a BPF file system");
+    sub->callback([options, command, &code] { code = command(*options); });
+}
+
 void add_sim(CLI::App &app, int &code)
 {
     static const std::map<std::string, SimColor> colors = {
@@ -99,6 +110,8 @@ int main(int argc, char **argv)
     int code = exit_good;
     add_run(app, code);
     add_check_config(app, code);
+    add_plane_command(app, code, "check", "Show whether this machine has what --fp ebpf needs", check_plane);
+    add_plane_command(app, code, "detach", "Take the ebpf plane off the interfaces", detach_plane);
     add_sim(app, code);
     try {
         app.parse(argc, argv);

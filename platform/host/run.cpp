@@ -4,8 +4,8 @@
 // starts it again.
 #include "platform/host/run.h"
 
-#include "platform/fp/plane_soft.h"
 #include "platform/host/logging.h"
+#include "platform/host/plane_choice.h"
 #include "platform/host/startup.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/store_local.h"
@@ -91,7 +91,11 @@ bool run_switch(const HostConfig &config, const Startup &startup, std::string &w
     if (store == nullptr) {
         return false;
     }
-    Switch target(config.network, loop, std::move(store), std::make_unique<fp::SoftPlane>(loop));
+    auto plane = make_plane(config, loop, why);
+    if (plane == nullptr) {
+        return false;
+    }
+    Switch target(config.network, loop, std::move(store), std::move(plane));
     if (!stop_on_signals(loop, why) || !target.start(why)) {
         return false;
     }

@@ -1,0 +1,56 @@
+// A build without the eBPF plane has the same functions, which say so.
+#include "platform/host/plane_choice.h"
+
+#include "platform/fp/plane_soft.h"
+
+namespace vvl::host
+{
+
+#ifdef VVLAN_HAS_EBPF
+
+static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &loop, const fp::EbpfOptions &options, std::string &why)
+{
+    return fp::EbpfPlane::open(loop, options, why);
+}
+
+bool list_ebpf_features(const fp::EbpfOptions &options, std::vector<fp::EbpfFeature> &features, std::string &)
+{
+    features = fp::ebpf_features(options);
+    return true;
+}
+
+bool detach_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &report, std::string &why)
+{
+    return fp::ebpf_detach(options, report, why);
+}
+
+#else
+
+static constexpr const char *without_ebpf = "this vvland was built without the eBPF plane";
+
+static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &, const fp::EbpfOptions &, std::string &why)
+{
+    why = without_ebpf;
+    return nullptr;
+}
+
+bool list_ebpf_features(const fp::EbpfOptions &, std::vector<fp::EbpfFeature> &, std::string &why)
+{
+    why = without_ebpf;
+    return false;
+}
+
+bool detach_ebpf(const fp::EbpfOptions &, std::vector<std::string> &, std::string &why)
+{
+    why = without_ebpf;
+    return false;
+}
+
+#endif
+
+std::unique_ptr<fp::DataPlane> make_plane(const HostConfig &config, Loop &loop, std::string &why)
+{
+    return config.plane == PlaneKind::ebpf ? open_ebpf(loop, config.ebpf, why) : std::make_unique<fp::SoftPlane>(loop);
+}
+
+} // namespace vvl::host

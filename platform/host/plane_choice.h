@@ -1,0 +1,22 @@
+// Which forwarding plane a switch gets. The only place that knows both planes;
+// the one in the kernel is there where the build has found its libraries.
+#pragma once
+
+#include "platform/host/config.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vvl::host
+{
+
+// The plane of a configuration. Null with the reason in why.
+std::unique_ptr<fp::DataPlane> make_plane(const HostConfig &config, Loop &loop, std::string &why);
+
+// As the functions of the eBPF plane; false with the reason in why also where
+// this build is without it.
+bool list_ebpf_features(const fp::EbpfOptions &options, std::vector<fp::EbpfFeature> &features, std::string &why);
+bool detach_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &report, std::string &why);
+
+} // namespace vvl::host
