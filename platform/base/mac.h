@@ -30,4 +30,14 @@ constexpr uint64_t to_u64(const uint8_t *mac)
            uint64_t{mac[4]} << 8 | uint64_t{mac[5]};
 }
 
+// The address of such an integer; bits above 47 are ignored.
+constexpr Mac mac_of(uint64_t value)
+{
+    Mac mac{};
+    for (size_t i = 0; i < mac_size; i++) {
+        mac[i] = static_cast<uint8_t>(value >> (8 * (mac_size - 1 - i)));
+    }
+    return mac;
+}
+
 } // namespace vvl

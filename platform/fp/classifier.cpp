@@ -24,11 +24,6 @@ unsigned digit_of(uint64_t mac, size_t digit)
     return static_cast<unsigned>(mac >> (44 - 4 * digit)) & 15u;
 }
 
-uint32_t vlan_word(uint16_t vid, uint8_t form)
-{
-    return static_cast<uint32_t>(form) << 16 | vid;
-}
-
 // The best rule first.
 std::vector<Rule> by_rank(std::span<const Rule> rules)
 {

@@ -32,7 +32,6 @@ class Classifier
 
     std::vector<Rule> rules() const; // ascending id
 
-  private:
     static constexpr size_t digit_count = 2 * mac_size; // hexadecimal digits of an address
 
     // A set of rules by their ranks, of which the lowest wins: bit n of word 0 is
@@ -41,6 +40,18 @@ class Classifier
     using RuleSet = std::array<uint64_t, 2>;
     static_assert(FP_UDP_ACE_COUNT_MAX <= 128);
 
+    // Per digit of the address and value of that digit: the rules that agree with it.
+    using DigitSets = std::array<std::array<RuleSet, 16>, digit_count>;
+
+    // What a lookup works from, for a plane that does it elsewhere.
+    const DigitSets &agreeing() const { return agreeing_; }
+    const RuleSet &naming() const { return naming_; }       // the rules with a MAC mask
+    std::span<const Rule> ranked() const { return rules_; } // by rank
+
+    // VLAN id in the low 16 bits, the form above.
+    static uint32_t vlan_word(uint16_t vid, uint8_t form) { return static_cast<uint32_t>(form) << 16 | vid; }
+
+  private:
     // What a rule asks of the VLAN id (low 16 bits) and the form (above), kept
     // apart from the rules so that a lookup touches little memory.
     struct VlanMatch {
@@ -50,9 +61,8 @@ class Classifier
 
     RuleSet rules_for(uint64_t mac) const;
 
-    // Per digit of the address and value of that digit: the rules that agree with it.
-    std::array<std::array<RuleSet, 16>, digit_count> agreeing_{};
-    RuleSet naming_{};             // the rules with a MAC mask
+    DigitSets agreeing_{};
+    RuleSet naming_{};
     std::vector<VlanMatch> vlans_; // by rank
     std::vector<Rule> rules_;      // by rank
 };

@@ -40,15 +40,6 @@ struct Port {
     PortCounters counters;
 };
 
-Mac mac_of(uint64_t value)
-{
-    Mac mac;
-    for (size_t i = 0; i < mac_size; i++) {
-        mac[i] = static_cast<uint8_t>(value >> (8 * (mac_size - 1 - i)));
-    }
-    return mac;
-}
-
 } // namespace
 
 struct SoftPlane::Impl {

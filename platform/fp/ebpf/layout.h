@@ -13,18 +13,23 @@
 #define VV_LAYOUT 1
 #define VV_MAGIC 0x7676706cu
 
-#define VV_PORTS_MAX 4096    /* ports that are attached, bound or trapped */
+#define VV_PORTS_MAX 4096       /* ports that are attached, bound or trapped */
 #define VV_IFINDEX_PLACES 16384 /* of the table from interface to port; a power of two, four times the ports */
-#define VV_IFINDEX_PROBES 8  /* places that one interface may stand in */
-#define VV_STATES 16         /* forwarding states kept, one of them in force; a power of two */
+#define VV_IFINDEX_PROBES 8     /* places that one interface may stand in */
+#define VV_STATES 16            /* forwarding states kept, one of them in force; a power of two */
 #define VV_ACLS 3
-#define VV_RANKS 128         /* ranks of rules in an ACL; the last one stands for none */
+#define VV_RANKS 128 /* ranks of rules in an ACL; the last one stands for none */
 #define VV_RANK_NONE 127
-#define VV_DIGITS 12         /* hexadecimal digits of an address */
-#define VV_SEEN_MAX 32768    /* addresses that the plane remembers */
+#define VV_DIGITS 12              /* hexadecimal digits of an address */
+#define VV_SEEN_MAX 32768         /* addresses that the plane remembers; one beyond is forwarded but not learned */
 #define VV_EVENTS_SIZE (1u << 20) /* bytes of the ring of events; a power of two, whole pages */
-#define VV_TRAP_BYTES_MAX 1536 /* bytes of a trapped frame that are copied */
-#define VV_TRAPS_PER_TICK 64 /* frames trapped on one port per tick; the others are only forwarded */
+#define VV_TRAP_BYTES_MAX 1536    /* bytes of a trapped frame that are copied */
+#define VV_TRAPS_PER_TICK 64      /* frames trapped on one port per tick; the others are only forwarded */
+
+/* The filter that holds a program at an interface's hook. The priority lets
+ * others come before it and behind it. */
+#define VV_FILTER_PRIORITY 22102
+#define VV_FILTER_HANDLE 1
 
 /* Index of an ACL, in the order in which a frame passes them. */
 enum vv_acl_index { VV_ACL_MAC_VLAN, VV_ACL_VOICE, VV_ACL_SECURITY };
@@ -82,8 +87,6 @@ struct vv_state {
 #define VV_PORT_USED 1u
 #define VV_PORT_TRAP 2u
 #define VV_PORT_MADE_CLSACT 4u /* the interface had no clsact queue discipline before */
-#define VV_PORT_UPLINK 8u
-#define VV_PORT_KNOWN 16u /* configured, not only bound or trapped */
 
 struct vv_port {
     __u32 phyid;
@@ -123,9 +126,9 @@ struct vv_shared {
 
 struct vv_seen {
     __u64 verdict;
-    __u32 port; /* index of the port where it was seen last */
-    __u32 tick; /* when it was reported last */
-    __u16 vlan; /* as reported */
+    __u32 port;     /* index of the port where it was seen last */
+    __u32 tick;     /* when it was reported last */
+    __u16 vlan;     /* as reported */
     __u16 reported; /* 0: not yet, since the ring was full */
     __u32 unused;
 };
@@ -140,7 +143,7 @@ struct vv_port_counters {
     __u64 events_lost; /* no room in the ring, or an address beyond VV_SEEN_MAX */
 };
 
-#define VV_ACE_INDEX(acl, id) ((acl) * VV_RANKS + (id))
+#define VV_ACE_INDEX(acl, id) ((acl)*VV_RANKS + (id))
 
 enum vv_event_kind { VV_EVENT_SEEN = 1, VV_EVENT_TRAPPED = 2 };
 
@@ -164,7 +167,8 @@ static_assert(sizeof(vv_rule) == 32);
 static_assert(sizeof(vv_acl) == VV_DIGITS * 16 * 16 + 24 + VV_RANKS * sizeof(vv_rule));
 static_assert(sizeof(vv_state) == VV_ACLS * sizeof(vv_acl) + VV_PORTS_MAX * 8);
 static_assert(sizeof(vv_port) == 24);
-static_assert(sizeof(vv_shared) == 40 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) + VV_STATES * sizeof(vv_state));
+static_assert(sizeof(vv_shared) ==
+              32 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) + VV_STATES * sizeof(vv_state));
 static_assert(sizeof(vv_seen) == 24 && sizeof(vv_event) == 24);
 static_assert(sizeof(vv_port_counters) == 56);
 #endif

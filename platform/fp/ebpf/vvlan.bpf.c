@@ -315,7 +315,8 @@ static __noinline bool learn(struct vv_seen *entry, __u64 key, __u32 port, __u16
 /* Copies the frame, as it came in, to the packet side. The number per tick is
  * limited, since a device is noticed by one frame and a stream must not drown
  * the agent. */
-static __noinline bool trap(struct __sk_buff *skb, struct vv_port *port, __u32 index, __u64 mac)
+static __noinline void trap(struct __sk_buff *skb, struct vv_port *port, __u32 index, __u64 mac,
+                            struct vv_port_counters *counters)
 {
     __u32 tick = once(vv.tick), size = skb->len;
 
@@ -324,10 +325,12 @@ static __noinline bool trap(struct __sk_buff *skb, struct vv_port *port, __u32 i
         port->trap_count = 0;
     }
     if (port->trap_count >= VV_TRAPS_PER_TICK)
-        return true;
+        return;
     struct vv_trapped *trapped = bpf_ringbuf_reserve(&events, sizeof *trapped, 0);
-    if (!trapped)
-        return false;
+    if (!trapped) {
+        counters->events_lost++;
+        return;
+    }
     if (size > VV_TRAP_BYTES_MAX)
         size = VV_TRAP_BYTES_MAX;
     trapped->event = (struct vv_event){.kind = VV_EVENT_TRAPPED, .port = index, .mac = mac, .size = size};
@@ -337,11 +340,11 @@ static __noinline bool trap(struct __sk_buff *skb, struct vv_port *port, __u32 i
     }
     if (size == 0 || bpf_skb_load_bytes(skb, 0, trapped->bytes, size) != 0) {
         bpf_ringbuf_discard(trapped, 0);
-        return false;
+        return;
     }
     bpf_ringbuf_submit(trapped, 0);
     port->trap_count++;
-    return true;
+    counters->trapped++;
 }
 
 /* ---- Rewriting ----------------------------------------------------------- */
@@ -487,8 +490,7 @@ static __always_inline bool is_dropped(const struct vv_state *state, __u32 verdi
     return rank != VV_RANK_NONE && (state->acls[acl].rules[rank].flags & VV_RULE_DROP);
 }
 
-SEC("tc")
-int vvlan_ingress(struct __sk_buff *skb)
+static __always_inline int ingress(struct __sk_buff *skb)
 {
     struct header header = {};
     __u32 index = port_of(skb->ifindex);
@@ -520,12 +522,8 @@ int vvlan_ingress(struct __sk_buff *skb)
 
     /* A voice frame is trapped even where the security ACL drops it, or a phone
      * that tags its own frames could never join. */
-    if ((port->flags & VV_PORT_TRAP) && (verdict & VV_NAMED)) {
-        if (trap(skb, port, index, header.source))
-            counters->trapped++;
-        else
-            counters->events_lost++;
-    }
+    if ((port->flags & VV_PORT_TRAP) && (verdict & VV_NAMED))
+        trap(skb, port, index, header.source, counters);
     if (is_station && !is_dropped(state, verdict)) {
         __u16 vlan = resulting_vlan(state, &header, bind, verdict);
         if (!entry || entry->port != index || entry->tick != once(vv.tick) || entry->vlan != vlan || !entry->reported)
@@ -555,8 +553,7 @@ static __always_inline bool wants_untagged(const struct vv_port *port, __u32 ind
     return port->untag_vid == vid;
 }
 
-SEC("tc")
-int vvlan_egress(struct __sk_buff *skb)
+static __always_inline int egress(struct __sk_buff *skb)
 {
     struct header header = {};
     __u32 index = port_of(skb->ifindex);
@@ -581,6 +578,18 @@ int vvlan_egress(struct __sk_buff *skb)
         return TC_ACT_SHOT;
     }
     return TC_ACT_UNSPEC;
+}
+
+SEC("tc")
+int vvlan_ingress(struct __sk_buff *skb)
+{
+    return ingress(skb);
+}
+
+SEC("tc")
+int vvlan_egress(struct __sk_buff *skb)
+{
+    return egress(skb);
 }
 
 char license_text[] SEC("license") = "Dual MIT/GPL";

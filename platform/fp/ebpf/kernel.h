@@ -1,0 +1,90 @@
+// The kernel's half as the agent holds it: maps and programs, loaded anew or
+// taken over from the agent before, and pinned so that they outlive this one.
+//
+// In the pin folder everything stands in one sub-folder per layout of the maps.
+// It is filled under another name and renamed, so it is whole or not there.
+#pragma once
+
+#include "platform/fp/ebpf/layout.h"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace vvl::fp
+{
+
+class UniqueFd
+{
+  public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    ~UniqueFd();
+    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+  private:
+    int fd_;
+};
+
+// The part of a map that is mapped into this process.
+class SharedMemory
+{
+  public:
+    SharedMemory() = default;
+    ~SharedMemory();
+    SharedMemory(const SharedMemory &) = delete;
+    SharedMemory &operator=(const SharedMemory &) = delete;
+
+    bool map(int fd, bool writable);
+    vv_shared *get() const { return shared_; }
+
+  private:
+    vv_shared *shared_ = nullptr;
+};
+
+struct KernelSide {
+    std::string folder;   // of the pins
+    UniqueFd folder_lock; // of the one process that writes states; see lock_states
+    UniqueFd globals;     // the map behind shared
+    UniqueFd seen;
+    UniqueFd port_counters;
+    UniqueFd ace_counters;
+    UniqueFd events;
+    UniqueFd ingress; // programs
+    UniqueFd egress;
+    SharedMemory shared;
+};
+
+// Takes over what is pinned in the folder, with the programs of this build, or
+// makes it. On failure why names the object and the reason.
+bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
+
+// Opens what is pinned for reading alone. False with an empty why where nothing is.
+bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
+
+// Makes this process the one that writes states. False where another one is.
+bool lock_states(KernelSide &side);
+
+// Removes the pins; maps and programs go with their last user. Returns false
+// with the reason where a pin stays.
+bool remove_pins(const std::string &pin_folder, std::string &why);
+
+// Whether the kernel takes the programs: loads and drops them. why holds the
+// kernel's last words.
+bool try_programs(std::string &why);
+
+// Whether the folder is on a BPF file system, which is mounted where that is
+// missing at its usual place.
+bool prepare_pin_folder(const std::string &pin_folder, std::string &why);
+
+// "No such file or directory" for 2 or -2.
+std::string error_text(int error);
+
+} // namespace vvl::fp

@@ -1,0 +1,258 @@
+#include "platform/fp/ebpf/states.h"
+
+#include "platform/fp/classifier.h"
+#include "platform/fp/error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vvl::fp
+{
+namespace
+{
+
+static_assert(VV_DIGITS == Classifier::digit_count && VV_ACLS == acl_count);
+static_assert(FP_UDP_ACE_COUNT_MAX <= VV_RANK_NONE);
+static_assert(VV_ACL_MAC_VLAN == static_cast<int>(Acl::mac_vlan) && VV_ACL_VOICE == static_cast<int>(Acl::voice) &&
+              VV_ACL_SECURITY == static_cast<int>(Acl::security));
+
+struct FlagOfRule {
+    vv_rule_flag flag;
+    bool Rule::*member;
+};
+
+constexpr FlagOfRule flags_of_rules[] = {
+    {VV_RULE_DROP, &Rule::drop},     {VV_RULE_COS, &Rule::set_cos}, {VV_RULE_DSCP, &Rule::set_dscp},
+    {VV_RULE_PRIO, &Rule::set_prio}, {VV_RULE_TAG, &Rule::add_tag},
+};
+
+vv_rule kernel_rule(const Rule &rule)
+{
+    vv_rule out{};
+    out.mac = to_u64(rule.mac.data());
+    out.mask = to_u64(rule.mask.data());
+    out.vlan = Classifier::vlan_word(rule.vid, rule.form);
+    out.vlan_mask = Classifier::vlan_word(rule.vid_mask, rule.form_mask);
+    out.tag_vid = rule.tag_vid;
+    out.id = static_cast<uint8_t>(rule.id);
+    out.cos = rule.cos;
+    out.dscp = rule.dscp;
+    out.prio = rule.prio;
+    for (const FlagOfRule &row : flags_of_rules) {
+        out.flags |= static_cast<uint8_t>(rule.*row.member ? row.flag : 0);
+    }
+    return out;
+}
+
+Rule user_rule(const vv_rule &rule)
+{
+    Rule out;
+    out.id = rule.id;
+    out.mac = mac_of(rule.mac);
+    out.mask = mac_of(rule.mask);
+    out.vid = static_cast<uint16_t>(rule.vlan);
+    out.form = static_cast<uint8_t>(rule.vlan >> 16);
+    out.vid_mask = static_cast<uint16_t>(rule.vlan_mask);
+    out.form_mask = static_cast<uint8_t>(rule.vlan_mask >> 16);
+    out.tag_vid = rule.tag_vid;
+    out.cos = rule.cos;
+    out.dscp = rule.dscp;
+    out.prio = rule.prio;
+    for (const FlagOfRule &row : flags_of_rules) {
+        out.*row.member = (rule.flags & row.flag) != 0;
+    }
+    return out;
+}
+
+void compile(std::span<const Rule> rules, vv_acl &acl)
+{
+    const Classifier classifier(rules);
+    static_assert(sizeof acl.agreeing == sizeof(Classifier::DigitSets));
+    static_assert(sizeof acl.naming == sizeof(Classifier::RuleSet));
+    acl = {};
+    std::memcpy(acl.agreeing, classifier.agreeing().data(), sizeof acl.agreeing);
+    std::memcpy(acl.naming, classifier.naming().data(), sizeof acl.naming);
+    for (const Rule &rule : classifier.ranked()) {
+        acl.rules[acl.count++] = kernel_rule(rule);
+    }
+}
+
+uint64_t bind_word(uint32_t generation, uint16_t pvid, uint8_t acls)
+{
+    return uint64_t{generation} << 32 | uint64_t{pvid} << 16 | acls;
+}
+
+uint32_t first_place(uint32_t ifindex, uint32_t probe)
+{
+    return (ifindex + probe) % VV_IFINDEX_PLACES;
+}
+
+} // namespace
+
+States::States(vv_shared *shared) : shared_(shared)
+{
+    for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
+        vv_port &entry = shared_->ports[port];
+        if ((entry.flags & VV_PORT_USED) && entry.ifindex == 0 && VV_BIND_BOUND(active().bind[port]) == 0) {
+            entry = {}; // left over from a port that nobody has any more
+        } else if (entry.flags & VV_PORT_USED) {
+            port_by_phyid_[entry.phyid] = port;
+        }
+    }
+}
+
+uint32_t States::find_port(uint32_t phyid) const
+{
+    const auto found = port_by_phyid_.find(phyid);
+    return found != port_by_phyid_.end() ? found->second : VV_PORTS_MAX;
+}
+
+uint32_t States::port_for(uint32_t phyid)
+{
+    if (const uint32_t known = find_port(phyid); known < VV_PORTS_MAX) {
+        return known;
+    }
+    vv_port *const end = shared_->ports + VV_PORTS_MAX;
+    vv_port *const place =
+        std::find_if(shared_->ports, end, [](const vv_port &port) { return (port.flags & VV_PORT_USED) == 0; });
+    if (place == end) {
+        return VV_PORTS_MAX;
+    }
+    const auto port = static_cast<uint32_t>(place - shared_->ports);
+    *place = {};
+    place->phyid = phyid;
+    store_bind(port, 1, 0);
+    place->flags = VV_PORT_USED;
+    port_by_phyid_[phyid] = port;
+    return port;
+}
+
+uint32_t States::next_generation()
+{
+    return ++shared_->generation;
+}
+
+void States::store_bind(uint32_t port, uint16_t pvid, uint8_t acls)
+{
+    __atomic_store_n(&active().bind[port], bind_word(next_generation(), pvid, acls), __ATOMIC_RELEASE);
+}
+
+template <typename Change> int States::put_into_force(Change &&change)
+{
+    if (free_states_ == 0) {
+        if (syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL, 0, 0) != 0) {
+            return -errno;
+        }
+        free_states_ = VV_STATES - 1;
+    }
+    const uint32_t next = (shared_->active + 1) % VV_STATES;
+    vv_state &state = shared_->states[next];
+    state = active();
+    change(state);
+    const uint32_t generation = next_generation();
+    for (__u64 &bind : state.bind) {
+        bind = bind_word(generation, VV_BIND_PVID(bind), VV_BIND_BOUND(bind));
+    }
+    free_states_--;
+    __atomic_store_n(&shared_->active, next, __ATOMIC_RELEASE);
+    return 0;
+}
+
+int States::set_rules(Acl acl, std::span<const Rule> rules)
+{
+    return put_into_force([&](vv_state &state) { compile(rules, state.acls[static_cast<size_t>(acl)]); });
+}
+
+int States::replace_all(const PlaneState &plane_state)
+{
+    return put_into_force([&](vv_state &state) {
+        for (size_t i = 0; i < acl_count; i++) {
+            compile(plane_state.rules[i], state.acls[i]);
+        }
+        for (const auto &[phyid, port] : port_by_phyid_) {
+            const auto bound = plane_state.binding.find(phyid);
+            state.bind[port] = bind_word(0, VV_BIND_PVID(state.bind[port]),
+                                         bound != plane_state.binding.end() ? bound->second : uint8_t{0});
+        }
+    });
+}
+
+void States::set_binding(uint32_t port, uint8_t acls)
+{
+    store_bind(port, VV_BIND_PVID(active().bind[port]), acls);
+}
+
+void States::set_pvid(uint32_t port, uint16_t pvid)
+{
+    if (const uint64_t bind = active().bind[port]; VV_BIND_PVID(bind) != pvid) {
+        store_bind(port, pvid, VV_BIND_BOUND(bind));
+    }
+}
+
+PlaneState States::installed() const
+{
+    PlaneState out;
+    const vv_state &state = active();
+    for (size_t i = 0; i < acl_count; i++) {
+        const vv_acl &acl = state.acls[i];
+        for (uint32_t rank = 0; rank < acl.count && rank < VV_RANK_NONE; rank++) {
+            out.rules[i].push_back(user_rule(acl.rules[rank]));
+        }
+        std::ranges::sort(out.rules[i], {}, &Rule::id);
+    }
+    for (const auto &[phyid, port] : port_by_phyid_) {
+        if (const uint8_t bound = VV_BIND_BOUND(state.bind[port]); bound != 0) {
+            out.binding.emplace(phyid, bound);
+        }
+    }
+    return out;
+}
+
+bool States::place_interface(uint32_t port, uint32_t ifindex)
+{
+    const uint64_t place = uint64_t{ifindex} << 32 | port;
+    __u64 *found = nullptr;
+    for (uint32_t probe = 0; probe < VV_IFINDEX_PROBES; probe++) {
+        __u64 &at = shared_->places[first_place(ifindex, probe)];
+        if (at == place && shared_->ports[port].ifindex == ifindex) {
+            return true;
+        }
+        if (at >> 32 == ifindex) {
+            // Of another port until now; its frames are this one's with the one store below.
+            if (static_cast<uint32_t>(at) != port) {
+                shared_->ports[at % VV_PORTS_MAX].ifindex = 0;
+            }
+            found = &at;
+            break;
+        }
+        if (at == 0 && found == nullptr) {
+            found = &at;
+        }
+    }
+    if (found == nullptr) {
+        return false;
+    }
+    remove_interface(port);
+    shared_->ports[port].ifindex = ifindex;
+    __atomic_store_n(found, place, __ATOMIC_RELEASE);
+    return true;
+}
+
+void States::remove_interface(uint32_t port)
+{
+    uint32_t &ifindex = shared_->ports[port].ifindex;
+    for (uint32_t probe = 0; probe < VV_IFINDEX_PROBES; probe++) {
+        __u64 &at = shared_->places[first_place(ifindex, probe)];
+        if (ifindex != 0 && at >> 32 == ifindex && static_cast<uint32_t>(at) == port) {
+            __atomic_store_n(&at, 0, __ATOMIC_RELEASE);
+        }
+    }
+    ifindex = 0;
+}
+
+} // namespace vvl::fp

@@ -1,0 +1,56 @@
+// The forwarding states in the shared map: what the kernel's programs work from.
+//
+// A change of rules fills a state that is not in force and puts it into force
+// with one store. A change of one port is one store into the state in force. A
+// state is filled again only when no program can still be reading it: each
+// program runs in an RCU read section, and membarrier() waits for those that
+// have begun.
+#pragma once
+
+#include "platform/fp/ebpf/layout.h"
+#include "platform/fp/rule.h"
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <string>
+
+namespace vvl::fp
+{
+
+class States
+{
+  public:
+    // shared outlives this.
+    explicit States(vv_shared *shared);
+
+    // The index of a physical port, made where it is new; VV_PORTS_MAX where
+    // VV_PORTS_MAX are in use.
+    uint32_t port_for(uint32_t phyid);
+    // The same of a port that there is; VV_PORTS_MAX where there is none.
+    uint32_t find_port(uint32_t phyid) const;
+
+    // rules and state: such that check_rules accepts them; ports: all made before.
+    int set_rules(Acl acl, std::span<const Rule> rules);
+    int replace_all(const PlaneState &state);
+    void set_binding(uint32_t port, uint8_t acls);
+    void set_pvid(uint32_t port, uint16_t pvid);
+    PlaneState installed() const;
+
+    // Makes an interface's frames those of the port, and no other interface's.
+    // False where its places are taken by others.
+    bool place_interface(uint32_t port, uint32_t ifindex);
+    void remove_interface(uint32_t port);
+
+  private:
+    template <typename Change> int put_into_force(Change &&change);
+    vv_state &active() const { return shared_->states[shared_->active % VV_STATES]; }
+    void store_bind(uint32_t port, uint16_t pvid, uint8_t acls);
+    uint32_t next_generation();
+
+    vv_shared *shared_;
+    std::map<uint32_t, uint32_t> port_by_phyid_;
+    uint32_t free_states_ = 0; // that no program can be reading any more
+};
+
+} // namespace vvl::fp

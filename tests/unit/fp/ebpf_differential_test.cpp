@@ -1,0 +1,139 @@
+// Both planes give the same answer: random rule sets, and random and mutated
+// frames, through the programs in the kernel and through run_acls.
+#include "platform/fp/pipeline.h"
+#include "tests/fuzz/byte_reader.h"
+#include "tests/fuzz/plane_rules.h"
+#include "tests/unit/fp/ebpf_rig.h"
+
+#include <net/if.h>
+#include <random>
+#include <unistd.h>
+
+namespace vvl::fp::test
+{
+namespace
+{
+
+constexpr unsigned rule_sets = 250;
+constexpr unsigned frames_per_set = 4096;
+
+class Dice
+{
+  public:
+    explicit Dice(uint64_t seed) : random_(seed) {}
+    unsigned below(unsigned count) { return static_cast<unsigned>(random_() % count); }
+    template <typename T, size_t count> T one_of(const T (&values)[count]) { return values[below(count)]; }
+    Bytes bytes(size_t size)
+    {
+        Bytes out(size);
+        std::generate(out.begin(), out.end(), [&] { return static_cast<uint8_t>(random_()); });
+        return out;
+    }
+
+  private:
+    std::mt19937_64 random_;
+};
+
+PlaneState random_state(Dice &dice)
+{
+    PlaneState state;
+    for (auto &rules : state.rules) {
+        const Bytes input = dice.bytes(dice.below(2500));
+        vvl::test::ByteReader reader(input);
+        std::string why;
+        for (const Rule &rule : vvl::test::read_rules(reader)) {
+            std::vector<Rule> longer = rules;
+            longer.push_back(rule);
+            if (check_rules(longer, why)) {
+                rules = std::move(longer);
+            }
+        }
+    }
+    state.binding[1] = static_cast<uint8_t>(dice.below(8));
+    return state;
+}
+
+Bytes random_frame(Dice &dice)
+{
+    const unsigned types[] = {0x8100, 0x8100, 0x88a8, 0x9100, 0x0806};
+    const unsigned vids[] = {100, 100, 1, 0, 0x8000, 0x6064, 0xb000, 4095};
+    const unsigned payload_types[] = {0x0800, 0x0800, 0x86dd, 0x0806, 0x8100, 60};
+    const Bytes input = dice.bytes(8);
+    vvl::test::ByteReader reader(input);
+    const Mac from = vvl::test::read_address(reader);
+    const Bytes payload =
+        dice.below(4) == 0 ? ipv6(dice.below(256)) : ipv4(dice.below(256), dice.below(65536), dice.below(11));
+    const unsigned tags = dice.below(4);
+    Bytes frame;
+    if (tags == 0) {
+        frame = ethernet(server, from, {}, dice.one_of(payload_types), payload);
+    } else if (tags < 3) {
+        frame = ethernet(server, from, {dice.one_of(types), dice.one_of(vids)}, dice.one_of(payload_types), payload);
+    } else {
+        frame = ethernet(server, from, {dice.one_of(types), dice.one_of(vids), dice.one_of(types), dice.one_of(vids)},
+                         dice.one_of(payload_types), payload);
+    }
+    if (dice.below(4) == 0) {
+        frame[dice.below(static_cast<unsigned>(frame.size()))] ^= static_cast<uint8_t>(1u << dice.below(8));
+    }
+    if (dice.below(8) == 0) {
+        frame.resize(14 +
+                     dice.below(static_cast<unsigned>(frame.size()) - 13)); // 14: the least that the kernel hands on
+    }
+    return frame;
+}
+
+TEST(EbpfDifferential, KernelAndClassifierTreatEveryFrameAlike)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "not root: no network namespace can be made and no program loaded";
+    }
+    Dice dice(20261123);
+    EbpfRig rig(true);
+    Probe probe;
+    const uint32_t ifindex = if_nametoindex("port1");
+    PortCounters expected;
+    uint64_t differences = 0;
+    for (unsigned set = 0; set < rule_sets && differences == 0; set++) {
+        const PlaneState state = random_state(dice);
+        const auto pvid = static_cast<uint16_t>(dice.below(2) == 0 ? 100 : 1 + dice.below(4094));
+        std::string why;
+        ASSERT_EQ(0, rig.plane().replace_all(state));
+        ASSERT_TRUE(rig.plane().add_port({.phyid = 1, .pvid = pvid, .interface = "port1"}, why)) << why;
+        AclSet acls;
+        for (size_t i = 0; i < acl_count; i++) {
+            acls.acls[i] = Classifier(state.rules[i]);
+        }
+        for (unsigned i = 0; i < frames_per_set; i++) {
+            const Bytes frame = random_frame(dice);
+            Bytes out = frame;
+            FrameHeader header;
+            const bool whole = read_header(out, header);
+            const Verdict verdict =
+                whole ? run_acls(acls, state.binding.at(1), pvid, out, header) : Verdict{.drop = true};
+            const ProbeResult result = probe.ingress(ifindex, frame, dice.below(2) == 0);
+            expected.in++;
+            expected.tagged += verdict.tagged;
+            expected.remarked += verdict.remarked;
+            expected.dropped += verdict.drop;
+            if (result.forwarded == verdict.drop || (result.forwarded && result.frame != out)) {
+                differences++;
+                ADD_FAILURE() << "set " << set << ", frame " << i << ":\n  in     " << ::testing::PrintToString(frame)
+                              << "\n  soft   " << ::testing::PrintToString(out) << "\n  kernel "
+                              << ::testing::PrintToString(result.frame);
+            }
+        }
+    }
+    const PortCounters counted = rig.plane().counters(1);
+    EXPECT_EQ(expected.in, counted.in);
+    EXPECT_EQ(expected.tagged, counted.tagged);
+    EXPECT_EQ(expected.remarked, counted.remarked);
+    EXPECT_EQ(expected.dropped, counted.dropped);
+    // None of the outcomes is a rare one.
+    for (const uint64_t count : {counted.tagged, counted.remarked, counted.dropped}) {
+        EXPECT_LT(expected.in / 20, count);
+    }
+}
+
+} // namespace
+} // namespace vvl::fp::test

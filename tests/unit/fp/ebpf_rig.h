@@ -1,0 +1,76 @@
+// The plane in the kernel under test: on interfaces of a network namespace and
+// with a BPF file system of its own, both of which end with the process. Frames
+// go through the programs by the kernel's test run; the Linux bridge behind them
+// is not part of it: what an access port takes in leaves at the uplink.
+#pragma once
+
+#include "platform/fp/plane_ebpf.h"
+#include "tests/unit/fp/plane_fixture.h"
+
+#include <bpf/libbpf.h>
+#include <memory>
+#include <string>
+
+namespace vvl::fp::test
+{
+
+// Moves the process into its own namespaces, once. Returns the pin folder.
+const std::string &isolated_pin_folder();
+
+// Makes the interface "port<phyid>" and returns its name.
+std::string make_interface(uint32_t phyid);
+
+struct ProbeResult {
+    bool forwarded = false;
+    Bytes frame; // with its tag in the bytes
+};
+
+// The programs of the plane that is pinned, to be run by hand.
+class Probe
+{
+  public:
+    Probe();
+    // metadata: the outer tag is put into the metadata first.
+    ProbeResult ingress(uint32_t ifindex, const Bytes &frame, bool metadata)
+    {
+        return run(ingress_, ifindex, frame, metadata);
+    }
+    ProbeResult egress(uint32_t ifindex, const Bytes &frame, bool metadata)
+    {
+        return run(egress_, ifindex, frame, metadata);
+    }
+
+    int ingress_program() const { return ingress_; }
+
+  private:
+    static ProbeResult run(int program, uint32_t ifindex, const Bytes &frame, bool metadata);
+
+    struct ObjectEnd {
+        void operator()(bpf_object *object) const { bpf_object__close(object); }
+    };
+    std::unique_ptr<bpf_object, ObjectEnd> object_;
+    int ingress_ = -1;
+    int egress_ = -1;
+};
+
+class EbpfRig final : public Rig
+{
+  public:
+    explicit EbpfRig(bool metadata);
+    ~EbpfRig() override;
+    DataPlane &plane() override { return *plane_; }
+    EbpfPlane &ebpf() { return *plane_; }
+    Sent send(uint32_t phyid, const Bytes &frame) override;
+    void advance(uint64_t delta_us) override { loop_.advance(delta_us); }
+    ProbeResult leave(uint32_t phyid, const Bytes &frame); // at the egress of a port
+    // The agent dies and starts again.
+    void restart_agent();
+
+  private:
+    bool metadata_;
+    VirtualLoop loop_;
+    std::unique_ptr<EbpfPlane> plane_;
+    std::unique_ptr<Probe> probe_;
+};
+
+} // namespace vvl::fp::test

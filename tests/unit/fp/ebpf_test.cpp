@@ -1,0 +1,184 @@
+// What the plane in the kernel has beyond the contract of all planes: it
+// outlives the agent, it takes the tag off again towards a phone that does not
+// tag, and it leaves alone what others have put on its interfaces.
+#include "platform/fp/ebpf/layout.h"
+#include "tests/unit/fp/ebpf_rig.h"
+
+#include <cstdlib>
+#include <net/if.h>
+#include <unistd.h>
+
+namespace vvl::fp::test
+{
+namespace
+{
+
+constexpr uint8_t all_acls = acl_bit(Acl::mac_vlan) | acl_bit(Acl::voice) | acl_bit(Acl::security);
+
+class EbpfTest : public ::testing::Test, public PlaneEvents
+{
+  public:
+    void voice_trapped(uint32_t, const Mac &, std::span<const uint8_t>) override { trapped_++; }
+    void mac_seen(uint16_t vlan, const Mac &, uint32_t) override { seen_in_.push_back(vlan); }
+
+  protected:
+    void SetUp() override
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "not root: no network namespace can be made and no program loaded";
+        }
+        rig_ = std::make_unique<EbpfRig>(true);
+        state_.rules[0] = {voice_tag_rule(5)};
+        state_.rules[1] = {voice_mark_rule(5)};
+        state_.rules[2] = {deny_rule()};
+        state_.binding = {{1, all_acls}};
+        ASSERT_EQ(0, rig_->plane().replace_all(state_));
+    }
+
+    static Bytes from_phone() { return ethernet(server, phone, {}, 0x0800, ipv4(1)); }
+    static Bytes to(const Mac &mac, std::initializer_list<unsigned> tags = {0x8100, 0xc064})
+    {
+        return ethernet(mac, server, tags, 0x0800, ipv4(46 << 2));
+    }
+
+    std::unique_ptr<EbpfRig> rig_;
+    PlaneState state_;
+    int trapped_ = 0;
+    std::vector<uint16_t> seen_in_;
+};
+
+// Neither the treatment nor the counters, traps and addresses notice a new agent.
+TEST_F(EbpfTest, NextAgentTakesOverWhatTheLastOneLeft)
+{
+    ASSERT_EQ(0, rig_->plane().set_trap(1, true));
+    const Sent before = rig_->send(1, from_phone());
+    for (int i = 0; i < 3; i++) {
+        rig_->restart_agent();
+        EXPECT_EQ(state_, rig_->plane().installed());
+        rig_->plane().set_events(this);
+        EXPECT_EQ(before, rig_->send(1, from_phone()));
+    }
+    EXPECT_EQ(4u, rig_->plane().counters(1).tagged);
+    EXPECT_EQ(4u, rig_->ebpf().ace_frames(Acl::voice, 5));
+    EXPECT_EQ(4, trapped_); // the first frame's too, which nobody had read
+    EXPECT_EQ(std::vector<uint16_t>({voice_vlan}), seen_in_);
+}
+
+// More changes than there are states, so that each is filled again.
+TEST_F(EbpfTest, EveryStateIsReusedWhole)
+{
+    const Bytes frame = from_phone();
+    for (unsigned i = 0; i < 40; i++) {
+        Rule mark = voice_mark_rule(5);
+        mark.cos = static_cast<uint8_t>(i % 8);
+        ASSERT_EQ(0, rig_->plane().set_rules(Acl::voice, std::vector<Rule>{mark}));
+        ASSERT_EQ(0, rig_->plane().set_binding(2, i % 2 == 0 ? all_acls : 0));
+        const Bytes marked = ethernet(server, phone, {0x8100, (i % 8) << 13 | voice_vlan}, 0x0800, ipv4(46 << 2 | 1));
+        EXPECT_EQ(Sent({{uplink, marked}}), rig_->send(1, frame));
+        EXPECT_EQ(Sent({{uplink, i % 2 == 0 ? marked : frame}}), rig_->send(2, frame));
+    }
+}
+
+TEST_F(EbpfTest, FramesLeaveABoundPortAsItsDeviceTalks)
+{
+    const Mac tagging = {0x02, 0x11, 0x22, 0x99, 0x99, 0x99};
+    const Bytes untagged = to(phone, {});
+    EXPECT_EQ(to(phone), rig_->leave(1, to(phone)).frame); // not heard of yet
+    rig_->send(1, from_phone());
+    EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame);
+    EXPECT_EQ(to(broadcast, {}), rig_->leave(1, to(broadcast)).frame);
+    for (const auto &other :
+         {to(phone, {0x8100, 0xc065}), to(phone, {0x88a8, 0xc064}), to(phone, {0x8100, 0xc064, 0x8100, 7}), untagged}) {
+        EXPECT_EQ(other, rig_->leave(1, other).frame);
+    }
+    EXPECT_EQ(to(phone), rig_->leave(2, to(phone)).frame); // not bound
+
+    rig_->send(1, ethernet(server, tagging, {0x8100, voice_vlan}, 0x0800, ipv4(0)));
+    EXPECT_EQ(to(tagging), rig_->leave(1, to(tagging)).frame);
+    EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame);
+    EXPECT_EQ(to(broadcast), rig_->leave(1, to(broadcast)).frame); // as the one that talked last
+
+    rig_->send(1, from_phone());
+    rig_->plane().forget(voice_vlan, phone);
+    EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame); // aged, its port still knows
+    ASSERT_EQ(0, rig_->plane().set_binding(1, 0));
+    EXPECT_EQ(to(phone), rig_->leave(1, to(phone)).frame);
+}
+
+// An interface that is deleted and made again under its name.
+TEST_F(EbpfTest, InterfaceMayGoAndComeBack)
+{
+    const Sent treated = rig_->send(1, from_phone());
+    const unsigned before = if_nametoindex("port1");
+    ASSERT_EQ(0, std::system("ip link delete port1"));
+    rig_->plane().remove_port(1);
+    std::string why;
+    PlanePort port{.phyid = 1, .interface = "port1"};
+    EXPECT_FALSE(rig_->plane().add_port(port, why));
+    EXPECT_EQ("port 1 (port1): no such interface", why);
+    make_interface(1);
+    ASSERT_NE(before, if_nametoindex("port1"));
+    ASSERT_TRUE(rig_->plane().add_port(port, why)) << why;
+    EXPECT_EQ(treated, rig_->send(1, from_phone()));
+    // A real frame comes to the program as well.
+    const uint64_t in = rig_->plane().counters(1).in;
+    EXPECT_EQ(0, std::system("ip address add 192.0.2.1/24 dev peer1 && bash -c 'echo > /dev/udp/192.0.2.2/9'"));
+    EXPECT_LT(in, rig_->plane().counters(1).in);
+}
+
+TEST_F(EbpfTest, DetachTakesOffOnlyWhatIsOurs)
+{
+    make_interface(77);
+    ASSERT_EQ(0, std::system("tc qdisc add dev port77 clsact && tc filter add dev port77 ingress u32 match u32 0 0"));
+    std::string why;
+    ASSERT_TRUE(rig_->plane().add_port({.phyid = 77, .interface = "port77"}, why)) << why;
+    ASSERT_EQ(0, std::system("tc filter add dev port2 egress u32 match u32 0 0"));
+    std::vector<std::string> report;
+    EXPECT_TRUE(ebpf_detach({.pin_folder = isolated_pin_folder()}, report, why)) << why;
+    EXPECT_EQ(6u, report.size()); // five interfaces and the pins
+    const auto has = [](const std::string &what) { return std::system(("tc " + what + " | grep -q .").c_str()) == 0; };
+    EXPECT_TRUE(has("filter show dev port77 ingress"));
+    EXPECT_FALSE(has("filter show dev port77 egress"));
+    EXPECT_TRUE(has("filter show dev port2 egress"));
+    EXPECT_FALSE(has("qdisc show dev port1 | grep clsact"));
+    EXPECT_NE(0, access(isolated_pin_folder().c_str(), F_OK));
+    report.clear();
+    EXPECT_TRUE(ebpf_detach({.pin_folder = isolated_pin_folder()}, report, why)) << why;
+    EXPECT_TRUE(report.empty());
+    std::system("ip link delete port77; ip link delete port2");
+}
+
+TEST_F(EbpfTest, SecondAgentAndStrangersAreRefused)
+{
+    VirtualLoop loop;
+    std::string why;
+    const auto second = EbpfPlane::open(loop, {.pin_folder = isolated_pin_folder()}, why);
+    ASSERT_NE(nullptr, second) << why;
+    EXPECT_EQ(state_, second->installed()); // to read is free
+    EXPECT_GT(0, second->set_binding(1, 0));
+    EXPECT_EQ(state_, rig_->plane().installed());
+
+    make_interface(78);
+    bpf_tc_hook hook{};
+    hook.sz = sizeof hook;
+    hook.ifindex = static_cast<int>(if_nametoindex("port78"));
+    hook.attach_point = BPF_TC_EGRESS;
+    bpf_tc_opts place{};
+    place.sz = sizeof place;
+    place.handle = VV_FILTER_HANDLE;
+    place.priority = VV_FILTER_PRIORITY;
+    Probe stranger;
+    place.prog_fd = stranger.ingress_program();
+    ASSERT_EQ(0, bpf_tc_hook_create(&hook));
+    ASSERT_EQ(0, bpf_tc_attach(&hook, &place));
+    EXPECT_FALSE(rig_->plane().add_port({.phyid = 78, .interface = "port78"}, why));
+    EXPECT_EQ("port 78 (port78): another program has the filter egress priority 22102 already", why);
+    EXPECT_EQ(0, std::system("tc filter show dev port78 egress | grep -q probe_ingress"));
+    std::system("ip link delete port78");
+
+    EXPECT_EQ(nullptr, EbpfPlane::open(loop, {.pin_folder = "/tmp"}, why));
+    EXPECT_EQ("/tmp: not on a BPF file system (mount -t bpf)", why);
+}
+
+} // namespace
+} // namespace vvl::fp::test
