@@ -1,6 +1,6 @@
 // The manager behind the operation table. A request is worked out on a copy of
-// the table of ACLs; the plane is told the difference; only what it accepts
-// becomes the desired state.
+// the table of ACLs, a binding on its port alone; the plane is told the
+// difference; only what it accepts becomes the desired state.
 //
 // A reconciliation takes the plane out of this: it keeps the state that it had
 // when the first mark was opened, requests change the desired state alone, and
@@ -65,6 +65,15 @@ int read_descriptor(const vvlan_acl_desc_t *desc, Acl &acl, std::string &why)
         return 0;
     }
     return error_invalid;
+}
+
+void set_bound(PlaneState &state, uint32_t phyid, uint8_t acls)
+{
+    if (acls == 0) {
+        state.binding.erase(phyid);
+    } else {
+        state.binding[phyid] = acls;
+    }
 }
 
 } // namespace
@@ -135,29 +144,40 @@ int Manager::Impl::apply_set(const vvlan_acl_desc_t *desc, uint8_t acl_kind, con
     if (apply->apply_opt != (acl == Acl::mac_vlan ? 1u : 0u)) {
         return refuse(request, error_invalid, "the ACL cannot act at that stage");
     }
-    AclTable next = table_;
-    auto &bindings = next.at(acl).bindings;
-    bindings[apply->phyid] = false;
-    if (bindings.size() > bindings_max) {
+    const auto &bindings = table_.at(acl).bindings;
+    if (bindings.size() == bindings_max && !bindings.contains(apply->phyid)) {
         return refuse(request, error_full, "the ACL is bound to too many ports");
     }
-    return adopt(request, std::move(next));
+    return bind(request, acl, true);
+}
+
+// Finds the ACL of a request that removes something; none where code says why
+// there is nothing to do. An application may let go of what it never had, with
+// a descriptor that it has not filled in yet.
+std::optional<Acl> Manager::Impl::find_removed(const Request &request, int &code)
+{
+    Acl acl{};
+    code = 0;
+    if (!has_app_type(request.desc)) {
+        code = refuse(request, error_invalid, "descriptor is missing or its app type has no end");
+        return {};
+    }
+    if (!acl_of_app_type(request.desc->app_type, acl) || !table_.at(acl).present ||
+        table_.at(acl).id != request.desc->acl_id) {
+        return {};
+    }
+    return acl;
 }
 
 template <typename Remove> int Manager::Impl::remove(const Request &request, Remove &&how)
 {
-    Acl acl{};
-    if (!has_app_type(request.desc)) {
-        return refuse(request, error_invalid, "descriptor is missing or its app type has no end");
-    }
-    // An application may let go of what it never had, with a descriptor that
-    // it has not filled in yet.
-    if (!acl_of_app_type(request.desc->app_type, acl) || !table_.at(acl).present ||
-        table_.at(acl).id != request.desc->acl_id) {
-        return 0;
+    int code = 0;
+    const std::optional<Acl> acl = find_removed(request, code);
+    if (!acl) {
+        return code;
     }
     AclTable next = table_;
-    how(next.at(acl));
+    how(next.at(*acl));
     return adopt(request, std::move(next));
 }
 
@@ -176,8 +196,10 @@ int Manager::Impl::apply_del(const vvlan_acl_desc_t *desc, const vvlan_apply_t *
     if (!record) {
         return refuse({Kind::binding, desc, 0, false}, error_invalid, "no apply record");
     }
-    return remove({Kind::binding, desc, record->phyid, false},
-                  [&](AclEntry &entry) { entry.bindings.erase(record->phyid); });
+    const Request request{Kind::binding, desc, record->phyid, false};
+    int code = 0;
+    const std::optional<Acl> acl = find_removed(request, code);
+    return acl ? bind(request, *acl, false) : code;
 }
 
 int Manager::Impl::expire(Kind kind, const char *app_type)
@@ -285,6 +307,37 @@ int Manager::Impl::adopt(const Request &request, AclTable next)
     }
     table_ = std::move(next);
     desired_ = std::move(state);
+    accept(request);
+    return 0;
+}
+
+// Worked out on the one port that it concerns: every port is bound at a
+// start-up, and copies of all ports for each would cost their square.
+int Manager::Impl::bind(const Request &request, Acl acl, bool bound)
+{
+    const auto phyid = static_cast<uint32_t>(request.subject);
+    const auto found = desired_.binding.find(phyid);
+    const uint8_t before = found == desired_.binding.end() ? 0 : found->second;
+    const auto after = static_cast<uint8_t>(bound ? before | acl_bit(acl) : before & ~acl_bit(acl));
+    if (!reconciling_ && after != before) {
+        if (const int code = plane_.set_binding(phyid, after); code < 0) {
+            return refuse(request, code, "refused by the plane (" + std::to_string(code) + ")");
+        }
+        set_bound(active_, phyid, after);
+    }
+    set_bound(desired_, phyid, after);
+    auto &bindings = table_.at(acl).bindings;
+    if (bound) {
+        bindings[phyid] = false;
+    } else {
+        bindings.erase(phyid);
+    }
+    accept(request);
+    return 0;
+}
+
+void Manager::Impl::accept(const Request &request)
+{
     counters_.accepted++;
     if (request.reported) {
         const Report report{request.kind, *request.desc, request.subject, 0};
@@ -294,7 +347,6 @@ int Manager::Impl::adopt(const Request &request, AclTable next)
             counters_.unreported++;
         }
     }
-    return 0;
 }
 
 int Manager::Impl::refuse(const Request &request, int code, const std::string &why)

@@ -7,6 +7,7 @@
 #include "platform/fp/reports.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace vvl::fp
@@ -49,8 +50,12 @@ struct Manager::Impl {
     int locate(const Request &request, Acl &acl, std::string &why) const;
     // Makes next the desired state, and during no reconciliation the plane's.
     int adopt(const Request &request, AclTable next);
+    // The same for one port and one ACL; the port is the request's subject.
+    int bind(const Request &request, Acl acl, bool bound);
+    void accept(const Request &request);
     int refuse(const Request &request, int code, const std::string &why);
     int refuse_app_type(const char *app_type);
+    std::optional<Acl> find_removed(const Request &request, int &code);
     template <typename Remove> int remove(const Request &request, Remove &&how);
     void start_limit();
     int end_reconciliation(bool timed_out);

@@ -49,13 +49,15 @@ void Delivery::count_malformed(const ObjectType &type, uint32_t db, const std::s
 
 void Delivery::send_plain(const Receiver &to, int32_t operate, int32_t phase, int32_t error)
 {
-    send(to, {operate, nullptr, phase, error});
+    tq_mom_record_t record{operate, nullptr, phase, error};
+    send(to, record);
 }
 
 void Delivery::send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message)
 {
     // Records are the same for all callbacks, which must not change them.
-    send(to, {operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK});
+    tq_mom_record_t record{operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK};
+    send(to, record);
 }
 
 void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message,
@@ -63,10 +65,11 @@ void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMes
 {
     tq_mom_hash_t hash{const_cast<ProtobufCMessage *>(&message), fields.data(), static_cast<uint32_t>(fields.size()),
                        TQ_MOM_OK};
-    send(to, {operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK});
+    tq_mom_record_t record{operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK};
+    send(to, record);
 }
 
-void Delivery::send(const Receiver &to, tq_mom_record_t record)
+void Delivery::send(const Receiver &to, tq_mom_record_t &record)
 {
     if (to.callback == nullptr) {
         return;

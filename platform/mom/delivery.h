@@ -45,7 +45,7 @@ class Delivery
     ClientCounters counters;
 
   private:
-    void send(const Receiver &to, tq_mom_record_t record);
+    void send(const Receiver &to, tq_mom_record_t &record);
     void count_malformed(const ObjectType &type, uint32_t db, const std::string &key);
 
     void *ctx_;

@@ -9,6 +9,21 @@
 
 namespace vvl::mom
 {
+namespace
+{
+
+// A callback of a scan takes less time than the fetch of an object from main
+// memory, so objects are asked for this many callbacks ahead.
+constexpr size_t prefetch_distance = 8;
+
+void prefetch(const ProtobufCMessage &message)
+{
+    const auto *bytes = reinterpret_cast<const char *>(&message);
+    __builtin_prefetch(bytes);
+    __builtin_prefetch(bytes + 48);
+}
+
+} // namespace
 
 void Front::open(Store &store, Loop &loop)
 {
@@ -333,35 +348,54 @@ Front::Decoded &Front::decode(uint32_t db, const ObjectType &type, Snapshot &sna
     return *static_cast<Decoded *>(snapshot.made.get());
 }
 
+// A start-up asks the same of one snapshot as often as there are ports.
+Front::Chosen &Front::choose(Decoded &decoded, const Match &match)
+{
+    for (Chosen &chosen : decoded.chosen) {
+        if (chosen.match == match) {
+            return chosen;
+        }
+    }
+    Chosen &chosen = decoded.chosen.emplace_back(Chosen{match, {}, 0});
+    for (uint32_t i = 0; i < decoded.messages.size(); i++) {
+        if (decoded.messages[i] != nullptr && match.matches(*decoded.messages[i])) {
+            chosen.indices.push_back(i);
+        }
+    }
+    return chosen;
+}
+
 // Whoever has scanned an object counts as having been told of it, so it is
 // remembered before anybody is called: the callbacks change subscriptions.
 void Front::deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to)
 {
     const uint64_t epoch = databases_[db].epoch;
+    const uint64_t changes_before = subscription_changes_;
     Decoded &decoded = decode(db, type, snapshot);
-    for (size_t i = 0; i < snapshot.objects.size(); i++) {
-        const Object &object = snapshot.objects[i];
-        const ProtobufCMessage *message = decoded.messages[i].get();
-        if (message == nullptr || !match.matches(*message)) {
-            continue;
+    Chosen &chosen = choose(decoded, match);
+    for (size_t at = 0; at < chosen.indices.size(); at++) {
+        const uint32_t i = chosen.indices[at];
+        const ProtobufCMessage &message = *decoded.messages[i];
+        if (at + prefetch_distance < chosen.indices.size()) {
+            prefetch(*decoded.messages[chosen.indices[at + prefetch_distance]]);
         }
         if (!going(db, epoch)) {
             return;
         }
-        if (decoded.remembered != subscription_changes_) {
-            remember(db, type, *message, object);
+        if (chosen.remembered != subscription_changes_) {
+            remember(db, type, message, snapshot.objects[i]);
         }
         if (type.key != nullptr) {
-            delivery_.send_message(to, TQ_MOM_SET, *message);
+            delivery_.send_message(to, TQ_MOM_SET, message);
             continue;
         }
         std::vector<uint32_t> fields;
-        for (const auto &field : object.value.fields) {
+        for (const auto &field : snapshot.objects[i].value.fields) {
             fields.push_back(field.first);
         }
-        delivery_.send_hash(to, TQ_MOM_HSET, *message, std::move(fields));
+        delivery_.send_hash(to, TQ_MOM_HSET, message, std::move(fields));
     }
-    decoded.remembered = subscription_changes_;
+    chosen.remembered = changes_before;
 }
 
 // ---- Data-sync cycles ----

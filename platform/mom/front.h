@@ -10,6 +10,7 @@
 #include "platform/mom/delivery.h"
 
 #include <array>
+#include <deque>
 #include <memory>
 
 namespace vvl::mom
@@ -118,14 +119,22 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     }
     bool going(uint32_t db, uint64_t epoch) const { return session_ && databases_[db].epoch == epoch; }
 
+    // The objects of a snapshot that one template asks for.
+    struct Chosen {
+        Match match;
+        std::vector<uint32_t> indices;
+        uint64_t remembered = 0; // subscription_changes_ of the list of subscriptions that remember them; 0: none
+    };
     // What the receivers of a snapshot share: its objects as messages (null:
-    // malformed), and the list of subscriptions that remember them.
+    // malformed), and what has been chosen of them. Stays where it is when it
+    // grows, as a callback may make it do while its objects are delivered.
     struct Decoded {
         std::vector<MessagePtr> messages;
-        uint64_t remembered = 0; // subscription_changes_ of that list; 0: none
+        std::deque<Chosen> chosen;
     };
 
     Decoded &decode(uint32_t db, const ObjectType &type, Snapshot &snapshot);
+    static Chosen &choose(Decoded &decoded, const Match &match);
     void deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to);
     void remember(uint32_t db, const ObjectType &type, const ProtobufCMessage &message, const Object &object);
 

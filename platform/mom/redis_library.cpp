@@ -1,7 +1,7 @@
 // Lua, run by the server. Of every (prefix, database) there is one line of
 // changes, counted by "seq" in the hash PREFIX#state and published on one
 // channel, so that a client sees from the numbers alone whether it has missed
-// one. Stale marks are cycle numbers: what carries an older number than its
+// one. What one call changes goes out as one message. Stale marks are cycle numbers: what carries an older number than its
 // cycle is stale, so opening a cycle costs the same for any number of objects.
 //
 // Per type, PREFIXTYPE#meta holds for each key "NUMBER UNOWNED[ OWNER=NUMBER]...",
@@ -11,10 +11,18 @@
 namespace vvl::mom
 {
 
-const char redis_library[] = R"lua(#!lua name=vvlan1
+const char redis_library[] = R"lua(#!lua name=vvlan2
 
 local object_count_max = 65536
-local chunk = 1000 -- of arguments that unpack() may hand over at once
+local chunk = 1000 -- of keys that unpack() may hand over at once, with their values
+
+-- Sizes as text: Lua prints a number anew each time that it is joined.
+local texts = {}
+for i = 0, 1024 do texts[i] = '' .. i end
+
+local function text_of(number)
+    return texts[number] or tostring(number)
+end
 
 local function value_key(a, key)
     if key == '' then return a.root end
@@ -34,12 +42,27 @@ local function sequence(a)
     return tonumber(redis.call('HGET', a.state, 'seq') or '0')
 end
 
--- kind: s(et), f(ields set), r(emoved), p(ublished).
-local function tell(a, kind, key, fields, payload)
-    local seq = redis.call('HINCRBY', a.state, 'seq', 1)
-    redis.call('PUBLISH', a.prefix .. '#' .. a.db,
-        seq .. ' ' .. kind .. ' ' .. a.type .. ' :' .. key .. ' ' .. fields .. '\n' .. payload)
+-- Numbers the changes that add_change has put into parts, and publishes them.
+-- kind: s(et), f(ields set), r(emoved), p(ublished). Returns the last number.
+local function tell(a, kind, fields, parts)
+    local count = (#parts - 1) / 6
+    local seq = redis.call('HINCRBY', a.state, 'seq', count)
+    parts[1] = (seq - count + 1) .. ' ' .. count .. ' ' .. kind .. ' ' .. a.type .. ' ' .. fields .. '\n'
+    redis.call('PUBLISH', a.prefix .. '#' .. a.db, table.concat(parts))
     return seq
+end
+
+-- parts: {''} at first, for what stands before the changes.
+local function add_change(parts, key, payload)
+    local n = #parts
+    parts[n + 1], parts[n + 2], parts[n + 3], parts[n + 4] = text_of(#key), ' ', text_of(#payload), '\n'
+    parts[n + 5], parts[n + 6] = key, payload
+end
+
+local function tell_one(a, kind, key, fields, payload)
+    local parts = {''}
+    add_change(parts, key, payload)
+    return tell(a, kind, fields, parts)
 end
 
 local function read_meta(text)
@@ -101,27 +124,48 @@ local function fields_of(key)
     return redis.call('HGETALL', key)
 end
 
--- Marks the object as written and clears what the write clears. False where
--- the database is full. Most writes find the mark that they would make.
-local function hold(a, key, owner)
-    local found = redis.call('HMGET', a.meta, key, '#' .. owner, '#')
-    if owner == '' and found[1] == (found[3] or '0') .. ' 1' then return true end
-    if not found[1] then
-        if tonumber(redis.call('HGET', a.state, 'count') or '0') >= object_count_max then return false end
-        redis.call('HINCRBY', a.state, 'count', 1)
+-- Marks the objects as written and clears what the write clears. Returns the
+-- places of those that the database has no room for (nil: none). Most writes
+-- find the mark that they would make.
+local function hold(a, owner, keys)
+    local n = #keys
+    keys[n + 1], keys[n + 2] = '#' .. owner, '#'
+    local found = redis.call('HMGET', a.meta, unpack(keys))
+    keys[n + 1], keys[n + 2] = nil, nil
+    local now, owner_now = found[n + 2] or '0', found[n + 1] or '0'
+    local usual = now .. ' 1'
+    local marks, changed, made, room, refused = {}, {}, 0, nil, nil
+    for i = 1, n do
+        local key = keys[i]
+        local text = marks[key] or found[i]
+        if not text then
+            room = room or object_count_max - tonumber(redis.call('HGET', a.state, 'count') or '0')
+            if made < room then
+                made = made + 1
+            else
+                refused = refused or {}
+                refused[i] = true
+            end
+        end
+        if (owner ~= '' or text ~= usual) and not (refused and refused[i]) then
+            local m = read_meta(text or '')
+            m.number = tonumber(now)
+            if owner == '' then
+                m.unowned = true
+            else
+                m.holds[owner] = tonumber(owner_now)
+            end
+            marks[key] = write_meta(m)
+            if marks[key] ~= text then changed[#changed + 1], changed[#changed + 2] = key, marks[key] end
+        end
     end
-    local m = read_meta(found[1] or '')
-    m.number = tonumber(found[3] or '0')
-    if owner == '' then
-        m.unowned = true
-    else
-        m.holds[owner] = tonumber(found[2] or '0')
-    end
-    local text = write_meta(m)
-    if text ~= found[1] then redis.call('HSET', a.meta, key, text) end
-    return true
+    if made > 0 then redis.call('HINCRBY', a.state, 'count', made) end
+    if #changed > 0 then redis.call('HSET', a.meta, unpack(changed)) end
+    return refused
 end
 
+-- Removes an object, its notification being left to the caller. Returns the
+-- numbers of a keyless object's fields.
 local function erase(a, key)
     local place = value_key(a, key)
     local touched = {}
@@ -129,22 +173,42 @@ local function erase(a, key)
     redis.call('DEL', place)
     redis.call('HDEL', a.meta, key)
     redis.call('HINCRBY', a.state, 'count', -1)
-    tell(a, 'r', key, field_list(touched), '')
+    return field_list(touched)
 end
 
--- write PREFIX DB TYPE KEY OWNER VALUE
+-- write PREFIX DB TYPE OWNER KEY VALUE [KEY VALUE]...: the last number, or where
+-- some are refused {last number, their places}. As few calls of the server as
+-- there can be for any number of objects: they are what a write costs.
 local function write(_, args)
     local a = open(args)
-    local key, owner, value = args[4], args[5], args[6]
-    if not hold(a, key, owner) then return redis.error_reply('VVLANFULL') end
-    redis.call('SET', value_key(a, key), value)
-    return tell(a, 's', key, '-', value)
+    local keys, k = {}, 0
+    for i = 5, #args, 2 do
+        k = k + 1
+        keys[k] = args[i]
+    end
+    if k == 0 or k > chunk or #args % 2 ~= 0 then return redis.error_reply('ERR wrong number of objects') end
+    local refused = hold(a, args[4], keys)
+    local root, values, n, parts, reply = a.root .. ':', {}, 0, {''}, {0}
+    for i = 1, k do
+        if refused and refused[i] then
+            reply[#reply + 1] = i
+        else
+            local key, value = keys[i], args[2 * i + 4]
+            values[n + 1], values[n + 2] = root .. key, value
+            n = n + 2
+            add_change(parts, key, value)
+        end
+    end
+    if n == 0 then return redis.error_reply('VVLANFULL') end
+    redis.call('MSET', unpack(values))
+    reply[1] = tell(a, 's', '-', parts)
+    return refused and reply or reply[1]
 end
 
 -- write_fields PREFIX DB TYPE OWNER replace|merge NUMBER BYTES ...
 local function write_fields(_, args)
     local a = open(args)
-    if not hold(a, '', args[4]) then return redis.error_reply('VVLANFULL') end
+    if hold(a, args[4], {''}) then return redis.error_reply('VVLANFULL') end
     local touched = {}
     local before = fields_of(a.root)
     if args[5] == 'replace' then
@@ -155,7 +219,7 @@ local function write_fields(_, args)
     for i = 6, #args do list[#list + 1] = args[i] end
     add_fields(touched, list, 2)
     redis.call('HSET', a.root, unpack(list))
-    return tell(a, 'f', '', field_list(touched), pack_fields(redis.call('HGETALL', a.root)))
+    return tell_one(a, 'f', '', field_list(touched), pack_fields(redis.call('HGETALL', a.root)))
 end
 
 -- remove PREFIX DB TYPE KEY OWNER
@@ -165,15 +229,12 @@ local function remove(_, args)
     local text = redis.call('HGET', a.meta, key)
     if text then
         local m = read_meta(text)
-        if owner == '' then
-            erase(a, key)
-        elseif m.holds[owner] then
-            m.holds[owner] = nil
-            if m.count == 1 and not m.unowned then
-                erase(a, key)
-            else
-                redis.call('HSET', a.meta, key, write_meta(m))
-            end
+        local held = m.holds[owner]
+        m.holds[owner] = nil
+        if owner == '' or (held and m.count == 1 and not m.unowned) then
+            return tell_one(a, 'r', key, erase(a, key), '')
+        elseif held then
+            redis.call('HSET', a.meta, key, write_meta(m))
         end
     end
     return sequence(a)
@@ -182,7 +243,7 @@ end
 -- publish PREFIX DB TYPE KEY PAYLOAD
 local function publish(_, args)
     local a = open(args)
-    return tell(a, 'p', args[4], '-', args[5])
+    return tell_one(a, 'p', args[4], '-', args[5])
 end
 
 -- read PREFIX DB TYPE KEY: {sequence, key, value} or {sequence}
@@ -196,25 +257,22 @@ local function read(_, args)
     return {sequence(a), key, redis.call('MGET', value_key(a, key))[1]}
 end
 
--- scan PREFIX DB TYPE: {sequence, key, value, ...}; value is nil where a value
--- of a foreign kind stands in its place
+-- scan PREFIX DB TYPE: {sequence, key, value, ...} in no order; value is nil where
+-- a value of a foreign kind stands in its place, or the key is a cycle's
 local function scan(_, args)
     local a = open(args)
-    local keys = {}
-    for _, key in ipairs(redis.call('HKEYS', a.meta)) do
-        if string.sub(key, 1, 1) ~= '#' then keys[#keys + 1] = key end
-    end
-    table.sort(keys)
-    local reply = {sequence(a)}
+    local keys = redis.call('HKEYS', a.meta)
+    local root, reply, r = a.root .. ':', {sequence(a)}, 1
     for first = 1, #keys, chunk do
-        local places = {}
-        for i = first, math.min(first + chunk - 1, #keys) do places[#places + 1] = value_key(a, keys[i]) end
+        local places, last = {}, math.min(first + chunk - 1, #keys)
+        for i = first, last do places[i - first + 1] = root .. keys[i] end
         local values = redis.call('MGET', unpack(places))
-        for i, value in ipairs(values) do
-            local key = keys[first + i - 1]
-            reply[#reply + 1] = key
-            if key == '' and redis.call('TYPE', a.root).ok == 'hash' then value = pack_fields(fields_of(a.root)) end
-            reply[#reply + 1] = value
+        for i = first, last do
+            reply[r + 1], reply[r + 2] = keys[i], values[i - first + 1]
+            r = r + 2
+            if keys[i] == '' and redis.call('TYPE', a.root).ok == 'hash' then
+                reply[r] = pack_fields(fields_of(a.root))
+            end
         end
     end
     return reply
@@ -257,15 +315,17 @@ local function finish(_, args)
         end
     end
     table.sort(stale, function(x, y) return x.key < y.key end)
+    local parts, fields = {''}, '-'
     for _, s in ipairs(stale) do
         s.meta.holds[owner] = nil
         if owner == '' or (s.meta.count == 1 and not s.meta.unowned) then
-            erase(a, s.key)
+            fields = erase(a, s.key)
+            add_change(parts, s.key, '')
         else
             redis.call('HSET', a.meta, s.key, write_meta(s.meta))
         end
     end
-    return sequence(a)
+    return #parts == 1 and sequence(a) or tell(a, 'r', fields, parts)
 end
 
 -- state PREFIX DB [ID]: {sequence, id of the data set}. With an ID, a data set
@@ -277,16 +337,16 @@ local function state(_, args)
     return {tonumber(found[1] or '0'), found[2] or ''}
 end
 
-redis.register_function('vvlan1_write', write)
-redis.register_function('vvlan1_write_fields', write_fields)
-redis.register_function('vvlan1_remove', remove)
-redis.register_function('vvlan1_publish', publish)
-redis.register_function('vvlan1_read', read)
-redis.register_function('vvlan1_scan', scan)
-redis.register_function('vvlan1_begin', begin)
-redis.register_function('vvlan1_unmark', unmark)
-redis.register_function('vvlan1_finish', finish)
-redis.register_function('vvlan1_state', state)
+redis.register_function('vvlan2_write', write)
+redis.register_function('vvlan2_write_fields', write_fields)
+redis.register_function('vvlan2_remove', remove)
+redis.register_function('vvlan2_publish', publish)
+redis.register_function('vvlan2_read', read)
+redis.register_function('vvlan2_scan', scan)
+redis.register_function('vvlan2_begin', begin)
+redis.register_function('vvlan2_unmark', unmark)
+redis.register_function('vvlan2_finish', finish)
+redis.register_function('vvlan2_state', state)
 )lua";
 
 } // namespace vvl::mom

@@ -7,7 +7,7 @@ namespace vvl::mom
 
 // Its name carries its version: another version is another library, so that
 // agents of two versions can share a server.
-inline constexpr char redis_library_name[] = "vvlan1";
+inline constexpr char redis_library_name[] = "vvlan2";
 
 // Text for FUNCTION LOAD. docs/store.md describes the functions and the keys.
 extern const char redis_library[];

@@ -172,7 +172,7 @@ void RedisLink::subscribe()
         if (state_ == State::connecting && reply.type == REDIS_REPLY_ARRAY && reply.elements == 3 &&
             text_of(*reply.element[0]) == "subscribe") {
             const std::string id = std::to_string(random_()) + "-" + std::to_string(random_());
-            requests_->send({"FCALL", "vvlan1_state", "0", server_.prefix, db_text_, id},
+            requests_->send({"FCALL", "vvlan2_state", "0", server_.prefix, db_text_, id},
                             [this](const redisReply &answer) { read_state(answer); });
         } else {
             take_message(reply);
@@ -202,7 +202,10 @@ void RedisLink::come_up(const std::string &data_set, uint64_t number)
     data_set_ = data_set;
     run_id_before_ = run_id_;
     received_ = known_ = replied_ = number;
-    std::erase_if(arrivals_, [&](const Arrival &arrival) { return arrival.number <= number; });
+    std::erase_if(arrivals_, [&](const auto &arrival) { return arrival->number <= number; });
+    for (const auto &arrival : arrivals_) { // these overtook the answer
+        received_ += arrival->number == received_ + 1 ? arrival->count : 0;
+    }
     state_ = State::up;
     was_up_ = true;
     harmed_ = failure_logged_ = false;
@@ -254,6 +257,7 @@ void RedisLink::drop(bool keep_changes)
     harmed_ = harmed_ || unanswered_ > 0;
     first_index_ += sent_.size();
     sent_.clear();
+    writes_ = {};
     events_.dropped();
     unanswered_ = 0;
     turn_++;

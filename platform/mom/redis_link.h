@@ -73,16 +73,35 @@ class RedisLink
     bool is_cut() const { return state_ == State::cut; }
 
     // ---- Requests ----
+    //
+    // Each returns 0 or why it is refused; done (empty: nobody) is told its result.
 
     // The function's name without the library's, and what follows prefix and
-    // database. take reads the reply, an error too, and returns what is to be
-    // handed on in its turn (empty: nothing). Returns 0 or why it is refused.
+    // database. An error of the server's is logged and makes the result.
+    int call(const char *function, const std::vector<std::string_view> &arguments, Done done);
+
+    // Writes an object with a key. Writes of one turn of the loop go out as one
+    // call where nothing else comes between: it costs the server little more
+    // than one write does.
+    int write(const std::string &type, const std::string &owner, std::string_view key, std::string_view value,
+              Done done);
+
+    // As call, for a reply that has more in it: take reads it, an error too,
+    // and returns what is to be handed on in its turn (empty: nothing).
     using Taken = std::function<void()>;
     using Take = std::function<Taken(const redisReply &reply)>;
     int request(const char *function, const std::vector<std::string_view> &arguments, Take take);
 
     // The same, waiting for the reply; what take returns is called from here.
     int request_now(const char *function, const std::vector<std::string_view> &arguments, const Take &take);
+
+    // What the reply to a call means: 0 or a code, an unexpected error being logged.
+    int result_of(const redisReply &reply, const char *function) const;
+
+    // Which request the next one will be; and the result of one that has been
+    // refused already, as on a virtual clock. That one is not handed on then.
+    uint64_t next_request() const { return first_index_ + sent_.size(); }
+    int take_refusal(uint64_t request);
 
     // Changes of the type are handed on from the completion on.
     int watch(const std::string &type, Done done);
@@ -103,12 +122,26 @@ class RedisLink
         bool answered = false;
         uint64_t number = 0; // last change before it; known when it is answered
         uint64_t sent_us = 0;
-        Taken taken;
+        int result = TQ_MOM_OK; // for done
+        Done done;
+        Taken taken; // instead of done
     };
+    // One message of changes, taken apart as they are handed on.
     struct Arrival {
-        uint64_t number;
-        uint64_t behind; // requests that were sent before it came
-        Change change;
+        uint64_t number = 0; // of the next change
+        uint64_t count = 0;  // of changes that are left
+        uint64_t behind = 0; // requests that were sent before it came
+        std::string text;
+        size_t offset = 0; // of the next change in text
+        Change change;     // what all have in common; key and value are those of the one handed on
+    };
+    // Writes that have not gone out yet; they are the last ones of sent_.
+    struct Writes {
+        std::string type;
+        std::string owner;
+        uint64_t first = 0;       // request
+        std::string bytes;        // keys and values
+        std::vector<size_t> ends; // of each in bytes
     };
 
     // Connecting, in the order of the steps.
@@ -126,11 +159,17 @@ class RedisLink
     void look_after();
     void arm_check();
 
+    int admit(Done done);
     void send_request(const char *function, const std::vector<std::string_view> &arguments,
                       RedisConnection::OnReply on_reply);
-    void take_reply(uint64_t index, const redisReply &reply, const Take &take);
+    void send_writes();
+    void take_writes(uint64_t first, size_t count, const redisReply &reply);
+    bool check_reply(const redisReply &reply, uint64_t &number);
+    Request &answer(uint64_t index, uint64_t number);
+    void answered(uint64_t number);
     void take_message(const redisReply &reply);
-    bool take_change(std::string_view text);
+    bool take_changes(std::string_view text);
+    static bool take_change(Arrival &arrival);
     void settle_expectations();
     void hand_on_later();
     void hand_on();
@@ -170,7 +209,8 @@ class RedisLink
     std::deque<Request> sent_;
     size_t unanswered_ = 0;    // of sent_
     uint64_t first_index_ = 0; // of sent_'s first
-    std::deque<Arrival> arrivals_;
+    Writes writes_;
+    std::deque<std::shared_ptr<Arrival>> arrivals_;
     std::set<std::string> watched_;
     bool hand_on_posted_ = false;
     uint64_t turn_ = 0;     // moves on when the link is lost: what comes after must not overtake the news of it

@@ -1,4 +1,4 @@
-// A link's requests and changes, and the one order that is made of them.
+// A link's changes, and the one order that is made of them and the answers.
 //
 // Only the oldest request decides: requests are carried out in the order of
 // sending, so those behind it have its number or a higher one. A change waits
@@ -21,14 +21,7 @@ namespace vvl::mom
 namespace
 {
 
-// The number of the last change before the reply, which is the reply itself or
-// its first element; false where there is none.
-bool number_of(const redisReply &reply, uint64_t &number)
-{
-    const redisReply *first = reply.type == REDIS_REPLY_ARRAY && reply.elements > 0 ? reply.element[0] : &reply;
-    number = first->type == REDIS_REPLY_INTEGER ? static_cast<uint64_t>(first->integer) : 0;
-    return first->type == REDIS_REPLY_INTEGER && first->integer >= 0;
-}
+constexpr char not_a_message[] = "a message is not what it should be";
 
 template <typename Number> bool parse_number(std::string_view text, Number &number)
 {
@@ -92,122 +85,6 @@ bool parse_redis_fields(std::string_view text, FieldMap &fields)
     return true;
 }
 
-// ---- Requests ----
-
-void RedisLink::send_request(const char *function, const std::vector<std::string_view> &arguments,
-                             RedisConnection::OnReply on_reply)
-{
-    const std::string name = std::string("vvlan1_") + function;
-    std::vector<std::string_view> words{"FCALL", name, "0", server_.prefix, db_text_};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    requests_->send(words, std::move(on_reply));
-}
-
-int RedisLink::request(const char *function, const std::vector<std::string_view> &arguments, Take take)
-{
-    if (!is_up()) {
-        harmed_ = true;
-        return TQ_MOM_E_UNREACHABLE;
-    }
-    if (sent_.size() >= redis_request_count_max) {
-        return TQ_MOM_E_MEMORY;
-    }
-    const uint64_t index = first_index_ + sent_.size();
-    sent_.push_back({.sent_us = loop_.now_us(), .taken = {}});
-    unanswered_++;
-    settle_expectations();
-    send_request(function, arguments,
-                 [this, index, take = std::move(take)](const redisReply &reply) { take_reply(index, reply, take); });
-    return TQ_MOM_OK;
-}
-
-int RedisLink::request_now(const char *function, const std::vector<std::string_view> &arguments, const Take &take)
-{
-    struct Answer {
-        bool here = false;
-        Taken taken;
-    };
-    // Shared with the reply, which may come when nobody waits any more.
-    auto answer = std::make_shared<Answer>();
-    const int result = request(function, arguments, [answer, take](const redisReply &reply) {
-        answer->here = true;
-        answer->taken = take(reply);
-        return Taken();
-    });
-    if (result != TQ_MOM_OK) {
-        return result;
-    }
-    if (!wait_for([&] { return answer->here || !is_up(); })) {
-        fail("no answer in time");
-    }
-    if (!answer->here) {
-        return TQ_MOM_E_UNREACHABLE;
-    }
-    if (answer->taken) {
-        answer->taken();
-    }
-    return TQ_MOM_OK;
-}
-
-int RedisLink::watch(const std::string &type, Done done)
-{
-    return request("state", {}, [this, type, done = std::move(done)](const redisReply &) {
-        return [this, type, done] {
-            watched_.insert(type);
-            if (done) {
-                done(TQ_MOM_OK);
-            }
-        };
-    });
-}
-
-int RedisLink::unwatch(const std::string &type, Done done)
-{
-    return request("state", {}, [this, type, done = std::move(done)](const redisReply &) {
-        return [this, type, done] {
-            watched_.erase(type);
-            if (done) {
-                done(TQ_MOM_OK);
-            }
-        };
-    });
-}
-
-void RedisLink::take_reply(uint64_t index, const redisReply &reply, const Take &take)
-{
-    uint64_t number = 0;
-    const bool is_error = reply.type == REDIS_REPLY_ERROR;
-    const std::string_view text = reply.str != nullptr ? reply.str : "";
-    // These say that this is not, or no longer, a server to write to.
-    for (const char *sign : {"READONLY", "LOADING", "MASTERDOWN", "ERR Function not found", "NOREPLICAS"}) {
-        if (is_error && text.starts_with(sign)) {
-            fail(std::string(text));
-            return;
-        }
-    }
-    if (!is_error && !number_of(reply, number)) {
-        fail("a reply is not what it should be");
-        return;
-    }
-    if (!is_error && number < replied_) {
-        fail("the data set was replaced");
-        return;
-    }
-    replied_ = std::max(number, replied_);
-    unanswered_--;
-    step_us_ = loop_.now_us();
-    Request &request = sent_[index - first_index_];
-    request.answered = true;
-    request.number = is_error ? 0 : number;
-    request.taken = take(reply);
-    if (number > known_) {
-        expect_change(number);
-        events_.told_of(number);
-    }
-    settle_expectations();
-    hand_on_later();
-}
-
 // ---- Changes ----
 
 void RedisLink::expect_change(uint64_t number)
@@ -222,48 +99,64 @@ void RedisLink::expect_change(uint64_t number)
 void RedisLink::take_message(const redisReply &reply)
 {
     const bool is_message = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3 && reply.element[2]->str != nullptr;
-    if (!is_message || !take_change({reply.element[2]->str, static_cast<size_t>(reply.element[2]->len)})) {
-        fail("a message is not what it should be");
+    if (!is_message || !take_changes({reply.element[2]->str, static_cast<size_t>(reply.element[2]->len)})) {
+        fail(not_a_message);
         return;
     }
     settle_expectations();
     hand_on_later();
 }
 
-// "NUMBER KIND TYPE :KEY FIELDS\nPAYLOAD"
-bool RedisLink::take_change(std::string_view text)
+// "NUMBER COUNT KIND TYPE FIELDS\n", NUMBER being that of the first change, and the changes.
+bool RedisLink::take_changes(std::string_view text)
 {
+    auto arrival = std::make_shared<Arrival>();
+    arrival->behind = next_request();
     std::string_view head = take_word(text, '\n');
-    Arrival arrival{0, first_index_ + sent_.size(), {}};
-    Change &change = arrival.change;
-    if (!parse_number(take_word(head, ' '), arrival.number) || !parse_kind(take_word(head, ' '), change.kind)) {
+    Change &change = arrival->change;
+    if (!parse_number(take_word(head, ' '), arrival->number) || !parse_number(take_word(head, ' '), arrival->count) ||
+        arrival->count == 0 || !parse_kind(take_word(head, ' '), change.kind)) {
         return false;
     }
     change.name.db = db_;
     change.name.type = take_word(head, ' ');
-    const std::string_view key = take_word(head, ' ');
-    if (!key.starts_with(':') || !parse_field_numbers(head, change.fields)) {
-        return false;
-    }
-    change.name.key = key.substr(1);
-    if (!change.name.key.empty()) {
-        change.value.bytes = text;
-    } else if (!parse_redis_fields(text, change.value.fields)) {
+    if (!parse_field_numbers(head, change.fields)) {
         return false;
     }
     if (state_ == State::up) {
-        if (arrival.number <= received_) {
-            fail("the data set was replaced");
+        if (arrival->number != received_ + 1) {
+            fail(arrival->number <= received_ ? "the data set was replaced" : "a change was missed");
             return true;
         }
-        if (arrival.number != received_ + 1) {
-            fail("a change was missed");
-            return true;
-        }
-        received_ = arrival.number;
+        received_ += arrival->count;
     }
+    arrival->text = text;
     arrivals_.push_back(std::move(arrival));
     return true;
+}
+
+// The next one: "KEYSIZE VALUESIZE\n", key and value.
+bool RedisLink::take_change(Arrival &arrival)
+{
+    std::string_view text = std::string_view(arrival.text).substr(arrival.offset);
+    size_t key_size = 0;
+    size_t value_size = 0;
+    if (!parse_number(take_word(text, ' '), key_size) || !parse_number(take_word(text, '\n'), value_size) ||
+        key_size > text.size() || value_size > text.size() - key_size) {
+        return false;
+    }
+    Change &change = arrival.change;
+    change.name.key = text.substr(0, key_size);
+    const std::string_view value = text.substr(key_size, value_size);
+    arrival.offset = arrival.text.size() - text.size() + key_size + value_size;
+    arrival.number++;
+    arrival.count--;
+    if (key_size > 0) {
+        change.value.bytes = value;
+        return true;
+    }
+    change.value.fields.clear();
+    return parse_redis_fields(value, change.value.fields);
 }
 
 // ---- The order ----
@@ -315,54 +208,34 @@ bool RedisLink::hand_on_next()
 {
     const bool waits = !sent_.empty() && !sent_.front().answered;
     if (!sent_.empty() && !waits && sent_.front().number <= received_ &&
-        (arrivals_.empty() || sent_.front().number < arrivals_.front().number)) {
-        const Taken taken = std::move(sent_.front().taken);
+        (arrivals_.empty() || sent_.front().number < arrivals_.front()->number)) {
+        const Request request = std::move(sent_.front());
         sent_.pop_front();
         first_index_++;
-        if (taken) {
-            taken();
+        if (request.taken) {
+            request.taken();
+        } else if (request.done) {
+            request.done(request.result);
         }
         return true;
     }
-    if (arrivals_.empty() || state_ == State::connecting || (waits && first_index_ < arrivals_.front().behind)) {
+    if (arrivals_.empty() || state_ == State::connecting || (waits && first_index_ < arrivals_.front()->behind)) {
         return false;
     }
-    const Change change = std::move(arrivals_.front().change);
-    arrivals_.pop_front();
-    if (watched_.contains(change.name.type)) {
-        events_.changed(change);
+    const std::shared_ptr<Arrival> arrival = arrivals_.front(); // its change is handed on
+    if (!watched_.contains(arrival->change.name.type)) {
+        arrivals_.pop_front();
+        return true;
     }
-    return true;
-}
-
-// Serves this link's connections until done, without the loop: nothing is
-// handed on meanwhile. False where it took too long.
-bool RedisLink::wait_for(const std::function<bool()> &done)
-{
-    using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::milliseconds(redis_answer_limit_ms);
-    while (!done()) {
-        RedisConnection *connections[] = {requests_.get(), changes_.get(),
-                                          sentinels_ != nullptr ? sentinels_->connection() : nullptr};
-        std::vector<pollfd> fds;
-        for (const RedisConnection *connection : connections) {
-            fds.push_back({.fd = connection != nullptr ? connection->descriptor() : -1,
-                           .events = connection != nullptr ? connection->poll_events() : short{0},
-                           .revents = 0});
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) {
-            return false;
-        }
-        poll(fds.data(), fds.size(), static_cast<int>(left));
-        // Serving one may end them all.
-        for (size_t i = 0; i < fds.size(); i++) {
-            if (fds[i].revents != 0) {
-                connections[i]->serve(fds[i].revents);
-                break;
-            }
-        }
+    if (!take_change(*arrival)) {
+        arrivals_.pop_front();
+        fail(not_a_message);
+        return true;
     }
+    if (arrival->count == 0) {
+        arrivals_.pop_front();
+    }
+    events_.changed(arrival->change);
     return true;
 }
 

@@ -11,6 +11,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <map>
@@ -91,7 +92,7 @@ class RedisSession final : public Session
     void fail_all();
     void tell_returns();
     int request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done);
-    int result_of(const RedisLink &link, const redisReply &reply, const char *function) const;
+    template <typename Ask> int ask(uint32_t db, Ask &&how);
     int let_in(int result);
     int read_for_scans(uint32_t db, const std::string &type);
     std::vector<Object> read_objects(uint32_t db, const std::string &type, const redisReply &reply);
@@ -252,52 +253,29 @@ int RedisSession::let_in(int result)
     return result;
 }
 
-int RedisSession::result_of(const RedisLink &on, const redisReply &reply, const char *function) const
-{
-    if (reply.type != REDIS_REPLY_ERROR) {
-        return TQ_MOM_OK;
-    }
-    const std::string text(reply.str, static_cast<size_t>(reply.len));
-    if (text.find("VVLANFULL") != std::string::npos) {
-        return TQ_MOM_E_MEMORY;
-    }
-    log_line(LogLevel::error, on.name() + ": " + function + " refused: " + text);
-    return TQ_MOM_E_UNREACHABLE;
-}
-
 // Where the reply comes before this returns, as it does on a virtual clock, a
 // refusal is the call's own result.
-int RedisSession::request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done)
+template <typename Ask> int RedisSession::ask(uint32_t db, Ask &&how)
 {
     if (!usable(db)) {
         return TQ_MOM_E_UNREACHABLE;
     }
-    struct Outcome {
-        bool returned = false;
-        int result = TQ_MOM_OK;
-    };
-    auto outcome = std::make_shared<Outcome>();
-    auto take = [this, db, function, outcome, done = std::move(done)](const redisReply &reply) -> RedisLink::Taken {
-        const int result = result_of(*databases_[db].link, reply, function);
-        if (!outcome->returned && result != TQ_MOM_OK) {
-            outcome->result = result;
-            return {};
-        }
-        if (!done) {
-            return {};
-        }
-        return [done, result] { done(result); };
-    };
-    const int accepted = let_in(link(db).request(function, arguments, std::move(take)));
-    outcome->returned = true;
-    return accepted != TQ_MOM_OK ? accepted : outcome->result;
+    const uint64_t request = link(db).next_request();
+    const int accepted = let_in(how(link(db)));
+    return accepted != TQ_MOM_OK ? accepted : link(db).take_refusal(request);
+}
+
+int RedisSession::request(uint32_t db, const char *function, const std::vector<std::string_view> &arguments, Done done)
+{
+    return ask(db, [&](RedisLink &on) { return on.call(function, arguments, std::move(done)); });
 }
 
 int RedisSession::write(const Name &name, const Value &value, WriteMode mode, Owner owner, Done done)
 {
     const std::string holder = owner_text(owner);
     if (!name.key.empty()) {
-        return request(name.db, "write", {name.type, name.key, holder, value.bytes}, std::move(done));
+        return ask(name.db,
+                   [&](RedisLink &on) { return on.write(name.type, holder, name.key, value.bytes, std::move(done)); });
     }
     std::vector<std::string> numbers; // complete before anything refers into it
     for (const auto &field : value.fields) {
@@ -348,7 +326,7 @@ int RedisSession::begin_cycle_now(uint32_t db, const std::string &type, Owner ow
     }
     int result = TQ_MOM_OK;
     const int asked = link(db).request_now("begin", {type, owner_text(owner)}, [&](const redisReply &reply) {
-        result = result_of(link(db), reply, "begin");
+        result = link(db).result_of(reply, "begin");
         return RedisLink::Taken();
     });
     return asked != TQ_MOM_OK ? asked : result;
@@ -394,16 +372,19 @@ bool RedisSession::read_value(uint32_t db, const std::string &type, const std::s
 std::vector<Object> RedisSession::read_objects(uint32_t db, const std::string &type, const redisReply &reply)
 {
     std::vector<Object> objects;
+    objects.reserve(reply.elements / 2);
     for (size_t i = 1; reply.type == REDIS_REPLY_ARRAY && i + 1 < reply.elements; i += 2) {
         const redisReply &key = *reply.element[i];
         Object object;
-        if (key.type == REDIS_REPLY_STRING) {
+        // Where the objects' marks are, the cycles' stand too.
+        if (key.type == REDIS_REPLY_STRING && (key.len == 0 || key.str[0] != '#')) {
             object.key.assign(key.str, static_cast<size_t>(key.len));
             if (read_value(db, type, object.key, *reply.element[i + 1], object.value)) {
                 objects.push_back(std::move(object));
             }
         }
     }
+    std::ranges::sort(objects, {}, &Object::key);
     return objects;
 }
 
@@ -424,7 +405,7 @@ int RedisSession::read_for_scans(uint32_t db, const std::string &type)
     auto served = std::make_shared<std::vector<Listed>>(std::exchange(scans.waiting, {}));
     scans.reading = true;
     return link(db).request("scan", {type}, [this, db, type, served](const redisReply &reply) -> RedisLink::Taken {
-        const int result = result_of(link(db), reply, "scan");
+        const int result = link(db).result_of(reply, "scan");
         auto snapshot = std::make_shared<Snapshot>(Snapshot{read_objects(db, type, reply), {}});
         databases_[db].scans[type].reading = false;
         if (!databases_[db].scans[type].waiting.empty()) {
@@ -450,7 +431,7 @@ int RedisSession::scan_now(uint32_t db, const std::string &type, std::vector<Obj
     }
     int result = TQ_MOM_OK;
     const int asked = link(db).request_now("scan", {type}, [&](const redisReply &reply) {
-        result = result_of(link(db), reply, "scan");
+        result = link(db).result_of(reply, "scan");
         objects = read_objects(db, type, reply);
         return RedisLink::Taken();
     });
@@ -464,7 +445,7 @@ int RedisSession::read_now(const Name &name, std::optional<Value> &value)
     }
     int result = TQ_MOM_OK;
     auto take = [&](const redisReply &reply) {
-        result = result_of(link(name.db), reply, "read");
+        result = link(name.db).result_of(reply, "read");
         std::vector<Object> objects = read_objects(name.db, name.type, reply);
         value = objects.empty() ? std::optional<Value>() : std::move(objects.front().value);
         return RedisLink::Taken();

@@ -135,7 +135,7 @@ TEST_F(RedisStoreTest, ReconnectionTellsWhetherAnythingWasMissed)
     EXPECT_EQ(events.told, (Lines{"lost", "complete", "changed 1"})) << "the watch goes on";
     events.told.clear();
     cut_all();
-    cli({"FCALL", "vvlan1_write", "0", "sw1:", "4", "t.x", "2", "", "v"});
+    cli({"FCALL", "vvlan2_write", "0", "sw1:", "4", "t.x", "", "2", "v"});
     loop_.advance(10'000'000);
     write("3");
     loop_.run_pending();
