@@ -11,6 +11,10 @@
 // the end of a reconciliation, all that came with it is undone and reported as
 // failed.
 //
+// What a plane has from an earlier process is preserved like what the
+// application of this one had: nothing changes before the first reconciliation,
+// however long the application takes to begin it.
+//
 // An app type holds one ACL at a time. Another id is refused while the ACL
 // lives, and takes its place once it is marked as expired.
 #pragma once

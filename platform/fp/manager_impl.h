@@ -23,7 +23,11 @@ struct Request {
 
 struct Manager::Impl {
   public:
-    Impl(Plane &plane, Loop &loop) : plane_(plane), loop_(loop), reports_(loop) {}
+    Impl(Plane &plane, Loop &loop)
+        : plane_(plane), loop_(loop), reports_(loop), active_(plane.installed()), reconciling_(active_ != PlaneState{}),
+          restarted_(reconciling_)
+    {
+    }
     ~Impl();
     Impl(const Impl &) = delete;
     Impl &operator=(const Impl &) = delete;
@@ -69,8 +73,8 @@ struct Manager::Impl {
     PlaneState active_;  // what the plane has; during no reconciliation the same
 
     // Of a reconciliation.
-    bool reconciling_ = false;
-    bool restarted_ = false;  // the application went away in it
+    bool reconciling_;
+    bool restarted_;          // the application went away in it, maybe with an earlier process
     uint32_t open_marks_ = 0; // one bit per app type and kind
     AclTable kept_;           // what was asked for before, should the plane refuse the end
     LoopId limit_timer_ = 0;

@@ -48,6 +48,7 @@ class RecordingPlane final : public Plane
     }
     int set_trap(uint32_t, bool) override { return 0; }
     void forget(uint16_t, const Mac &) override {}
+    PlaneState installed() const override { return state; }
 
     PlaneState state;
     int next_result = 0;

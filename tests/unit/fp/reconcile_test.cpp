@@ -156,5 +156,33 @@ TEST_F(ManagerTest, WithNothingInstalledMarksHoldNothingBack)
     EXPECT_EQ(0u, manager_->counters().reconciled);
 }
 
+// A plane that outlives its agent, as the next agent finds it.
+TEST_F(ReconcileTest, StateOfAnEarlierProcessIsKeptUntilTheFirstReconciliation)
+{
+    manager_.reset();
+    manager_.emplace(plane_, loop_);
+    attach();
+    loop_.advance(uint64_t{FP_UDP_RECONCILE_LIMIT_MS} * 2000); // no store yet
+    EXPECT_EQ(before_, plane_.state);
+    expire_all();
+    set_again();
+    EXPECT_EQ(0, plane_.changes);
+    EXPECT_EQ(0, sweep_all(&before_));
+    EXPECT_EQ(1, plane_.changes);
+    expect_set_again();
+
+    // The same agent dies half-way, and the next one never finishes.
+    before_ = plane_.state;
+    manager_.reset();
+    manager_.emplace(plane_, loop_);
+    attach();
+    expire_all();
+    loop_.advance(uint64_t{FP_UDP_RECONCILE_LIMIT_MS} * 1000 - 1);
+    EXPECT_EQ(before_, plane_.state);
+    loop_.advance(1);
+    EXPECT_EQ(PlaneState{}, plane_.state);
+    EXPECT_EQ(1u, manager_->counters().timed_out);
+}
+
 } // namespace
 } // namespace vvl::fp::test
