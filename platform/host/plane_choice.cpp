@@ -13,6 +13,11 @@ static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &loop, const fp::EbpfOption
     return fp::EbpfPlane::open(loop, options, why);
 }
 
+std::unique_ptr<PortLinks> follow_plane_interfaces(Switch &target, std::string &why)
+{
+    return follow_links(target, why);
+}
+
 bool list_ebpf_features(const fp::EbpfOptions &options, std::vector<fp::EbpfFeature> &features, std::string &)
 {
     features = fp::ebpf_features(options);
@@ -34,6 +39,12 @@ static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &, const fp::EbpfOptions &,
     return nullptr;
 }
 
+std::unique_ptr<PortLinks> follow_plane_interfaces(Switch &, std::string &why)
+{
+    why = without_ebpf;
+    return nullptr;
+}
+
 bool list_ebpf_features(const fp::EbpfOptions &, std::vector<fp::EbpfFeature> &, std::string &why)
 {
     why = without_ebpf;
@@ -47,6 +58,11 @@ bool detach_ebpf(const fp::EbpfOptions &, std::vector<std::string> &, std::strin
 }
 
 #endif
+
+bool plane_has_interfaces(const HostConfig &config)
+{
+    return config.plane == PlaneKind::ebpf;
+}
 
 std::unique_ptr<fp::DataPlane> make_plane(const HostConfig &config, Loop &loop, std::string &why)
 {

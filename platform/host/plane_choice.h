@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/host/config.h"
+#include "platform/host/port_links.h"
 
 #include <memory>
 #include <string>
@@ -13,6 +14,12 @@ namespace vvl::host
 
 // The plane of a configuration. Null with the reason in why.
 std::unique_ptr<fp::DataPlane> make_plane(const HostConfig &config, Loop &loop, std::string &why);
+
+// Whether the plane of a configuration has its frames from network interfaces.
+bool plane_has_interfaces(const HostConfig &config);
+
+// Follows them; see follow_links(). Only for a plane that has some.
+std::unique_ptr<PortLinks> follow_plane_interfaces(Switch &target, std::string &why);
 
 // As the functions of the eBPF plane; false with the reason in why also where
 // this build is without it.

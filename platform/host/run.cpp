@@ -95,7 +95,13 @@ bool run_switch(const HostConfig &config, const Startup &startup, std::string &w
     if (plane == nullptr) {
         return false;
     }
-    Switch target(config.network, loop, std::move(store), std::move(plane));
+    SwitchConfig network = config.network;
+    network.ports_follow_interfaces = plane_has_interfaces(config);
+    Switch target(network, loop, std::move(store), std::move(plane));
+    std::unique_ptr<PortLinks> links;
+    if (network.ports_follow_interfaces && (links = follow_plane_interfaces(target, why)) == nullptr) {
+        return false;
+    }
     if (!stop_on_signals(loop, why) || !target.start(why)) {
         return false;
     }

@@ -57,12 +57,20 @@ struct Switch::Impl {
         : config(std::move(c)), loop(l), store(std::move(s)), plane(std::move(p)), manager(*plane, l),
           ids(port_ids(config.ports)), agent(l, *store, manager, ids, config.module)
     {
+        if (config.ports_follow_interfaces) {
+            return;
+        }
         for (const SwitchPort &port : config.ports) {
             std::string why;
-            if (!plane->add_port({port.phyid, port.pvid, port.uplink, port.interface}, why)) {
+            if (!attach(port, why)) {
                 log_line(LogLevel::error, why);
             }
         }
+    }
+
+    bool attach(const SwitchPort &port, std::string &why)
+    {
+        return plane->add_port({port.phyid, port.pvid, port.uplink, port.interface}, why);
     }
 
     const SwitchConfig config;
@@ -120,6 +128,25 @@ bool Switch::set_port_link(uint32_t ifx, bool up)
     if (!up && impl_->sides != nullptr) {
         impl_->sides->bridge.link_lost(port->phyid);
     }
+    return true;
+}
+
+bool Switch::attach_port(uint32_t ifx, std::string &why)
+{
+    const SwitchPort *port = find_port(ifx);
+    if (port == nullptr) {
+        why = "port " + std::to_string(ifx) + ": the switch has no such port";
+        return false;
+    }
+    return impl_->attach(*port, why);
+}
+
+bool Switch::detach_port(uint32_t ifx)
+{
+    if (!set_port_link(ifx, false)) {
+        return false;
+    }
+    impl_->plane->remove_port(find_port(ifx)->phyid);
     return true;
 }
 

@@ -37,13 +37,15 @@ struct SwitchConfig {
     std::vector<SwitchPort> ports;
     bool has_agent = true; // the module and the plane's manager
     bool has_sides = true; // packet and bridge side
+    // Whether ports become known to the plane with attach_port(), as their interfaces appear.
+    bool ports_follow_interfaces = false;
 };
 
 class Switch
 {
   public:
-    // Makes the ports known to the plane; nothing runs yet. The loop outlives
-    // the switch. One at a time in a process. config: ifx and phyid unique.
+    // Makes the ports known to the plane, unless they follow their interfaces;
+    // nothing runs yet. The loop outlives the switch. One at a time in a process. config: ifx and phyid unique.
     // store and plane: as the process has chosen them.
     Switch(SwitchConfig config, Loop &loop, std::unique_ptr<mom::Store> store, std::unique_ptr<fp::DataPlane> plane);
     ~Switch(); // stops
@@ -63,6 +65,14 @@ class Switch
     // The link of a port goes down or comes back: for the plane and for the
     // addresses learned there. False where no port has this ifx.
     bool set_port_link(uint32_t ifx, bool up);
+
+    // The interface of a port is there, again or for the first time: the plane
+    // has the port from now on. On failure why names the port and the reason.
+    bool attach_port(uint32_t ifx, std::string &why);
+
+    // The interface of a port is gone, and with it the addresses learned there.
+    // False where no port has this ifx.
+    bool detach_port(uint32_t ifx);
 
     const SwitchPort *find_port(uint32_t ifx) const; // null where there is none
 

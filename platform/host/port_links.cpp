@@ -1,0 +1,98 @@
+// A port is attached once for each interface that has its name: the kernel has
+// forgotten what was attached to one that is gone.
+#include "platform/host/port_links.h"
+
+#include "platform/base/log.h"
+#include "platform/sides/link_watch.h"
+
+#include <map>
+
+namespace vvl::host
+{
+namespace
+{
+
+class WatchedLinks final : public PortLinks
+{
+  public:
+    explicit WatchedLinks(Switch &target)
+        : target_(target), watch_(target.loop(), interfaces_of(target.config()),
+                                  [this](const std::string &interface, const sides::LinkState &state) {
+                                      changed(ports_.at(interface), state);
+                                  })
+    {
+        for (const SwitchPort &port : target.config().ports) {
+            ports_.emplace(port.interface, Port{&port, false});
+        }
+    }
+
+    bool start(std::string &why)
+    {
+        if (!watch_.start(why)) {
+            return false;
+        }
+        for (const auto &[interface, port] : ports_) {
+            if (watch_.state(interface).ifindex == 0) {
+                log(LogLevel::warn, *port.config, "there is no such interface; the port waits for it");
+            }
+        }
+        return true;
+    }
+
+  private:
+    struct Port {
+        const SwitchPort *config;
+        bool attached; // to the interface that has the name now
+    };
+
+    static std::vector<std::string> interfaces_of(const SwitchConfig &config)
+    {
+        std::vector<std::string> interfaces;
+        for (const SwitchPort &port : config.ports) {
+            interfaces.push_back(port.interface);
+        }
+        return interfaces;
+    }
+
+    static void log(LogLevel level, const SwitchPort &port, const std::string &text)
+    {
+        log_line(level, "port " + std::to_string(port.ifx) + " (" + port.interface + "): " + text);
+    }
+
+    void changed(Port &port, const sides::LinkState &state)
+    {
+        if (state.ifindex == 0) {
+            log(LogLevel::warn, *port.config, "the interface is gone");
+            target_.detach_port(port.config->ifx);
+            port.attached = false;
+            return;
+        }
+        const bool is_new = !port.attached;
+        std::string why;
+        if (is_new && !target_.attach_port(port.config->ifx, why)) {
+            log_line(LogLevel::error, why);
+            return;
+        }
+        port.attached = true;
+        target_.set_port_link(port.config->ifx, state.up);
+        log(LogLevel::info, *port.config,
+            std::string(is_new ? "attached, " : "") + (state.up ? "link up" : "link down"));
+    }
+
+    Switch &target_;
+    std::map<std::string, Port> ports_; // by interface
+    sides::LinkWatch watch_;
+};
+
+} // namespace
+
+std::unique_ptr<PortLinks> follow_links(Switch &target, std::string &why)
+{
+    auto links = std::make_unique<WatchedLinks>(target);
+    if (!links->start(why)) {
+        return nullptr;
+    }
+    return links;
+}
+
+} // namespace vvl::host

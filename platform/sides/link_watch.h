@@ -1,0 +1,98 @@
+// The links of named network interfaces, as the kernel tells of them: whether
+// an interface of that name is there, and whether its link is up.
+//
+// Events come over one netlink socket; the state of everything is asked for
+// over another one, at the start and whenever events may have been lost.
+// An interface is known by its name; one that is deleted and made again, moved
+// to another namespace or renamed is another one, and the old one is reported
+// gone first. Interfaces are those of the namespace in which start() was called.
+//
+// Limits: a burst of events that the socket has no room for is made good by
+// asking for everything again, so only what was undone meanwhile goes unseen.
+#pragma once
+
+#include "platform/base/loop.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+struct mnl_socket;
+
+namespace vvl::sides
+{
+
+struct LinkMessage;
+
+constexpr int link_events_per_turn_max = 64;        // datagrams read before other work has its turn
+constexpr int link_query_tries_max = 8;             // a list that changes while it is read is read again
+constexpr uint64_t link_query_retry_us = 1'000'000; // after a query that failed
+
+struct LinkState {
+    uint32_t ifindex = 0; // 0: there is no interface of this name
+    bool up = false;      // switched on, with a carrier, and free to carry frames
+    bool operator==(const LinkState &) const = default;
+};
+
+struct LinkCounters {
+    uint64_t refused = 0; // messages that were wrong or too short, and skipped
+    uint64_t queries = 0; // times that the state of everything was asked for
+};
+
+class LinkWatch
+{
+  public:
+    // Told of each change. May not destroy the watch.
+    using Changed = std::function<void(const std::string &interface, const LinkState &state)>;
+
+    // The loop outlives the watch. Nothing is watched before start().
+    LinkWatch(Loop &loop, const std::vector<std::string> &interfaces, Changed changed);
+    ~LinkWatch();
+
+    LinkWatch(const LinkWatch &) = delete;
+    LinkWatch &operator=(const LinkWatch &) = delete;
+
+    // Tells of every interface that is there before it returns; the rest comes
+    // from the loop. On failure why names the step and the reason. Once only.
+    bool start(std::string &why);
+
+    // What was told of last; no interface for a name that is not watched.
+    LinkState state(const std::string &interface) const;
+
+    const LinkCounters &counters() const { return counters_; }
+
+    // Acts on a datagram of events, which lies aligned as struct nlmsghdr. The
+    // watch calls it with what the kernel sends.
+    void take(std::span<const uint8_t> datagram);
+
+  private:
+    struct CloseSocket {
+        void operator()(mnl_socket *socket) const;
+    };
+    using Socket = std::unique_ptr<mnl_socket, CloseSocket>;
+
+    static Socket open_socket(int flags, std::string &why);
+
+    void read_events();
+    bool query_all(std::string &why);
+    void query_again();
+    void replace_all(const std::vector<LinkMessage> &links);
+    void apply(const LinkMessage &link);
+    void set(const std::string &interface, const LinkState &state);
+
+    Loop &loop_;
+    Changed changed_;
+    std::map<std::string, LinkState> states_;    // of every watched name
+    std::map<uint32_t, std::string> by_ifindex_; // the watched names that have an interface
+    Socket events_;
+    LoopId watch_ = 0;
+    LoopId retry_timer_ = 0;
+    bool missed_ = false; // events; a query follows when the socket is empty
+    LinkCounters counters_;
+};
+
+} // namespace vvl::sides
