@@ -1,7 +1,8 @@
 // A forwarding plane, as its manager and the switch's sides see it.
 //
-// The manager decides what is installed and when; a plane makes it act. Each
-// operation takes over at once for the next frame: no frame sees a part of it.
+// The manager decides what is installed and when; a plane makes it act. What is
+// changed in one callback of the loop takes over with its end at the latest,
+// and in one step: no frame sees a part of it.
 #pragma once
 
 #include "platform/fp/rule.h"

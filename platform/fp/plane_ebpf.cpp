@@ -56,13 +56,20 @@ std::string name_of(const PlanePort &port)
 
 struct EbpfPlane::Impl {
     explicit Impl(Loop &the_loop) : loop(the_loop) {}
-    ~Impl() { stop_events(); }
+    ~Impl()
+    {
+        flush();
+        stop_events();
+    }
     Impl(const Impl &) = delete;
     Impl &operator=(const Impl &) = delete;
 
     Loop &loop;
     KernelSide side;
     std::unique_ptr<States> states;
+    PlaneState in_force;
+    PlaneState wanted;             // in force with the end of the current callback
+    std::shared_ptr<bool> pending; // a flush is posted; posted tasks look at it weakly
     std::unique_ptr<ring_buffer, RingEnd> ring;
     PlaneEvents *events = nullptr;
     LoopId watch = 0;
@@ -72,6 +79,8 @@ struct EbpfPlane::Impl {
     vv_port &port(uint32_t index) { return side.shared.get()->ports[index]; }
     bool may_write();
     int locate_all(const std::map<uint32_t, uint8_t> &binding);
+    void flush_later();
+    void flush();
     bool start_events(std::string &why);
     void stop_events();
     void consume();
@@ -169,6 +178,34 @@ int EbpfPlane::Impl::locate_all(const std::map<uint32_t, uint8_t> &binding)
     return 0;
 }
 
+// What an application changes in one callback belongs together: a device that
+// is added takes a rule that tags it and one that marks it. Frames come in all
+// the while here, so the changes are put into force together.
+void EbpfPlane::Impl::flush_later()
+{
+    if (pending == nullptr) {
+        pending = std::make_shared<bool>(true);
+        loop.post([this, posted = std::weak_ptr<bool>(pending)] {
+            if (!posted.expired()) {
+                flush();
+            }
+        });
+    }
+}
+
+void EbpfPlane::Impl::flush()
+{
+    pending.reset();
+    if (wanted == in_force) {
+        return;
+    }
+    if (const int code = states->carry_over(in_force, wanted); code != 0) {
+        log_line(LogLevel::error, side.folder + ": a change cannot be put into force: " + error_text(code));
+        return;
+    }
+    in_force = wanted;
+}
+
 std::set<uint16_t> EbpfPlane::Impl::pvids() const
 {
     std::set<uint16_t> all;
@@ -208,6 +245,7 @@ std::unique_ptr<EbpfPlane> EbpfPlane::open(Loop &loop, const EbpfOptions &option
         return nullptr;
     }
     impl->states = std::make_unique<States>(impl->side.shared.get());
+    impl->wanted = impl->in_force = impl->states->installed();
     return std::unique_ptr<EbpfPlane>(new EbpfPlane(std::move(impl)));
 }
 
@@ -217,7 +255,12 @@ int EbpfPlane::set_rules(Acl acl, std::span<const Rule> rules)
     if (!check_rules(rules, why)) {
         return error_invalid;
     }
-    return impl_->may_write() ? impl_->states->set_rules(acl, rules) : -EBUSY;
+    if (!impl_->may_write()) {
+        return -EBUSY;
+    }
+    impl_->wanted.rules[static_cast<size_t>(acl)].assign(rules.begin(), rules.end());
+    impl_->flush_later();
+    return 0;
 }
 
 int EbpfPlane::set_binding(uint32_t phyid, uint8_t acls)
@@ -225,11 +268,15 @@ int EbpfPlane::set_binding(uint32_t phyid, uint8_t acls)
     if (!impl_->may_write()) {
         return -EBUSY;
     }
-    const uint32_t port = impl_->states->port_for(phyid);
-    if (port >= VV_PORTS_MAX) {
+    if (impl_->states->port_for(phyid) >= VV_PORTS_MAX) {
         return error_full;
     }
-    impl_->states->set_binding(port, acls);
+    if (acls != 0) {
+        impl_->wanted.binding[phyid] = acls;
+    } else {
+        impl_->wanted.binding.erase(phyid);
+    }
+    impl_->flush_later();
     return 0;
 }
 
@@ -247,7 +294,9 @@ int EbpfPlane::replace_all(const PlaneState &state)
     if (const int code = impl_->locate_all(state.binding); code != 0) {
         return code;
     }
-    return impl_->states->replace_all(state);
+    impl_->wanted = state;
+    impl_->flush_later();
+    return 0;
 }
 
 int EbpfPlane::set_trap(uint32_t phyid, bool on)
@@ -270,7 +319,7 @@ void EbpfPlane::forget(uint16_t vlan, const Mac &mac)
 
 PlaneState EbpfPlane::installed() const
 {
-    return impl_->states->installed();
+    return impl_->wanted;
 }
 
 void EbpfPlane::set_events(PlaneEvents *events)

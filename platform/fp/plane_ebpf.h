@@ -3,9 +3,10 @@
 //
 // It outlives the agent. Maps and programs are pinned in a folder of a BPF file
 // system; the programs stay at the interfaces when the agent dies and go on by
-// the last state, and the next agent takes them over without detaching. Each
-// operation writes a state that is not in force and then puts it into force with
-// one store, so a kill at any moment leaves the old treatment or the new one.
+// the last state, and the next agent takes them over without detaching. A
+// change is written into a state that is not in force, which then comes into
+// force with one store, so a kill at any moment leaves the old treatment or the
+// new one.
 //
 // Limits: layout.h. Needs CAP_BPF and CAP_NET_ADMIN. One agent per folder at a
 // time; interfaces are those of the caller's network namespace.

@@ -48,6 +48,7 @@ EbpfFeature pin_folder(const std::string &folder)
 {
     std::string why;
     const bool good = prepare_pin_folder(folder, why);
+    rmdir(folder.c_str()); // to ask leaves nothing behind; one in use is not empty
     return {"BPF file system", good, good ? folder : why};
 }
 

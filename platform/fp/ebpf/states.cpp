@@ -142,7 +142,31 @@ void States::store_bind(uint32_t port, uint16_t pvid, uint8_t acls)
     __atomic_store_n(&active().bind[port], bind_word(next_generation(), pvid, acls), __ATOMIC_RELEASE);
 }
 
-template <typename Change> int States::put_into_force(Change &&change)
+int States::carry_over(const PlaneState &from, const PlaneState &to)
+{
+    // Ports that differ, each with what it is to be bound to.
+    std::map<uint32_t, uint8_t> changed;
+    for (const auto &[phyid, acls] : from.binding) {
+        changed.emplace(phyid, 0);
+    }
+    for (const auto &[phyid, acls] : to.binding) {
+        changed[phyid] = acls;
+    }
+    std::erase_if(changed, [&](const auto &port) {
+        const auto before = from.binding.find(port.first);
+        return (before != from.binding.end() ? before->second : 0) == port.second;
+    });
+    if (!std::ranges::equal(from.rules, to.rules) || changed.size() > 1) {
+        return replace_all(to);
+    }
+    for (const auto &[phyid, acls] : changed) {
+        const uint32_t port = port_for(phyid);
+        store_bind(port, VV_BIND_PVID(active().bind[port]), acls);
+    }
+    return 0;
+}
+
+int States::replace_all(const PlaneState &to)
 {
     if (free_states_ == 0) {
         if (syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL, 0, 0) != 0) {
@@ -152,39 +176,19 @@ template <typename Change> int States::put_into_force(Change &&change)
     }
     const uint32_t next = (shared_->active + 1) % VV_STATES;
     vv_state &state = shared_->states[next];
-    state = active();
-    change(state);
+    for (size_t i = 0; i < acl_count; i++) {
+        compile(to.rules[i], state.acls[i]);
+    }
     const uint32_t generation = next_generation();
-    for (__u64 &bind : state.bind) {
-        bind = bind_word(generation, VV_BIND_PVID(bind), VV_BIND_BOUND(bind));
+    for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
+        state.bind[port] = bind_word(generation, VV_BIND_PVID(active().bind[port]), 0);
+    }
+    for (const auto &[phyid, acls] : to.binding) {
+        state.bind[port_for(phyid)] |= acls;
     }
     free_states_--;
     __atomic_store_n(&shared_->active, next, __ATOMIC_RELEASE);
     return 0;
-}
-
-int States::set_rules(Acl acl, std::span<const Rule> rules)
-{
-    return put_into_force([&](vv_state &state) { compile(rules, state.acls[static_cast<size_t>(acl)]); });
-}
-
-int States::replace_all(const PlaneState &plane_state)
-{
-    return put_into_force([&](vv_state &state) {
-        for (size_t i = 0; i < acl_count; i++) {
-            compile(plane_state.rules[i], state.acls[i]);
-        }
-        for (const auto &[phyid, port] : port_by_phyid_) {
-            const auto bound = plane_state.binding.find(phyid);
-            state.bind[port] = bind_word(0, VV_BIND_PVID(state.bind[port]),
-                                         bound != plane_state.binding.end() ? bound->second : uint8_t{0});
-        }
-    });
-}
-
-void States::set_binding(uint32_t port, uint8_t acls)
-{
-    store_bind(port, VV_BIND_PVID(active().bind[port]), acls);
 }
 
 void States::set_pvid(uint32_t port, uint16_t pvid)

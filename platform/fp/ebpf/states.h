@@ -30,10 +30,10 @@ class States
     // The same of a port that there is; VV_PORTS_MAX where there is none.
     uint32_t find_port(uint32_t phyid) const;
 
-    // rules and state: such that check_rules accepts them; ports: all made before.
-    int set_rules(Acl acl, std::span<const Rule> rules);
-    int replace_all(const PlaneState &state);
-    void set_binding(uint32_t port, uint8_t acls);
+    // Puts a state into force instead of the one that is, in one step. Rules
+    // are such that check_rules accepts them; ports were all made before.
+    // Returns 0, or a negative system error with nothing changed.
+    int carry_over(const PlaneState &from, const PlaneState &to);
     void set_pvid(uint32_t port, uint16_t pvid);
     PlaneState installed() const;
 
@@ -43,7 +43,7 @@ class States
     void remove_interface(uint32_t port);
 
   private:
-    template <typename Change> int put_into_force(Change &&change);
+    int replace_all(const PlaneState &state);
     vv_state &active() const { return shared_->states[shared_->active % VV_STATES]; }
     void store_bind(uint32_t port, uint16_t pvid, uint8_t acls);
     uint32_t next_generation();

@@ -100,6 +100,7 @@ TEST(EbpfDifferential, KernelAndClassifierTreatEveryFrameAlike)
         std::string why;
         ASSERT_EQ(0, rig.plane().replace_all(state));
         ASSERT_TRUE(rig.plane().add_port({.phyid = 1, .pvid = pvid, .interface = "port1"}, why)) << why;
+        rig.advance(0);
         AclSet acls;
         for (size_t i = 0; i < acl_count; i++) {
             acls.acls[i] = Classifier(state.rules[i]);

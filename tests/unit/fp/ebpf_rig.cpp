@@ -138,6 +138,7 @@ void EbpfRig::restart_agent()
 
 Sent EbpfRig::send(uint32_t phyid, const Bytes &frame)
 {
+    loop_.advance(0);
     const ProbeResult result = probe_->ingress(if_nametoindex(make_interface(phyid).c_str()), frame, metadata_);
     loop_.advance(0);
     return result.forwarded ? Sent{{uplink, result.frame}} : Sent{};
@@ -145,6 +146,7 @@ Sent EbpfRig::send(uint32_t phyid, const Bytes &frame)
 
 ProbeResult EbpfRig::leave(uint32_t phyid, const Bytes &frame)
 {
+    loop_.advance(0);
     return probe_->egress(if_nametoindex(make_interface(phyid).c_str()), frame, metadata_);
 }
 

@@ -33,6 +33,7 @@ class EbpfTest : public ::testing::Test, public PlaneEvents
         state_.rules[2] = {deny_rule()};
         state_.binding = {{1, all_acls}};
         ASSERT_EQ(0, rig_->plane().replace_all(state_));
+        rig_->advance(0);
     }
 
     static Bytes from_phone() { return ethernet(server, phone, {}, 0x0800, ipv4(1)); }
