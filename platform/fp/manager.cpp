@@ -276,6 +276,7 @@ int Manager::Impl::end_reconciliation(bool timed_out)
         desired_ = active_;
     } else {
         counters_.reconciled += !timed_out;
+        log_line(LogLevel::info, "forwarding plane: reconciled");
         kept_ = {};
         active_ = desired_;
     }

@@ -92,7 +92,6 @@ std::array<bpf_map *, std::size(map_pins)> maps_of(const vvlan_bpf &skeleton)
 // Loads the programs; around the maps of side where it has them already.
 Skeleton load(const KernelSide *side, std::string &why)
 {
-    libbpf_set_print(keep_words);
     last_words.clear();
     Skeleton skeleton(vvlan_bpf__open());
     if (skeleton == nullptr) {
@@ -279,6 +278,7 @@ bool prepare_pin_folder(const std::string &pin_folder, std::string &why)
 
 bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why)
 {
+    libbpf_set_print(keep_words);
     if (!prepare_pin_folder(pin_folder, why)) {
         return false;
     }
@@ -300,6 +300,7 @@ bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::stri
 
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why)
 {
+    libbpf_set_print(keep_words);
     side.folder = layout_folder(pin_folder);
     why.clear();
     return access(side.folder.c_str(), F_OK) == 0 && open_pins(side, false, why);
@@ -330,6 +331,7 @@ bool remove_pins(const std::string &pin_folder, std::string &why)
 
 bool try_programs(std::string &why)
 {
+    libbpf_set_print(keep_words);
     return load(nullptr, why) != nullptr;
 }
 

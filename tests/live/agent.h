@@ -1,0 +1,49 @@
+// The agent as a process on the plane in the kernel, with its configuration on a
+// Redis server, so that it can be killed and started again.
+#pragma once
+
+#include "tests/support/redis_server.h"
+
+#include <chrono>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace vvl::live
+{
+
+class Agent
+{
+  public:
+    // The access ports 1 to port_count and the uplink of a Network.
+    explicit Agent(unsigned port_count);
+    ~Agent();
+    Agent(const Agent &) = delete;
+    Agent &operator=(const Agent &) = delete;
+
+    void start();
+    void kill(); // SIGKILL; waits for its end
+    // Waits until it has taken over the plane. Milliseconds since start(), or
+    // throws std::runtime_error with its last words where it does not in 10 s.
+    double wait_until_reconciled();
+
+    // Writes the operator's lines into the store.
+    void configure(const std::vector<std::string> &lines);
+    // Does not wait; the next call does.
+    void begin_to_configure(const std::string &line);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    pid_t spawn(const std::vector<std::string> &words, int output) const;
+    void finish_configuring();
+
+    test::RedisServer redis_;
+    std::string config_;
+    pid_t pid_ = 0;
+    pid_t control_ = 0; // the last vvlanctl, while it runs
+    int output_ = -1;   // of the agent
+    std::string words_; // that it has said
+    Clock::time_point started_;
+};
+
+} // namespace vvl::live

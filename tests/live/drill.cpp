@@ -1,0 +1,317 @@
+// Drills of the plane in the kernel under the highest load that one core can
+// send: the agent is killed and started again (restart), or its configuration
+// is changed (reconfigure), and every frame that leaves the switch is judged.
+//
+//   drill restart [POINTS]      default 200
+//   drill reconfigure [CHANGES] default 60
+//
+// Exits with 1 where a frame was treated in a way that nobody had configured,
+// and with 77 where it cannot run here.
+#include "tests/live/agent.h"
+#include "tests/live/network.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <thread>
+
+namespace vvl::live
+{
+namespace
+{
+
+constexpr unsigned port_count = 8;
+constexpr int exit_skipped = 77;
+constexpr auto window = std::chrono::milliseconds(20); // in which a steady state shows
+constexpr auto patience = std::chrono::seconds(10);
+
+enum : uint8_t { telephone = 1, other_telephone, computer, tagging_computer };
+
+constexpr Treatment voice = {100, 6, 46};
+constexpr Treatment plain = {};
+
+const std::vector<std::string> configuration = {"vlan 100 on", "oui add 00:04:76:00:00:00/24", "qos cos 6 dscp 46"};
+constexpr const char *other_vendor = "00:0d:87:00:00:00/24";
+
+std::vector<Sender> all_senders()
+{
+    std::vector<Sender> senders;
+    for (unsigned port = 1; port <= port_count; port++) {
+        senders.push_back({telephone, 0x000476, port});
+    }
+    senders.push_back({other_telephone, 0x000d87, 1});
+    senders.push_back({computer, 0x020000, 1});
+    senders.push_back({tagging_computer, 0x020001, 1, 100});
+    return senders;
+}
+
+using Allowed = std::map<uint8_t, std::set<Treatment>>; // by sender
+using Steady = std::map<uint8_t, Treatment>;            // by sender; one of which no frame leaves is absent
+
+class Drill
+{
+  public:
+    Drill();
+
+    // Frames since the last call: counted, and those with a treatment that is
+    // not allowed told and counted apart.
+    void judge(const char *phase, const Allowed &allowed);
+
+    // Waits until each sender's frames all leave alike, twice in a row, and as asked.
+    Steady wait_until_steady(const std::function<bool(const Steady &)> &is_wanted);
+    void wait_until_treated(uint8_t sender, const Treatment &treatment);
+
+    Agent agent{port_count};
+    uint64_t frames = 0;
+    uint64_t wrong = 0;
+
+  private:
+    Counts taken_since(Counts &last) const;
+
+    Network network_{port_count};
+    std::unique_ptr<Traffic> traffic_;
+    Counts judged_;
+};
+
+Drill::Drill()
+{
+    std::vector<std::string> lines = configuration;
+    for (unsigned port = 1; port <= port_count; port++) {
+        lines.push_back("port " + std::to_string(port) + " auto");
+    }
+    agent.configure(lines);
+    agent.start();
+    traffic_ = std::make_unique<Traffic>(all_senders());
+    wait_until_treated(telephone, voice);
+    judged_ = network_.counts();
+}
+
+Counts Drill::taken_since(Counts &last) const
+{
+    Counts now = network_.counts();
+    Counts taken;
+    for (const auto &[what, count] : now) {
+        const uint64_t before = last.contains(what) ? last.at(what) : 0;
+        if (count > before) {
+            taken[what] = count - before;
+        }
+    }
+    last = std::move(now);
+    return taken;
+}
+
+void Drill::judge(const char *phase, const Allowed &allowed)
+{
+    for (const auto &[what, count] : taken_since(judged_)) {
+        const auto &[sender, treatment] = what;
+        frames += count;
+        if (!allowed.contains(sender) || !allowed.at(sender).contains(treatment)) {
+            wrong += count;
+            std::printf("%s: %llu frames of sender %u left %s\n", phase, static_cast<unsigned long long>(count), sender,
+                        to_text(treatment).c_str());
+        }
+    }
+}
+
+Steady Drill::wait_until_steady(const std::function<bool(const Steady &)> &is_wanted)
+{
+    const auto end = std::chrono::steady_clock::now() + patience;
+    Counts last = network_.counts();
+    Steady before;
+    std::string seen;
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(window);
+        Steady steady;
+        bool is_mixed = false;
+        seen.clear();
+        for (const auto &[what, count] : taken_since(last)) {
+            is_mixed |= !steady.emplace(what.first, what.second).second;
+            seen += "\n  sender " + std::to_string(what.first) + ": " + to_text(what.second);
+        }
+        if (!is_mixed && steady == before && is_wanted(steady)) {
+            return steady;
+        }
+        before = is_mixed ? Steady{} : steady;
+    }
+    throw std::runtime_error("the frames did not come to leave as configured; they leave as" + seen);
+}
+
+void Drill::wait_until_treated(uint8_t sender, const Treatment &treatment)
+{
+    wait_until_steady([&](const Steady &steady) { return steady.contains(sender) && steady.at(sender) == treatment; });
+}
+
+// ---- The restart drill ----------------------------------------------------
+
+struct Moment {
+    const char *name;
+    // Leads up to the kill; point: 0 to 1, how far into it.
+    void (*lead_up)(Drill &drill, double point);
+    void (*settle)(Drill &drill); // after the next agent has taken over
+    Allowed allowed;              // meanwhile
+};
+
+void pause_ms(double ms)
+{
+    std::this_thread::sleep_for(std::chrono::duration<double, std::milli>(ms));
+}
+
+bool other_is_voice = false; // the other vendor's devices are configured
+
+void change_other_vendor(Drill &drill, double point)
+{
+    other_is_voice = !other_is_voice;
+    drill.agent.begin_to_configure(std::string("oui ") + (other_is_voice ? "add " : "del ") + other_vendor);
+    pause_ms(point * 40);
+}
+
+void settle_other_vendor(Drill &drill)
+{
+    drill.wait_until_treated(other_telephone, other_is_voice ? voice : plain);
+}
+
+Allowed allowed_with(std::set<Treatment> telephones)
+{
+    // Of the other vendor's device both are right, as it is switched to and fro.
+    return {{telephone, std::move(telephones)},
+            {other_telephone, {plain, voice}},
+            {computer, {plain}},
+            {tagging_computer, {{100, 0, 0}, voice}}}; // marked where its port has joined
+}
+
+const Moment moments[] = {
+    {"idle", [](Drill &, double point) { pause_ms(10 + 20 * point); }, [](Drill &) {}, allowed_with({voice})},
+    {"start-up",
+     [](Drill &drill, double point) {
+         drill.agent.kill();
+         drill.agent.start();
+         pause_ms(point * 60);
+     },
+     [](Drill &) {}, allowed_with({voice})},
+    {"oui change", change_other_vendor, settle_other_vendor, allowed_with({voice})},
+    {"switch-off",
+     [](Drill &drill, double point) {
+         drill.agent.begin_to_configure("vlan 100 off");
+         pause_ms(point * 40);
+     },
+     [](Drill &drill) {
+         drill.wait_until_treated(telephone, plain);
+         drill.agent.configure({"vlan 100 on"});
+         drill.wait_until_treated(telephone, voice);
+         settle_other_vendor(drill);
+     },
+     allowed_with({plain, voice})},
+    {"join storm",
+     [](Drill &drill, double point) {
+         drill.agent.configure({"vlan 100 off"});
+         drill.wait_until_treated(telephone, plain);
+         drill.agent.begin_to_configure("vlan 100 on");
+         pause_ms(point * 40);
+     },
+     [](Drill &drill) {
+         drill.wait_until_treated(telephone, voice);
+         settle_other_vendor(drill);
+     },
+     allowed_with({plain, voice})},
+};
+
+double percentile(std::vector<double> values, double share)
+{
+    std::ranges::sort(values);
+    return values.empty() ? 0 : values[static_cast<size_t>(share * static_cast<double>(values.size() - 1))];
+}
+
+void drill_restart(Drill &drill, unsigned points)
+{
+    std::vector<double> reconverged_ms;
+    const unsigned kinds = std::size(moments);
+    for (unsigned i = 0; i < points; i++) {
+        const Moment &moment = moments[i % kinds];
+        moment.lead_up(drill, static_cast<double>(i) / points);
+        drill.agent.kill();
+        drill.agent.start();
+        reconverged_ms.push_back(drill.agent.wait_until_reconciled());
+        moment.settle(drill);
+        drill.judge(moment.name, moment.allowed);
+    }
+    std::printf("%u kills; the next agent had taken over after %.0f ms (median), %.0f ms (longest)\n", points,
+                percentile(reconverged_ms, 0.5), percentile(reconverged_ms, 1));
+    std::printf("bar restart.frames %llu\n", static_cast<unsigned long long>(drill.frames));
+    std::printf("bar restart.misforwarded %llu\n", static_cast<unsigned long long>(drill.wrong));
+    std::printf("bar restart.reconverge_p99_ms %.1f\n", percentile(reconverged_ms, 0.99));
+}
+
+// ---- The reconfiguration drill ---------------------------------------------
+
+// Each change and the one that takes it back.
+constexpr std::pair<const char *, const char *> changes[] = {
+    {"qos cos 5 dscp 40", "qos cos 6 dscp 46"},
+    {"oui add 00:0d:87:00:00:00/24", "oui del 00:0d:87:00:00:00/24"},
+    {"security on", "security off"},
+    {"oui del 00:04:76:00:00:00/24", "oui add 00:04:76:00:00:00/24"},
+    {"vlan 200 on", "vlan 100 on"},
+};
+
+// The change must show in how somebody's frames leave, or nothing is proved.
+void carry_out(Drill &drill, const char *line, Steady &steady)
+{
+    drill.agent.begin_to_configure(line);
+    const Steady after = drill.wait_until_steady([&](const Steady &now) { return now != steady; });
+    Allowed allowed;
+    for (const Steady &state : {steady, after}) {
+        for (const auto &[sender, treatment] : state) {
+            allowed[sender].insert(treatment);
+        }
+    }
+    drill.judge(line, allowed);
+    steady = after;
+}
+
+void drill_reconfigure(Drill &drill, unsigned count)
+{
+    Steady steady = drill.wait_until_steady([](const Steady &) { return true; });
+    drill.judge("before", allowed_with({voice}));
+    for (unsigned i = 0; i < count; i += 2) {
+        const auto &[change, back] = changes[i / 2 % std::size(changes)];
+        carry_out(drill, change, steady);
+        carry_out(drill, back, steady);
+    }
+    std::printf("%u changes under load\n", count);
+    std::printf("bar reconfigure.frames %llu\n", static_cast<unsigned long long>(drill.frames));
+    std::printf("bar reconfigure.mixed %llu\n", static_cast<unsigned long long>(drill.wrong));
+}
+
+int run(const std::string &which, unsigned count)
+{
+    Drill drill;
+    which == "restart" ? drill_restart(drill, count) : drill_reconfigure(drill, count);
+    return drill.wrong == 0 && drill.frames > 0 ? 0 : 1;
+}
+
+} // namespace
+} // namespace vvl::live
+
+int main(int argc, char **argv)
+{
+    const std::string which = argc > 1 ? argv[1] : "";
+    const int count = argc > 2 ? std::atoi(argv[2]) : which == "restart" ? 200 : 60;
+    if ((which != "restart" && which != "reconfigure") || count <= 0) {
+        std::fprintf(stderr, "usage: drill restart|reconfigure [COUNT]\n");
+        return 2;
+    }
+    if (const std::string why = vvl::live::obstacle(); !why.empty()) {
+        std::printf("drill: skipped: %s\n", why.c_str());
+        return vvl::live::exit_skipped;
+    }
+    try {
+        return vvl::live::run(which, static_cast<unsigned>(count));
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "drill: %s\n", error.what());
+        return 1;
+    }
+}

@@ -1,0 +1,185 @@
+#include "tests/live/network.h"
+
+#include "tests/unit/fp/frames.h"
+
+#include <bpf/bpf.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace vvl::live
+{
+namespace
+{
+
+constexpr unsigned burst = 64; // frames per system call
+constexpr const char *server = "02:aa:aa:00:00:01";
+
+[[noreturn]] void fail(const std::string &what)
+{
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+fp::test::Bytes frame_of(const Sender &sender)
+{
+    Mac to{};
+    parse_mac(server, to);
+    const Mac from = {static_cast<uint8_t>(sender.vendor >> 16), static_cast<uint8_t>(sender.vendor >> 8),
+                      static_cast<uint8_t>(sender.vendor), static_cast<uint8_t>(sender.port), sender.number,
+                      CHECKER_MARK};
+    fp::test::Bytes payload = fp::test::ipv4(0);
+    payload.resize(100);
+    if (sender.tag_vid == 0) {
+        return fp::test::ethernet(to, from, {}, ETH_P_IP, payload);
+    }
+    return fp::test::ethernet(to, from, {ETH_P_8021Q, sender.tag_vid}, ETH_P_IP, payload);
+}
+
+} // namespace
+
+std::string obstacle()
+{
+    return geteuid() == 0 ? "" : "not root: no network namespace can be made and no program loaded";
+}
+
+void shell(const std::string &command)
+{
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error("failed: " + command);
+    }
+}
+
+std::string to_text(const Treatment &treatment)
+{
+    const std::string marked = " priority " + std::to_string(treatment.priority) + " dscp " + std::to_string(treatment.dscp);
+    return (treatment.vid == 0 ? "untagged" : "vlan " + std::to_string(treatment.vid)) + marked;
+}
+
+Network::Network(unsigned port_count) : checker_(bpf_object__open_file(VVLAN_CHECKER_OBJECT, nullptr))
+{
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("bpf", "/sys/fs/bpf", "bpf", 0, nullptr) != 0) {
+        fail("namespaces");
+    }
+    std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
+    shell("ip link set lo up && ip link add br0 type bridge && ip link set br0 up");
+    shell("ip link add uplink type veth peer name far && ip link set uplink master br0 up && ip link set far up");
+    for (unsigned port = 1; port <= port_count; port++) {
+        const std::string access = "acc" + std::to_string(port);
+        const std::string sender = sender_interface(port);
+        shell("ip link add " + access + " type veth peer name " + sender + " && ip link set " + access +
+              " master br0 up && ip link set " + sender + " up");
+    }
+    // Known, so that frames go to the uplink alone.
+    shell(std::string("bridge fdb add ") + server + " dev uplink master static");
+    shell("tc qdisc add dev far clsact");
+    if (bpf_object__load(checker_.get()) != 0) {
+        fail("checker");
+    }
+    bpf_tc_hook hook{};
+    hook.sz = sizeof hook;
+    hook.ifindex = static_cast<int>(if_nametoindex("far"));
+    hook.attach_point = BPF_TC_INGRESS;
+    bpf_tc_opts options{};
+    options.sz = sizeof options;
+    options.prog_fd = bpf_program__fd(bpf_object__find_program_by_name(checker_.get(), "checker"));
+    if (bpf_tc_attach(&hook, &options) != 0) {
+        fail("checker at the uplink's far end");
+    }
+}
+
+Counts Network::counts() const
+{
+    const int map = bpf_object__find_map_fd_by_name(checker_.get(), "treatments");
+    std::vector<uint64_t> per_cpu(static_cast<size_t>(libbpf_num_possible_cpus()));
+    Counts counts;
+    checker_treatment key{};
+    for (int rv = bpf_map_get_next_key(map, nullptr, &key); rv == 0; rv = bpf_map_get_next_key(map, &key, &key)) {
+        uint64_t &sum = counts[{key.sender, {key.vid, key.priority, key.dscp}}];
+        if (bpf_map_lookup_elem(map, &key, per_cpu.data()) == 0) {
+            for (const uint64_t count : per_cpu) {
+                sum += count;
+            }
+        }
+    }
+    return counts;
+}
+
+uint64_t Network::uncounted() const
+{
+    uint64_t value = 0;
+    const uint32_t key = 0;
+    bpf_map *map = nullptr;
+    bpf_object__for_each_map(map, checker_.get())
+    {
+        if (std::string(bpf_map__name(map)).find(".bss") != std::string::npos) {
+            bpf_map_lookup_elem(bpf_map__fd(map), &key, &value);
+        }
+    }
+    return value;
+}
+
+struct Traffic::Outlet {
+    fp::test::Bytes frame;
+    iovec data{};
+    std::vector<mmsghdr> messages;
+    int socket = -1;
+
+    explicit Outlet(const Sender &sender) : frame(frame_of(sender)), messages(burst)
+    {
+        socket = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+        sockaddr_ll address{};
+        address.sll_family = AF_PACKET;
+        address.sll_ifindex = static_cast<int>(if_nametoindex(Network::sender_interface(sender.port).c_str()));
+        const int one = 1;
+        if (bind(socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+            setsockopt(socket, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof one) != 0) {
+            fail("sender on port " + std::to_string(sender.port));
+        }
+        data = {frame.data(), frame.size()};
+        for (mmsghdr &message : messages) {
+            message = {};
+            message.msg_hdr.msg_iov = &data;
+            message.msg_hdr.msg_iovlen = 1;
+        }
+    }
+    ~Outlet() { close(socket); }
+    Outlet(const Outlet &) = delete;
+    Outlet &operator=(const Outlet &) = delete;
+};
+
+Traffic::Traffic(const std::vector<Sender> &senders)
+{
+    for (const Sender &sender : senders) {
+        outlets_.push_back(std::make_unique<Outlet>(sender));
+    }
+    thread_ = std::thread([this] { run(); });
+}
+
+Traffic::~Traffic()
+{
+    stopping_ = true;
+    thread_.join();
+}
+
+void Traffic::run()
+{
+    while (!stopping_) {
+        for (const auto &outlet : outlets_) {
+            const int sent = sendmmsg(outlet->socket, outlet->messages.data(), burst, 0);
+            sent_ += sent > 0 ? static_cast<uint64_t>(sent) : 0;
+        }
+    }
+}
+
+} // namespace vvl::live

@@ -1,0 +1,86 @@
+// A switch's surroundings on this machine: a network namespace of the process's
+// own with a Linux bridge, access ports whose other ends send, and an uplink
+// whose other end counts how every frame was treated. All of it ends with the
+// process.
+#pragma once
+
+#include "platform/base/mac.h"
+#include "tests/live/checker.h"
+
+#include <atomic>
+#include <bpf/libbpf.h>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+namespace vvl::live
+{
+
+// Why this cannot run here; empty where it can.
+std::string obstacle();
+
+// Runs a shell command; throws std::runtime_error with it where it fails.
+void shell(const std::string &command);
+
+struct Treatment {
+    unsigned vid = 0; // 0: no tag
+    unsigned priority = 0;
+    unsigned dscp = 0;
+    auto operator<=>(const Treatment &) const = default;
+};
+
+std::string to_text(const Treatment &treatment); // "vlan 100 priority 6 dscp 46"
+
+using Counts = std::map<std::pair<uint8_t, Treatment>, uint64_t>; // by sender and treatment
+
+class Network
+{
+  public:
+    // Ports 1 to port_count are the interfaces "acc1" and so on, the uplink is "uplink".
+    explicit Network(unsigned port_count);
+
+    Counts counts() const; // since the network was made
+    uint64_t uncounted() const;
+    static std::string sender_interface(unsigned port) { return "gen" + std::to_string(port); }
+
+  private:
+    struct ObjectEnd {
+        void operator()(bpf_object *object) const { bpf_object__close(object); }
+    };
+    std::unique_ptr<bpf_object, ObjectEnd> checker_;
+};
+
+// One kind of sender: its frames come in untagged or in a VLAN, as UDP over IPv4.
+struct Sender {
+    uint8_t number;       // in the checker's counts
+    unsigned vendor;      // first three bytes of the address
+    unsigned port;        // where it sends
+    unsigned tag_vid = 0; // 0: untagged
+};
+
+// Sends frames of all senders in turn, as fast as one thread can.
+class Traffic
+{
+  public:
+    explicit Traffic(const std::vector<Sender> &senders);
+    ~Traffic();
+    Traffic(const Traffic &) = delete;
+    Traffic &operator=(const Traffic &) = delete;
+
+    uint64_t sent() const { return sent_; }
+
+  private:
+    struct Outlet;
+    void run();
+
+    std::vector<std::unique_ptr<Outlet>> outlets_;
+    std::atomic<uint64_t> sent_ = 0;
+    std::atomic<bool> stopping_ = false;
+    std::thread thread_;
+};
+
+} // namespace vvl::live
