@@ -40,8 +40,11 @@ EbpfFeature jit()
 {
     std::ifstream file("/proc/sys/net/core/bpf_jit_enable");
     int value = 0;
+    if (!file) { // the first network namespace alone shows it
+        return {"JIT compiler", true, "not shown in this network namespace"};
+    }
     const bool on = static_cast<bool>(file >> value) && value != 0;
-    return {"JIT compiler", on, on ? "on" : "off or unknown; sysctl net.core.bpf_jit_enable=1"};
+    return {"JIT compiler", on, on ? "on" : "off; sysctl net.core.bpf_jit_enable=1"};
 }
 
 EbpfFeature pin_folder(const std::string &folder)
