@@ -25,9 +25,13 @@ in_namespace() {
     nsenter --net="/run/netns/$run-$name" "$@"
 }
 
-make_network() {
+# Before make_network, since namespaces would else not share the mount.
+mount_bpf() {
     mkdir "$folder/bpf"
     mount -t bpf bpf "$folder/bpf"
+}
+
+make_network() {
     make_namespaces
     make_cable tel eth0 edge tel address "$phone_mac"
     make_cable pc eth0 edge pc address "$pc_mac"
@@ -45,7 +49,7 @@ make_network() {
     attach_adapter
 }
 
-# Safe to call at any point of make_network, and again.
+# Safe to call at any point of these, and again.
 remove_network() {
     local name
     for name in "${namespaces[@]}"; do
