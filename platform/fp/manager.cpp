@@ -217,9 +217,7 @@ int Manager::Impl::expire(Kind kind, const char *app_type)
         start_limit();
     }
     restarted_ = false;
-    if (reconciling_) {
-        open_marks_ |= mark_bit(acl, kind);
-    }
+    open_marks_ |= mark_bit(acl, kind);
     table_.mark(acl, kind);
     counters_.accepted++;
     return 0;
@@ -239,10 +237,12 @@ int Manager::Impl::del_expired(Kind kind, const char *app_type)
     const int code = adopt({Kind::acl, &desc, 0, false}, std::move(next));
     const uint32_t answered = open_marks_ & mark_bit(acl, kind);
     open_marks_ &= ~answered;
-    if (answered != 0 && open_marks_ == 0) {
-        return end_reconciliation(false);
+    if (answered == 0 || open_marks_ != 0) {
+        return code;
     }
-    return code;
+    const int end_code = reconciling_ ? end_reconciliation(false) : code;
+    log_line(LogLevel::info, "forwarding plane: reconciliation ended");
+    return end_code;
 }
 
 void Manager::Impl::forget_module()
@@ -276,7 +276,6 @@ int Manager::Impl::end_reconciliation(bool timed_out)
         desired_ = active_;
     } else {
         counters_.reconciled += !timed_out;
-        log_line(LogLevel::info, "forwarding plane: reconciled");
         kept_ = {};
         active_ = desired_;
     }

@@ -15,14 +15,14 @@ namespace
 {
 
 constexpr int start_limit_ms = 10'000;
-constexpr const char *taken_over = "forwarding plane: reconciled";
+constexpr const char *taken_over = "forwarding plane: reconciliation ended";
 
 } // namespace
 
 Agent::Agent(unsigned port_count) : config_(redis_.folder() + "/vvland.conf")
 {
     std::ofstream file(config_);
-    file << "[host]\nlog-level = debug\n[store]\nkind = redis\naddress = " << redis_.address()
+    file << "[host]\nlog-level = info\n[store]\nkind = redis\naddress = " << redis_.address()
          << "\n[plane]\nkind = ebpf\n";
     for (unsigned port = 1; port <= port_count; port++) {
         file << "[port " << port << "]\nphyid = " << port << "\ninterface = acc" << port << "\n";
