@@ -1,6 +1,7 @@
 # The network of the live call, made of network namespaces: see docs/live.md.
 # Sourced. The caller sets run (a name that no other run has) and folder (an
-# empty folder of its own, without a dot in its path: pinning replaces dots), and calls remove_network at the end whatever happens.
+# empty one of its own, without a dot in its path, since pinning replaces dots),
+# and calls remove_network at the end whatever happens.
 
 here=$(dirname "${BASH_SOURCE[0]}")
 voice_vlan=100

@@ -17,14 +17,17 @@ fail() {
     exit 1
 }
 
-# check WHAT MEASURED -eq|-gt LIMIT
+# check WHAT MEASURED -eq|-gt|-le LIMIT
 check() {
     local verdict=good limit=$4
     if ! test "$2" "$3" "$4"; then
         verdict=WRONG
         failures=$((failures + 1))
     fi
-    [ "$3" = -eq ] || limit="> $4"
+    case $3 in
+    -gt) limit="> $4" ;;
+    -le) limit="<= $4" ;;
+    esac
     results+=("$(printf '%-68s %8s %8s  %s' "$1" "$2" "$limit" "$verdict")")
     note "$1: $2$([ $verdict = good ] || echo "   <-- WRONG, expected $limit")"
 }
