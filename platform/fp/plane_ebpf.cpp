@@ -76,7 +76,7 @@ struct EbpfPlane::Impl {
     LoopId timer = 0;
     uint32_t events_this_turn = 0;
 
-    vv_port &port(uint32_t index) { return side.shared.get()->ports[index]; }
+    vv_port &port(uint32_t index) { return side.shared().ports[index]; }
     bool may_write();
     int locate_all(const std::map<uint32_t, uint8_t> &binding);
     void flush_later();
@@ -159,7 +159,7 @@ void EbpfPlane::Impl::arm_tick()
 
 void EbpfPlane::Impl::tick()
 {
-    const uint32_t now = __atomic_add_fetch(&side.shared.get()->tick, 1, __ATOMIC_RELAXED);
+    const uint32_t now = __atomic_add_fetch(&side.shared().tick, 1, __ATOMIC_RELAXED);
     if (now % sweep_interval_ticks == 0) {
         Addresses(side.seen.get()).forget_if([&](const vv_seen &seen) { return now - seen.tick > idle_ticks_max; });
     }
@@ -209,7 +209,7 @@ void EbpfPlane::Impl::flush()
 std::set<uint16_t> EbpfPlane::Impl::pvids() const
 {
     std::set<uint16_t> all;
-    const vv_shared &shared = *side.shared.get();
+    const vv_shared &shared = side.shared();
     for (uint32_t index = 0; index < VV_PORTS_MAX; index++) {
         if (shared.ports[index].flags & VV_PORT_USED) {
             all.insert(VV_BIND_PVID(shared.states[shared.active % VV_STATES].bind[index]));
@@ -244,7 +244,7 @@ std::unique_ptr<EbpfPlane> EbpfPlane::open(Loop &loop, const EbpfOptions &option
     if (!open_kernel_side(options.pin_folder, impl->side, why)) {
         return nullptr;
     }
-    impl->states = std::make_unique<States>(impl->side.shared.get());
+    impl->states = std::make_unique<States>(&impl->side.shared(), impl->side.all_rules());
     impl->wanted = impl->in_force = impl->states->installed();
     return std::unique_ptr<EbpfPlane>(new EbpfPlane(std::move(impl)));
 }
@@ -408,23 +408,21 @@ uint64_t EbpfPlane::ace_frames(Acl acl, uint64_t id) const
 
 bool ebpf_detach(const EbpfOptions &options, std::vector<std::string> &report, std::string &why)
 {
-    std::set<uint32_t> made;
-    {
-        KernelSide side;
-        std::string ignored;
-        const bool is_there = view_kernel_side(options.pin_folder, side, ignored);
-        for (uint32_t index = 0; is_there && index < VV_PORTS_MAX; index++) {
-            const vv_port &port = side.shared.get()->ports[index];
-            if (port.ifindex != 0 && (port.flags & VV_PORT_MADE_CLSACT)) {
-                made.insert(port.ifindex);
-            }
+    KernelSide side; // empty where pins are missing or damaged: programs are known by their names then
+    std::string ignored;
+    const bool is_pinned = view_kernel_side(options.pin_folder, side, ignored);
+    std::set<uint32_t> made; // interfaces whose queue discipline is ours
+    for (uint32_t index = 0; is_pinned && index < VV_PORTS_MAX; index++) {
+        const vv_port &port = side.shared().ports[index];
+        if (port.ifindex != 0 && (port.flags & VV_PORT_MADE_CLSACT)) {
+            made.insert(port.ifindex);
         }
     }
     bool all_good = true;
     struct if_nameindex *const links = if_nameindex();
     for (const auto *link = links; link != nullptr && link->if_index != 0; link++) {
         std::string reason;
-        const Detached result = detach_programs(link->if_index, made.contains(link->if_index), reason);
+        const Detached result = detach_programs(link->if_index, side, made.contains(link->if_index), reason);
         if (result == Detached::failed) {
             why = std::string(link->if_name) + ": " + reason;
             all_good = false;

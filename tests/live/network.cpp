@@ -34,8 +34,11 @@ fp::test::Bytes frame_of(const Sender &sender)
 {
     Mac to{};
     parse_mac(server, to);
-    const Mac from = {static_cast<uint8_t>(sender.vendor >> 16), static_cast<uint8_t>(sender.vendor >> 8),
-                      static_cast<uint8_t>(sender.vendor), static_cast<uint8_t>(sender.port), sender.number,
+    const Mac from = {static_cast<uint8_t>(sender.vendor >> 16),
+                      static_cast<uint8_t>(sender.vendor >> 8),
+                      static_cast<uint8_t>(sender.vendor),
+                      static_cast<uint8_t>(sender.port),
+                      sender.number,
                       CHECKER_MARK};
     fp::test::Bytes payload = fp::test::ipv4(0);
     payload.resize(100);
@@ -61,7 +64,8 @@ void shell(const std::string &command)
 
 std::string to_text(const Treatment &treatment)
 {
-    const std::string marked = " priority " + std::to_string(treatment.priority) + " dscp " + std::to_string(treatment.dscp);
+    const std::string marked =
+        " priority " + std::to_string(treatment.priority) + " dscp " + std::to_string(treatment.dscp);
     return (treatment.vid == 0 ? "untagged" : "vlan " + std::to_string(treatment.vid)) + marked;
 }
 

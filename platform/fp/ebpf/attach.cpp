@@ -1,7 +1,9 @@
-// A program of ours is known by its name at our place in the filters' order.
-// What stands there under another name is somebody else's and stays.
+// A program of ours is known by its number, where it is pinned, and else by its
+// name; to ask for the name takes CAP_SYS_ADMIN. What stands at our place in the
+// filters' order and is not ours stays.
 #include "platform/fp/ebpf/attach.h"
 
+#include <algorithm>
 #include <array>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
@@ -50,7 +52,7 @@ bpf_tc_opts our_place()
 enum class Occupant { nobody, ours, stranger };
 
 // Who stands at our place; program_id: of what stands there.
-Occupant occupant_of(unsigned ifindex, const Direction &direction, uint32_t &program_id)
+Occupant occupant_of(unsigned ifindex, const KernelSide &side, const Direction &direction, uint32_t &program_id)
 {
     const bpf_tc_hook hook = hook_of(ifindex, direction.point);
     bpf_tc_opts options = our_place();
@@ -58,6 +60,9 @@ Occupant occupant_of(unsigned ifindex, const Direction &direction, uint32_t &pro
         return Occupant::nobody;
     }
     program_id = options.prog_id;
+    if (std::ranges::find(side.program_ids, program_id) != side.program_ids.end()) {
+        return Occupant::ours;
+    }
     const UniqueFd fd(bpf_prog_get_fd_by_id(program_id));
     bpf_prog_info info{};
     uint32_t size = sizeof info;
@@ -67,18 +72,11 @@ Occupant occupant_of(unsigned ifindex, const Direction &direction, uint32_t &pro
     return std::strcmp(info.name, direction.program) == 0 ? Occupant::ours : Occupant::stranger;
 }
 
-uint32_t id_of_program(int fd)
-{
-    bpf_prog_info info{};
-    uint32_t size = sizeof info;
-    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
-}
-
 bool attach_one(unsigned ifindex, const KernelSide &side, const Direction &direction, std::string &why)
 {
     uint32_t attached = 0;
     const int fd = (side.*direction.fd).get();
-    const Occupant occupant = occupant_of(ifindex, direction, attached);
+    const Occupant occupant = occupant_of(ifindex, side, direction, attached);
     if (occupant == Occupant::stranger) {
         why = std::string("another program has the filter ") + direction.word + " priority " +
               std::to_string(VV_FILTER_PRIORITY) + " already";
@@ -153,7 +151,7 @@ bool attach_programs(unsigned ifindex, const KernelSide &side, bool &made_clsact
         if (!attach_one(ifindex, side, direction, why)) {
             std::string ignored;
             if (made_clsact) {
-                detach_programs(ifindex, true, ignored);
+                detach_programs(ifindex, side, true, ignored);
             }
             return false;
         }
@@ -161,12 +159,12 @@ bool attach_programs(unsigned ifindex, const KernelSide &side, bool &made_clsact
     return true;
 }
 
-Detached detach_programs(unsigned ifindex, bool made_clsact, std::string &why)
+Detached detach_programs(unsigned ifindex, const KernelSide &side, bool made_clsact, std::string &why)
 {
     Detached result = Detached::nothing;
     for (const Direction &direction : directions) {
         uint32_t attached = 0;
-        if (occupant_of(ifindex, direction, attached) != Occupant::ours) {
+        if (occupant_of(ifindex, side, direction, attached) != Occupant::ours) {
             continue;
         }
         const bpf_tc_hook hook = hook_of(ifindex, direction.point);

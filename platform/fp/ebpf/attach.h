@@ -16,7 +16,8 @@ bool attach_programs(unsigned ifindex, const KernelSide &side, bool &made_clsact
 enum class Detached { nothing, programs, programs_and_clsact, failed };
 
 // Takes programs of ours off the interface, whichever agent has put them there;
-// the queue discipline too where we made it and nobody else uses it.
-Detached detach_programs(unsigned ifindex, bool made_clsact, std::string &why);
+// the queue discipline too where we made it and nobody else uses it. side: what
+// is pinned; may be empty.
+Detached detach_programs(unsigned ifindex, const KernelSide &side, bool made_clsact, std::string &why);
 
 } // namespace vvl::fp

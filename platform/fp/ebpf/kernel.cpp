@@ -38,6 +38,7 @@ struct Pin {
 
 constexpr Pin map_pins[] = {
     {"globals", &KernelSide::globals},
+    {"rules", &KernelSide::rules},
     {"seen", &KernelSide::seen},
     {"port_counters", &KernelSide::port_counters},
     {"ace_counters", &KernelSide::ace_counters},
@@ -86,7 +87,7 @@ uint64_t this_build()
 std::array<bpf_map *, std::size(map_pins)> maps_of(const vvlan_bpf &skeleton)
 {
     const auto &maps = skeleton.maps;
-    return {maps.bss, maps.seen, maps.port_counters, maps.ace_counters, maps.events};
+    return {maps.bss, maps.rules, maps.seen, maps.port_counters, maps.ace_counters, maps.events};
 }
 
 // Loads the programs; around the maps of side where it has them already.
@@ -184,8 +185,9 @@ bool renew_programs(KernelSide &side, std::string &why)
             return false;
         }
         side.*program.fd = UniqueFd(bpf_obj_get(path.c_str()));
+        side.program_ids.push_back(id_of_program(fd));
     }
-    side.shared.get()->build = this_build();
+    side.shared().build = this_build();
     log_line(LogLevel::info, "eBPF programs: replaced by those of this version");
     return true;
 }
@@ -209,12 +211,14 @@ bool open_pins(KernelSide &side, bool writable, std::string &why)
         if (!open_one(object)) {
             return false;
         }
+        side.program_ids.push_back(id_of_program((side.*object.fd).get()));
     }
-    if (!side.shared.map(side.globals.get(), writable)) {
-        why = side.folder + "/globals: cannot be mapped: " + error_text(errno);
+    if (!side.globals_memory.map(side.globals.get(), sizeof(vv_shared), writable) ||
+        !side.rules_memory.map(side.rules.get(), VV_RULES_MAX * sizeof(vv_rule), writable)) {
+        why = side.folder + ": its maps cannot be mapped: " + error_text(errno);
         return false;
     }
-    if (side.shared.get()->magic != VV_MAGIC || side.shared.get()->layout != VV_LAYOUT) {
+    if (side.shared().magic != VV_MAGIC || side.shared().layout != VV_LAYOUT) {
         why = side.folder + "/globals: not what this plane has pinned";
         return false;
     }
@@ -239,16 +243,24 @@ UniqueFd::~UniqueFd()
 
 SharedMemory::~SharedMemory()
 {
-    if (shared_ != nullptr) {
-        munmap(shared_, sizeof *shared_);
+    if (address_ != nullptr) {
+        munmap(address_, size_);
     }
 }
 
-bool SharedMemory::map(int fd, bool writable)
+bool SharedMemory::map(int fd, size_t size, bool writable)
 {
-    void *address = mmap(nullptr, sizeof *shared_, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-    shared_ = address == MAP_FAILED ? nullptr : static_cast<vv_shared *>(address);
-    return shared_ != nullptr;
+    void *address = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+    address_ = address == MAP_FAILED ? nullptr : address;
+    size_ = size;
+    return address_ != nullptr;
+}
+
+uint32_t id_of_program(int fd)
+{
+    bpf_prog_info info{};
+    uint32_t size = sizeof info;
+    return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
 }
 
 std::string error_text(int error)
@@ -295,7 +307,7 @@ bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::stri
     if (!open_pins(side, true, why)) {
         return false;
     }
-    return side.shared.get()->build == this_build() || renew_programs(side, why);
+    return side.shared().build == this_build() || renew_programs(side, why);
 }
 
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why)

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace vvl::fp
 {
@@ -33,7 +34,7 @@ class UniqueFd
     int fd_;
 };
 
-// The part of a map that is mapped into this process.
+// The values of a map, mapped into this process.
 class SharedMemory
 {
   public:
@@ -42,31 +43,39 @@ class SharedMemory
     SharedMemory(const SharedMemory &) = delete;
     SharedMemory &operator=(const SharedMemory &) = delete;
 
-    bool map(int fd, bool writable);
-    vv_shared *get() const { return shared_; }
+    bool map(int fd, size_t size, bool writable);
+    void *get() const { return address_; }
 
   private:
-    vv_shared *shared_ = nullptr;
+    void *address_ = nullptr;
+    size_t size_ = 0; // bytes
 };
 
 struct KernelSide {
     std::string folder;   // of the pins
     UniqueFd folder_lock; // of the one process that writes states; see lock_states
-    UniqueFd globals;     // the map behind shared
+    UniqueFd globals;     // maps
+    UniqueFd rules;
     UniqueFd seen;
     UniqueFd port_counters;
     UniqueFd ace_counters;
     UniqueFd events;
     UniqueFd ingress; // programs
     UniqueFd egress;
-    SharedMemory shared;
+    std::vector<uint32_t> program_ids; // of the programs that are pinned, and of those whose place they took
+    SharedMemory globals_memory;
+    SharedMemory rules_memory;
+
+    vv_shared &shared() const { return *static_cast<vv_shared *>(globals_memory.get()); }
+    vv_rule *all_rules() const { return static_cast<vv_rule *>(rules_memory.get()); } // VV_RULES_MAX
 };
 
 // Takes over what is pinned in the folder, with the programs of this build, or
 // makes it. On failure why names the object and the reason.
 bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
 
-// Opens what is pinned for reading alone. False with an empty why where nothing is.
+// Opens what is pinned for reading alone. False with an empty why where nothing
+// is, and with the reason where it cannot be read.
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
 
 // Makes this process the one that writes states. False where another one is.
@@ -83,6 +92,9 @@ bool try_programs(std::string &why);
 // Whether the folder is on a BPF file system, which is mounted where that is
 // missing at its usual place.
 bool prepare_pin_folder(const std::string &pin_folder, std::string &why);
+
+// The kernel's number of a program; 0 where it cannot be told.
+uint32_t id_of_program(int fd);
 
 // "No such file or directory" for 2 or -2.
 std::string error_text(int error);

@@ -60,16 +60,19 @@ struct vv_rule {
     __u8 unused;
 };
 
-/* The rules of one ACL by rank, and for each digit of an address and value of
- * that digit the set of the rules that agree with it: bit n of word 0 is rank n,
- * bit n of word 1 rank 64 + n. */
+/* For each digit of an address and value of that digit the set of the rules of
+ * one ACL that agree with it: bit n of word 0 is rank n, bit n of word 1 rank
+ * 64 + n. */
 struct vv_acl {
     __u64 agreeing[VV_DIGITS][16][2];
     __u64 naming[2]; /* the rules with a MAC mask */
     __u32 count;
     __u32 unused;
-    struct vv_rule rules[VV_RANKS];
 };
+
+/* The rules themselves are in a map of their own, by state, ACL and rank. */
+#define VV_RULE_INDEX(state, acl, rank) (((state)*VV_ACLS + (acl)) * VV_RANKS + (rank))
+#define VV_RULES_MAX (VV_STATES * VV_ACLS * VV_RANKS)
 
 /* How a port's frames are treated, in one word so that it changes in one store:
  * generation in bits 63 to 32, PVID in 27 to 16, bound ACLs in 7 to 0. A
@@ -164,8 +167,8 @@ struct vv_trapped {
 
 #ifdef __cplusplus
 static_assert(sizeof(vv_rule) == 32);
-static_assert(sizeof(vv_acl) == VV_DIGITS * 16 * 16 + 24 + VV_RANKS * sizeof(vv_rule));
-static_assert(sizeof(vv_state) == VV_ACLS * sizeof(vv_acl) + VV_PORTS_MAX * 8);
+static_assert(sizeof(vv_acl) == VV_DIGITS * 16 * 16 + 24);
+static_assert(sizeof(vv_state) == VV_ACLS * sizeof(vv_acl) + VV_PORTS_MAX * 8ul);
 static_assert(sizeof(vv_port) == 24);
 static_assert(sizeof(vv_shared) ==
               32 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) + VV_STATES * sizeof(vv_state));

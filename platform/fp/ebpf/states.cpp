@@ -69,7 +69,8 @@ Rule user_rule(const vv_rule &rule)
     return out;
 }
 
-void compile(std::span<const Rule> rules, vv_acl &acl)
+// out: VV_RANKS rules.
+void compile(std::span<const Rule> rules, vv_acl &acl, vv_rule *out)
 {
     const Classifier classifier(rules);
     static_assert(sizeof acl.agreeing == sizeof(Classifier::DigitSets));
@@ -78,7 +79,7 @@ void compile(std::span<const Rule> rules, vv_acl &acl)
     std::memcpy(acl.agreeing, classifier.agreeing().data(), sizeof acl.agreeing);
     std::memcpy(acl.naming, classifier.naming().data(), sizeof acl.naming);
     for (const Rule &rule : classifier.ranked()) {
-        acl.rules[acl.count++] = kernel_rule(rule);
+        out[acl.count++] = kernel_rule(rule);
     }
 }
 
@@ -94,7 +95,7 @@ uint32_t first_place(uint32_t ifindex, uint32_t probe)
 
 } // namespace
 
-States::States(vv_shared *shared) : shared_(shared)
+States::States(vv_shared *shared, vv_rule *rules) : shared_(shared), rules_(rules)
 {
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
         vv_port &entry = shared_->ports[port];
@@ -177,7 +178,7 @@ int States::replace_all(const PlaneState &to)
     const uint32_t next = (shared_->active + 1) % VV_STATES;
     vv_state &state = shared_->states[next];
     for (size_t i = 0; i < acl_count; i++) {
-        compile(to.rules[i], state.acls[i]);
+        compile(to.rules[i], state.acls[i], &rules_[VV_RULE_INDEX(next, i, 0)]);
     }
     const uint32_t generation = next_generation();
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
@@ -203,9 +204,9 @@ PlaneState States::installed() const
     PlaneState out;
     const vv_state &state = active();
     for (size_t i = 0; i < acl_count; i++) {
-        const vv_acl &acl = state.acls[i];
-        for (uint32_t rank = 0; rank < acl.count && rank < VV_RANK_NONE; rank++) {
-            out.rules[i].push_back(user_rule(acl.rules[rank]));
+        const vv_rule *rules = &rules_[VV_RULE_INDEX(shared_->active % VV_STATES, i, 0)];
+        for (uint32_t rank = 0; rank < state.acls[i].count && rank < VV_RANK_NONE; rank++) {
+            out.rules[i].push_back(user_rule(rules[rank]));
         }
         std::ranges::sort(out.rules[i], {}, &Rule::id);
     }

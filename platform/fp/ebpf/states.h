@@ -21,8 +21,8 @@ namespace vvl::fp
 class States
 {
   public:
-    // shared outlives this.
-    explicit States(vv_shared *shared);
+    // shared and rules (VV_RULES_MAX) outlive this.
+    States(vv_shared *shared, vv_rule *rules);
 
     // The index of a physical port, made where it is new; VV_PORTS_MAX where
     // VV_PORTS_MAX are in use.
@@ -49,6 +49,7 @@ class States
     uint32_t next_generation();
 
     vv_shared *shared_;
+    vv_rule *rules_; // by VV_RULE_INDEX
     std::map<uint32_t, uint32_t> port_by_phyid_;
     uint32_t free_states_ = 0; // that no program can be reading any more
 };

@@ -26,6 +26,11 @@
 #define TYPE_IPV6 0x86dd
 
 #define TAG_OFFSET 12
+#define TAG_SIZE 4
+#define TYPE_SIZE 2
+#define PAYLOAD_UNTAGGED 14 /* offset of the packet behind that many tags in the bytes */
+#define PAYLOAD_TAGGED 18
+#define PAYLOAD_DOUBLE_TAGGED 22
 #define TOUCHED_MAX 34 /* both addresses, two tags, the type, and an IPv4 header up to its checksum */
 #define IPV4_HEADER_MIN 20
 #define IPV6_HEADER 40
@@ -39,6 +44,14 @@
 #define FORM_PRIORITY_TAG_OUTSIDE 3
 
 struct vv_shared vv;
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, VV_RULES_MAX);
+    __type(key, __u32);
+    __type(value, struct vv_rule);
+} rules SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
@@ -119,12 +132,43 @@ static __always_inline bool is_tag(__u16 type, bool outer)
     return type == TYPE_CTAG || type == TYPE_STAG || (outer && type == TYPE_STAG_OLDER);
 }
 
-/* Makes the bytes that a program may touch directly accessible. */
+/* Makes the bytes that a program may touch directly accessible. Packet pointers
+ * are compared, never subtracted: that would take another capability to load. */
 static __always_inline void pull(struct __sk_buff *skb)
 {
-    __u32 wanted = skb->len < TOUCHED_MAX ? skb->len : TOUCHED_MAX;
-    if (skb->data_end - skb->data < wanted)
-        bpf_skb_pull_data(skb, wanted);
+    if ((const __u8 *)(long)skb->data + TOUCHED_MAX > (const __u8 *)(long)skb->data_end)
+        bpf_skb_pull_data(skb, skb->len < TOUCHED_MAX ? skb->len : TOUCHED_MAX);
+}
+
+/* A packet pointer moved by a constant. It must be one in the instruction too, or
+ * the program takes another capability to load, so the compiler is not to turn
+ * branches with a constant each into one with a variable. */
+#define moved_by(pointer, constant)                                                                                    \
+    ({                                                                                                                 \
+        __u8 *moved = (pointer);                                                                                       \
+        asm volatile("%0 += %1" : "+r"(moved) : "i"(constant));                                                        \
+        moved;                                                                                                         \
+    })
+
+/* Reads what stands behind the outer tag, or in its place. */
+static __always_inline bool read_inside(struct __sk_buff *skb, struct header *header)
+{
+    __u8 *data = (__u8 *)(long)skb->data;
+    const __u8 *end = (const __u8 *)(long)skb->data_end;
+    const __u8 *at = header->tag_in_bytes ? moved_by(data, TAG_OFFSET + TAG_SIZE) : moved_by(data, TAG_OFFSET);
+
+    if (at + TYPE_SIZE > end)
+        return false;
+    header->type = bpf_ntohs(*(const __u16 *)at);
+    header->payload = header->tag_in_bytes ? PAYLOAD_TAGGED : PAYLOAD_UNTAGGED;
+    if (header->tag_count == 1 && is_tag(header->type, false)) {
+        if (at + TAG_SIZE + TYPE_SIZE > end)
+            return false;
+        header->tag_count = 2;
+        header->type = bpf_ntohs(*(const __u16 *)(at + TAG_SIZE));
+        header->payload += TAG_SIZE;
+    }
+    return true;
 }
 
 /* Returns false where the frame ends within its header. */
@@ -133,11 +177,10 @@ static __always_inline bool read_header(struct __sk_buff *skb, struct header *he
     const __u8 *data = (const __u8 *)(long)skb->data;
     const __u8 *end = (const __u8 *)(long)skb->data_end;
 
-    if (data + TAG_OFFSET + 2 > end)
+    if (data + TAG_OFFSET + TYPE_SIZE > end)
         return false;
     header->source = read_mac(data + 6);
-    const __u8 *at = data + TAG_OFFSET;
-    __u16 type = bpf_ntohs(*(const __u16 *)at);
+    __u16 type = bpf_ntohs(*(const __u16 *)(data + TAG_OFFSET));
     header->tag_count = 0;
     header->tag_in_bytes = false;
     header->tag_type = header->tci = 0;
@@ -146,24 +189,15 @@ static __always_inline bool read_header(struct __sk_buff *skb, struct header *he
         header->tci = skb->vlan_tci;
         header->tag_count = 1;
     } else if (is_tag(type, true)) {
-        if (at + 6 > end)
+        if (data + TAG_OFFSET + TAG_SIZE > end)
             return false;
         header->tag_type = type;
-        header->tci = bpf_ntohs(*(const __u16 *)(at + 2));
+        header->tci = bpf_ntohs(*(const __u16 *)(data + TAG_OFFSET + TYPE_SIZE));
         header->tag_count = 1;
         header->tag_in_bytes = true;
-        at += 4;
-        type = bpf_ntohs(*(const __u16 *)at);
     }
-    if (header->tag_count == 1 && is_tag(type, false)) {
-        if (at + 6 > end)
-            return false;
-        header->tag_count = 2;
-        at += 4;
-        type = bpf_ntohs(*(const __u16 *)at);
-    }
-    header->type = type;
-    header->payload = at - data + 2;
+    if (!read_inside(skb, header))
+        return false;
     header->vid = header->tci & 0xfff;
     if (header->vid != 0)
         header->form = header->tag_count;
@@ -202,16 +236,40 @@ static __always_inline struct rank_set ranks_for(const struct vv_acl *acl, __u64
     return set;
 }
 
-/* The first rule of a word's ranks that agrees with the VLAN. */
-static __always_inline __u32 first_match(const struct vv_acl *acl, __u64 ranks, __u32 base, __u32 vlan)
+/* A lookup rather than an array in the globals: what the verifier lets a program
+ * reach in two steps takes another capability to load. */
+static __always_inline const struct vv_rule *rule_at(__u32 state, __u32 acl, __u32 rank)
 {
-    for (int i = 0; i < 64 && ranks != 0; i++) {
-        __u32 rank = (base + lowest_bit(ranks)) & (VV_RANKS - 1);
-        if (((acl->rules[rank].vlan ^ vlan) & acl->rules[rank].vlan_mask) == 0)
-            return rank;
-        ranks &= ranks - 1;
+    __u32 index = VV_RULE_INDEX(state, acl, rank);
+    return bpf_map_lookup_elem(&rules, &index);
+}
+
+struct search {
+    struct rank_set left; /* to be looked at */
+    __u32 first_rule;     /* index of the ACL's rule of rank 0 */
+    __u32 vlan;
+    __u32 rank; /* found */
+};
+
+/* Looks at the best rank that is left. Returns 1 to end the search. */
+static long look_at_one(__u32 turn, void *context)
+{
+    (void)turn;
+    struct search *search = context;
+    if ((search->left.low | search->left.high) == 0)
+        return 1;
+    __u32 rank = search->left.low ? lowest_bit(search->left.low) : 64 + lowest_bit(search->left.high);
+    __u32 index = search->first_rule + rank;
+    const struct vv_rule *rule = bpf_map_lookup_elem(&rules, &index);
+    if (rule && ((rule->vlan ^ search->vlan) & rule->vlan_mask) == 0) {
+        search->rank = rank;
+        return 1;
     }
-    return VV_RANK_NONE;
+    if (search->left.low)
+        search->left.low &= search->left.low - 1;
+    else
+        search->left.high &= search->left.high - 1;
+    return 0;
 }
 
 /* The rank of the rule that acts, or VV_RANK_NONE. vlan: as in struct vv_rule.
@@ -219,14 +277,13 @@ static __always_inline __u32 first_match(const struct vv_acl *acl, __u64 ranks, 
  * it once rather than once per call. */
 __noinline __u32 vvlan_find_rank(__u32 state, __u32 index, __u64 mac, __u32 vlan)
 {
-    if (index >= VV_ACLS)
+    const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[within(index, 3)];
+    if (index >= VV_ACLS || acl->count == 0)
         return VV_RANK_NONE;
-    const struct vv_acl *acl = &vv.states[state & (VV_STATES - 1)].acls[index];
-    if (acl->count == 0)
-        return VV_RANK_NONE;
-    struct rank_set set = ranks_for(acl, mac);
-    __u32 rank = first_match(acl, set.low, 0, vlan);
-    return rank != VV_RANK_NONE ? rank : first_match(acl, set.high, 64, vlan);
+    struct search search = {
+        .left = ranks_for(acl, mac), .first_rule = VV_RULE_INDEX(state, index, 0), .vlan = vlan, .rank = VV_RANK_NONE};
+    bpf_loop(VV_RANKS, look_at_one, &search, 0);
+    return search.rank;
 }
 
 /* Whether a rule of the voice ACL names the address. */
@@ -247,7 +304,6 @@ static __always_inline __u32 vlan_word(__u32 vid, __u32 form)
  * others see the VLAN that results from it. */
 __noinline __u32 vvlan_judge(__u32 state, __u64 mac, __u64 bind, __u32 vid, __u32 form)
 {
-    const struct vv_acl *tagging = &vv.states[state & (VV_STATES - 1)].acls[VV_ACL_MAC_VLAN];
     __u32 bound = VV_BIND_BOUND(bind), vlan = vid, tag_rank = VV_RANK_NONE, rank = VV_RANK_NONE, flags = 0;
 
     if (vid == 0) {
@@ -256,11 +312,12 @@ __noinline __u32 vvlan_judge(__u32 state, __u64 mac, __u64 bind, __u32 vid, __u3
         form = FORM_UNTAGGED;
         if (bound & VV_BOUND_MAC_VLAN)
             tag_rank = vvlan_find_rank(state, VV_ACL_MAC_VLAN, mac, vlan_word(0, form)) & (VV_RANKS - 1);
-        if (tag_rank != VV_RANK_NONE && !(tagging->rules[tag_rank].flags & VV_RULE_TAG))
-            tag_rank = VV_RANK_NONE;
-        if (tag_rank != VV_RANK_NONE) {
-            vlan = tagging->rules[tag_rank].tag_vid;
+        const struct vv_rule *rule = tag_rank != VV_RANK_NONE ? rule_at(state, VV_ACL_MAC_VLAN, tag_rank) : 0;
+        if (rule && (rule->flags & VV_RULE_TAG)) {
+            vlan = rule->tag_vid;
             form = resulting_form;
+        } else {
+            tag_rank = VV_RANK_NONE;
         }
     }
     /* A voice device is never judged by the security ACL. */
@@ -349,12 +406,20 @@ static __noinline void trap(struct __sk_buff *skb, struct vv_port *port, __u32 i
 
 /* ---- Rewriting ----------------------------------------------------------- */
 
-/* The checksum is updated from the one word that changes (RFC 1624, equation
- * 3), so that one that was wrong on arrival leaves wrong. */
-static __always_inline bool set_ipv4_dscp(struct __sk_buff *skb, __u32 payload, __u8 dscp)
+static __always_inline __u8 *packet_of(struct __sk_buff *skb, const struct header *header)
 {
     __u8 *data = (__u8 *)(long)skb->data;
-    __u8 *packet = data + (payload & 31);
+    if (header->payload == PAYLOAD_UNTAGGED)
+        return moved_by(data, PAYLOAD_UNTAGGED);
+    return header->payload == PAYLOAD_TAGGED ? moved_by(data, PAYLOAD_TAGGED) : moved_by(data, PAYLOAD_DOUBLE_TAGGED);
+}
+
+/* The checksum is updated from the one word that changes (RFC 1624, equation
+ * 3), so that one that was wrong on arrival leaves wrong. */
+static __always_inline bool set_ipv4_dscp(struct __sk_buff *skb, const struct header *header, __u8 dscp)
+{
+    __u8 *packet = packet_of(skb, header);
+    __u32 payload = header->payload;
 
     if (skb->len < payload + IPV4_HEADER_MIN || packet + 12 > (__u8 *)(long)skb->data_end || packet[0] >> 4 != 4)
         return false;
@@ -375,9 +440,10 @@ static __always_inline bool set_ipv4_dscp(struct __sk_buff *skb, __u32 payload, 
 
 /* IPv6 has no checksum that would make up for the change, so one over the whole
  * frame that came with it is kept true. */
-static __always_inline bool set_ipv6_dscp(struct __sk_buff *skb, __u32 payload, __u8 dscp)
+static __always_inline bool set_ipv6_dscp(struct __sk_buff *skb, const struct header *header, __u8 dscp)
 {
-    __u8 *packet = (__u8 *)(long)skb->data + (payload & 31);
+    __u8 *packet = packet_of(skb, header);
+    __u32 payload = header->payload;
 
     if (skb->len < payload + IPV6_HEADER || packet + 2 > (__u8 *)(long)skb->data_end || packet[0] >> 4 != 6)
         return false;
@@ -388,6 +454,13 @@ static __always_inline bool set_ipv6_dscp(struct __sk_buff *skb, __u32 payload, 
     return true;
 }
 
+static __always_inline bool set_dscp(struct __sk_buff *skb, const struct header *header, __u8 dscp)
+{
+    if (header->type == TYPE_IPV4)
+        return set_ipv4_dscp(skb, header, dscp);
+    return header->type == TYPE_IPV6 && set_ipv6_dscp(skb, header, dscp);
+}
+
 /* Gives the frame its outer tag. Returns false where memory ran out. */
 static __always_inline bool set_tag(struct __sk_buff *skb, const struct header *header, __u16 tci)
 {
@@ -395,9 +468,9 @@ static __always_inline bool set_tag(struct __sk_buff *skb, const struct header *
         return true;
     if (header->tag_in_bytes) {
         __u8 *data = (__u8 *)(long)skb->data;
-        if (data + TAG_OFFSET + 4 > (__u8 *)(long)skb->data_end)
+        if (data + TAG_OFFSET + TAG_SIZE > (__u8 *)(long)skb->data_end)
             return false;
-        *(__u16 *)(data + TAG_OFFSET + 2) = bpf_htons(tci);
+        *(__u16 *)(data + TAG_OFFSET + TYPE_SIZE) = bpf_htons(tci);
         return true;
     }
     if (header->tag_type != 0 && bpf_skb_vlan_pop(skb) != 0)
@@ -413,40 +486,34 @@ static __always_inline void count_ace(__u32 acl, __u8 id)
         ++*count;
 }
 
-/* Carries out a verdict. */
-static __always_inline int treat(struct __sk_buff *skb, const struct header *header, const struct vv_state *state,
-                                 __u32 verdict, struct vv_port_counters *counters)
+/* Carries out what the rules of a frame ask for; null: none of that kind. */
+static __always_inline int treat(struct __sk_buff *skb, const struct header *header, const struct vv_rule *tagging,
+                                 const struct vv_rule *marking, __u32 marking_acl, struct vv_port_counters *counters)
 {
-    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1), rank = verdict & (VV_RANKS - 1);
     bool has_tag = header->tag_type != 0, remarked = false;
     __u16 tci = header->tci;
 
-    if (tag_rank != VV_RANK_NONE) {
-        const struct vv_rule *rule = &state->acls[VV_ACL_MAC_VLAN].rules[tag_rank];
-        tci = (tci & 0xf000) | rule->tag_vid;
+    if (tagging) {
+        tci = (tci & 0xf000) | tagging->tag_vid;
         has_tag = true;
         counters->tagged++;
-        count_ace(VV_ACL_MAC_VLAN, rule->id);
+        count_ace(VV_ACL_MAC_VLAN, tagging->id);
     }
-    if (rank != VV_RANK_NONE) {
-        __u32 acl = verdict & VV_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE;
-        const struct vv_rule *rule = &state->acls[acl].rules[rank];
-        __u8 flags = rule->flags;
-        count_ace(acl, rule->id);
+    if (marking) {
+        __u8 flags = marking->flags;
+        count_ace(marking_acl, marking->id);
         if (flags & VV_RULE_DROP) {
             counters->dropped++;
             return TC_ACT_SHOT;
         }
         if (flags & VV_RULE_PRIO)
-            skb->priority = rule->prio;
+            skb->priority = marking->prio;
         if ((flags & VV_RULE_COS) && has_tag) {
-            tci = (tci & 0x1fff) | rule->cos << 13;
+            tci = (tci & 0x1fff) | marking->cos << 13;
             remarked = true;
         }
-        if ((flags & VV_RULE_DSCP) && header->type == TYPE_IPV4)
-            remarked |= set_ipv4_dscp(skb, header->payload, rule->dscp);
-        else if ((flags & VV_RULE_DSCP) && header->type == TYPE_IPV6)
-            remarked |= set_ipv6_dscp(skb, header->payload, rule->dscp);
+        if (flags & VV_RULE_DSCP)
+            remarked |= set_dscp(skb, header, marking->dscp);
         counters->remarked += remarked;
     }
     if (has_tag && !set_tag(skb, header, tci)) {
@@ -459,35 +526,17 @@ static __always_inline int treat(struct __sk_buff *skb, const struct header *hea
 /* ---- The programs -------------------------------------------------------- */
 
 /* Remembers how the port's voice device talks, for what goes to all devices. */
-static __always_inline void note_form(struct vv_port *port, const struct vv_state *state, const struct header *header,
-                                      __u32 verdict)
+static __always_inline void note_form(struct vv_port *port, const struct header *header, const struct vv_rule *tagging,
+                                      __u64 verdict)
 {
-    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1);
     __u16 untag_vid = port->untag_vid;
 
-    if (tag_rank != VV_RANK_NONE) {
-        __u16 vid = state->acls[VV_ACL_MAC_VLAN].rules[tag_rank].tag_vid;
-        if (untag_vid != vid)
-            port->untag_vid = vid;
+    if (tagging) {
+        if (untag_vid != tagging->tag_vid)
+            port->untag_vid = tagging->tag_vid;
     } else if (untag_vid != 0 && header->vid == untag_vid && (verdict & VV_NAMED)) {
         port->untag_vid = 0;
     }
-}
-
-static __always_inline __u16 resulting_vlan(const struct vv_state *state, const struct header *header, __u64 bind,
-                                            __u32 verdict)
-{
-    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1);
-    if (tag_rank != VV_RANK_NONE)
-        return state->acls[VV_ACL_MAC_VLAN].rules[tag_rank].tag_vid;
-    return header->vid ? header->vid : VV_BIND_PVID(bind);
-}
-
-static __always_inline bool is_dropped(const struct vv_state *state, __u32 verdict)
-{
-    __u32 rank = verdict & (VV_RANKS - 1);
-    __u32 acl = verdict & VV_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE;
-    return rank != VV_RANK_NONE && (state->acls[acl].rules[rank].flags & VV_RULE_DROP);
 }
 
 static __always_inline int ingress(struct __sk_buff *skb)
@@ -524,14 +573,18 @@ static __always_inline int ingress(struct __sk_buff *skb)
      * that tags its own frames could never join. */
     if ((port->flags & VV_PORT_TRAP) && (verdict & VV_NAMED))
         trap(skb, port, index, header.source, counters);
-    if (is_station && !is_dropped(state, verdict)) {
-        __u16 vlan = resulting_vlan(state, &header, bind, verdict);
+    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1), rank = verdict & (VV_RANKS - 1);
+    __u32 acl = verdict & VV_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE;
+    const struct vv_rule *tagging = tag_rank != VV_RANK_NONE ? rule_at(active, VV_ACL_MAC_VLAN, tag_rank) : 0;
+    const struct vv_rule *marking = rank != VV_RANK_NONE ? rule_at(active, acl, rank) : 0;
+    if (is_station && !(marking && (marking->flags & VV_RULE_DROP))) {
+        __u16 vlan = tagging ? tagging->tag_vid : header.vid ? header.vid : VV_BIND_PVID(bind);
         if (!entry || entry->port != index || entry->tick != once(vv.tick) || entry->vlan != vlan || !entry->reported)
             if (!learn(entry, key, index, vlan, verdict))
                 counters->events_lost++;
-        note_form(port, state, &header, verdict);
+        note_form(port, &header, tagging, verdict);
     }
-    return treat(skb, &header, state, verdict, counters);
+    return treat(skb, &header, tagging, marking, acl, counters);
 }
 
 /* Whether the device that a frame of the VLAN is for wants it without a tag.

@@ -4,8 +4,12 @@
 #include "platform/fp/ebpf/layout.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <linux/capability.h>
 #include <net/if.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace vvl::fp::test
@@ -179,6 +183,38 @@ TEST_F(EbpfTest, SecondAgentAndStrangersAreRefused)
 
     EXPECT_EQ(nullptr, EbpfPlane::open(loop, {.pin_folder = "/tmp"}, why));
     EXPECT_EQ("/tmp: not on a BPF file system (mount -t bpf)", why);
+}
+
+// Loading, attaching and taking over, by a process that may do nothing else.
+TEST_F(EbpfTest, TwoCapabilitiesAreEnough)
+{
+    make_interface(79);
+    const std::string folder = "/sys/fs/bpf/capabilities";
+    const pid_t child = fork();
+    if (child == 0) {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
+        for (const unsigned capability : {unsigned{CAP_BPF}, unsigned{CAP_NET_ADMIN}}) {
+            data[capability / 32].effective |= 1u << capability % 32;
+            data[capability / 32].permitted |= 1u << capability % 32;
+        }
+        bool good = syscall(SYS_capset, &header, data) == 0;
+        for (int agent = 0; good && agent < 2; agent++) {
+            VirtualLoop loop;
+            std::string why;
+            const auto plane = EbpfPlane::open(loop, {.pin_folder = folder}, why);
+            good = plane != nullptr && plane->add_port({.phyid = 79, .interface = "port79"}, why);
+            std::fprintf(stderr, "%s", why.c_str());
+        }
+        _exit(good ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+    std::vector<std::string> report;
+    std::string why;
+    EXPECT_TRUE(ebpf_detach({.pin_folder = folder}, report, why)) << why;
+    std::system("ip link delete port79");
 }
 
 } // namespace
