@@ -85,6 +85,7 @@ struct EbpfPlane::Impl {
     void stop_events();
     void consume();
     void tell(const void *record, size_t size);
+    void begin_epoch() { __atomic_add_fetch(&side.shared().epoch, 1, __ATOMIC_RELAXED); }
     void arm_tick();
     void tick();
     std::set<uint16_t> pvids() const;
@@ -160,6 +161,7 @@ void EbpfPlane::Impl::arm_tick()
 void EbpfPlane::Impl::tick()
 {
     const uint32_t now = __atomic_add_fetch(&side.shared().tick, 1, __ATOMIC_RELAXED);
+    begin_epoch();
     if (now % sweep_interval_ticks == 0) {
         Addresses(side.seen.get()).forget_if([&](const vv_seen &seen) { return now - seen.tick > idle_ticks_max; });
     }
@@ -315,6 +317,7 @@ int EbpfPlane::set_trap(uint32_t phyid, bool on)
 void EbpfPlane::forget(uint16_t vlan, const Mac &mac)
 {
     Addresses(impl_->side.seen.get()).forget(vlan, to_u64(mac.data()), impl_->pvids());
+    impl_->begin_epoch();
 }
 
 PlaneState EbpfPlane::installed() const
@@ -369,6 +372,7 @@ void EbpfPlane::set_link(uint32_t phyid, bool up)
     const uint32_t index = impl_->states->find_port(phyid);
     if (!up && index < VV_PORTS_MAX) {
         Addresses(impl_->side.seen.get()).forget_if([&](const vv_seen &seen) { return seen.port == index; });
+        impl_->begin_epoch();
     }
 }
 

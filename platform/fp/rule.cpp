@@ -9,6 +9,10 @@ namespace
 
 const char *fault_of(const Rule &rule)
 {
+    if (rule.id > FP_UDP_ACE_COUNT_MAX) {
+        static_assert(FP_UDP_ACE_COUNT_MAX == 127);
+        return "id is out of range (1 to 127)";
+    }
     if (rule.cos > cos_max || rule.prio > cos_max) {
         return "priority is out of range (0 to 7)";
     }

@@ -43,7 +43,7 @@ enum class VlanForm : uint8_t {
 // Acl::mac_vlan acts by add_tag alone, and sees the VLAN id as it is on the wire
 // (0 without a tag); the others act by the rest, and see the resulting VLAN.
 struct Rule {
-    uint64_t id = 0;       // ACE id, 1 and up
+    uint64_t id = 0;       // ACE id, 1 to FP_UDP_ACE_COUNT_MAX
     Mac mac{};             // compared under mask; bits outside the mask are ignored
     Mac mask{};            // all zero: any source MAC
     uint16_t vid = 0;      // VLAN id, compared under vid_mask
@@ -62,8 +62,8 @@ struct Rule {
     bool operator==(const Rule &) const = default;
 };
 
-// Whether a plane can take these rules: ascending ids from 1, at most
-// FP_UDP_ACE_COUNT_MAX of them, every value in its range. Otherwise why names
+// Whether a plane can take these rules: ascending ids from 1 to
+// FP_UDP_ACE_COUNT_MAX, every value in its range. Otherwise why names
 // the rule and the reason.
 bool check_rules(std::span<const Rule> rules, std::string &why);
 

@@ -58,7 +58,7 @@ inline std::vector<fp::Rule> read_rules(ByteReader &in)
     std::vector<fp::Rule> rules(in.below(FP_UDP_ACE_COUNT_MAX + 2));
     uint64_t id = 0;
     for (fp::Rule &rule : rules) {
-        id += in.at_end() ? 1 : in.below(8) + (id == 0);
+        id += in.at_end() ? 1 : in.below(16) == 0 ? in.below(8) : 1;
         rule = read_rule(in, id);
     }
     return rules;

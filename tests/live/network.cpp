@@ -2,6 +2,7 @@
 
 #include "tests/unit/fp/frames.h"
 
+#include <algorithm>
 #include <bpf/bpf.h>
 #include <cerrno>
 #include <cstdio>
@@ -22,7 +23,7 @@ namespace vvl::live
 namespace
 {
 
-constexpr unsigned burst = 64; // frames per system call
+constexpr size_t burst_min = 64; // frames per system call
 constexpr const char *server = "02:aa:aa:00:00:01";
 
 [[noreturn]] void fail(const std::string &what)
@@ -133,39 +134,55 @@ uint64_t Network::uncounted() const
     return value;
 }
 
+// A port's sending end: one frame of each of its senders in turn.
 struct Traffic::Outlet {
-    fp::test::Bytes frame;
-    iovec data{};
+    std::vector<fp::test::Bytes> frames;
+    std::vector<iovec> data;
     std::vector<mmsghdr> messages;
-    int socket = -1;
+    int socket = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
 
-    explicit Outlet(const Sender &sender) : frame(frame_of(sender)), messages(burst)
+    explicit Outlet(unsigned port)
     {
-        socket = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
         sockaddr_ll address{};
         address.sll_family = AF_PACKET;
-        address.sll_ifindex = static_cast<int>(if_nametoindex(Network::sender_interface(sender.port).c_str()));
+        address.sll_ifindex = static_cast<int>(if_nametoindex(Network::sender_interface(port).c_str()));
         const int one = 1;
         if (bind(socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
             setsockopt(socket, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof one) != 0) {
-            fail("sender on port " + std::to_string(sender.port));
-        }
-        data = {frame.data(), frame.size()};
-        for (mmsghdr &message : messages) {
-            message = {};
-            message.msg_hdr.msg_iov = &data;
-            message.msg_hdr.msg_iovlen = 1;
+            fail("sender on port " + std::to_string(port));
         }
     }
     ~Outlet() { close(socket); }
     Outlet(const Outlet &) = delete;
     Outlet &operator=(const Outlet &) = delete;
+
+    void prepare()
+    {
+        data.resize(frames.size());
+        messages.resize(std::max<size_t>(frames.size(), burst_min));
+        for (size_t i = 0; i < messages.size(); i++) {
+            fp::test::Bytes &frame = frames[i % frames.size()];
+            data[i % frames.size()] = {frame.data(), frame.size()};
+            messages[i] = {};
+            messages[i].msg_hdr.msg_iov = &data[i % frames.size()];
+            messages[i].msg_hdr.msg_iovlen = 1;
+        }
+    }
 };
 
 Traffic::Traffic(const std::vector<Sender> &senders)
 {
+    std::map<unsigned, std::unique_ptr<Outlet>> by_port;
     for (const Sender &sender : senders) {
-        outlets_.push_back(std::make_unique<Outlet>(sender));
+        auto &outlet = by_port[sender.port];
+        if (outlet == nullptr) {
+            outlet = std::make_unique<Outlet>(sender.port);
+        }
+        outlet->frames.push_back(frame_of(sender));
+    }
+    for (auto &[port, outlet] : by_port) {
+        outlet->prepare();
+        outlets_.push_back(std::move(outlet));
     }
     thread_ = std::thread([this] { run(); });
 }
@@ -180,7 +197,8 @@ void Traffic::run()
 {
     while (!stopping_) {
         for (const auto &outlet : outlets_) {
-            const int sent = sendmmsg(outlet->socket, outlet->messages.data(), burst, 0);
+            const int sent =
+                sendmmsg(outlet->socket, outlet->messages.data(), static_cast<unsigned>(outlet->messages.size()), 0);
             sent_ += sent > 0 ? static_cast<uint64_t>(sent) : 0;
         }
     }

@@ -40,6 +40,7 @@ constexpr Pin map_pins[] = {
     {"globals", &KernelSide::globals},
     {"rules", &KernelSide::rules},
     {"seen", &KernelSide::seen},
+    {"cache", &KernelSide::cache},
     {"port_counters", &KernelSide::port_counters},
     {"ace_counters", &KernelSide::ace_counters},
     {"events", &KernelSide::events},
@@ -87,7 +88,7 @@ uint64_t this_build()
 std::array<bpf_map *, std::size(map_pins)> maps_of(const vvlan_bpf &skeleton)
 {
     const auto &maps = skeleton.maps;
-    return {maps.bss, maps.rules, maps.seen, maps.port_counters, maps.ace_counters, maps.events};
+    return {maps.bss, maps.rules, maps.seen, maps.cache, maps.port_counters, maps.ace_counters, maps.events};
 }
 
 // Loads the programs; around the maps of side where it has them already.

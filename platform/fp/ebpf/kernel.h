@@ -57,6 +57,7 @@ struct KernelSide {
     UniqueFd globals;     // maps
     UniqueFd rules;
     UniqueFd seen;
+    UniqueFd cache;
     UniqueFd port_counters;
     UniqueFd ace_counters;
     UniqueFd events;

@@ -23,7 +23,7 @@
 #define VV_DIGITS 12              /* hexadecimal digits of an address */
 #define VV_SEEN_MAX 32768         /* addresses that the plane remembers; one beyond is forwarded but not learned */
 #define VV_EVENTS_SIZE (1u << 20) /* bytes of the ring of events; a power of two, whole pages */
-#define VV_TRAP_BYTES_MAX 1536    /* bytes of a trapped frame that are copied */
+#define VV_TRAP_BYTES_MAX 2048    /* bytes of a trapped frame that are copied; a power of two */
 #define VV_TRAPS_PER_TICK 64      /* frames trapped on one port per tick; the others are only forwarded */
 
 /* The filter that holds a program at an interface's hook. The priority lets
@@ -105,11 +105,11 @@ struct vv_port {
 struct vv_shared {
     __u32 magic;
     __u32 layout;
-    __u64 build;      /* of the programs that are attached */
-    __u32 active;     /* index of the state in force */
-    __u32 tick;       /* seconds, counted by the agent; stands still without one */
-    __u32 generation; /* the last one that was given out */
-    __u32 unused;
+    __u64 build;                     /* of the programs that are attached */
+    __u32 active;                    /* index of the state in force */
+    __u32 tick;                      /* seconds, counted by the agent; stands still without one */
+    __u32 generation;                /* the last one that was given out */
+    __u32 epoch;                     /* changes with each tick and each address that is to be reported anew */
     __u64 places[VV_IFINDEX_PLACES]; /* ifindex in bits 63 to 32, port index in 31 to 0; 0: free */
     struct vv_port ports[VV_PORTS_MAX];
     struct vv_state states[VV_STATES];
@@ -134,6 +134,37 @@ struct vv_seen {
     __u16 vlan;     /* as reported */
     __u16 reported; /* 0: not yet, since the ring was full */
     __u32 unused;
+};
+
+#define VV_CACHE_SIZE 1024 /* of each processor; a power of two */
+
+/* What is to be done with a frame. */
+union vv_action {
+    struct {
+        __u16 tag_vid;
+        __u8 tag_ace;  /* id of the ACE that tags; 0: none */
+        __u8 mark_ace; /* of the one that marks or drops; 0: none */
+        __u8 flags;    /* vv_rule_flag, and those below */
+        __u8 cos;
+        __u8 dscp;
+        __u8 prio;
+    };
+    __u64 word; /* 0: nothing */
+};
+
+#define VV_ACTION_NAMED 32u       /* a rule of the voice ACL names the sender */
+#define VV_ACTION_BY_SECURITY 64u /* mark_ace is of the security ACL */
+
+/* The last answer for an address, on one processor: spares a frame the lookup of
+ * struct vv_seen where nothing has changed since. */
+struct vv_cached {
+    __u64 key;
+    __u64 stamp; /* VV_VERDICT_OWNER with the epoch in bits 15 to 0 */
+    union vv_action action;
+};
+
+struct vv_cache {
+    struct vv_cached entries[VV_CACHE_SIZE];
 };
 
 struct vv_port_counters {

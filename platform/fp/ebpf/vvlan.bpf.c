@@ -62,6 +62,13 @@ struct {
 
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct vv_cache);
+} cache SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
     __uint(max_entries, VV_PORTS_MAX);
     __type(key, __u32);
     __type(value, struct vv_port_counters);
@@ -245,8 +252,9 @@ static __always_inline const struct vv_rule *rule_at(__u32 state, __u32 acl, __u
 }
 
 struct search {
-    struct rank_set left; /* to be looked at */
-    __u32 first_rule;     /* index of the ACL's rule of rank 0 */
+    __u64 left;       /* ranks to be looked at, one word of a set */
+    __u32 first_rank; /* of the word */
+    __u32 first_rule; /* index of the ACL's rule of rank 0 */
     __u32 vlan;
     __u32 rank; /* found */
 };
@@ -254,22 +262,19 @@ struct search {
 /* Looks at the best rank that is left. Returns 1 to end the search. */
 static long look_at_one(__u32 turn, void *context)
 {
-    (void)turn;
     struct search *search = context;
-    if ((search->left.low | search->left.high) == 0)
+    __u64 left = search->left;
+    (void)turn;
+    if (left == 0)
         return 1;
-    __u32 rank = search->left.low ? lowest_bit(search->left.low) : 64 + lowest_bit(search->left.high);
+    __u32 rank = search->first_rank + lowest_bit(left);
     __u32 index = search->first_rule + rank;
     const struct vv_rule *rule = bpf_map_lookup_elem(&rules, &index);
-    if (rule && ((rule->vlan ^ search->vlan) & rule->vlan_mask) == 0) {
-        search->rank = rank;
-        return 1;
-    }
-    if (search->left.low)
-        search->left.low &= search->left.low - 1;
-    else
-        search->left.high &= search->left.high - 1;
-    return 0;
+    search->left = left & (left - 1);
+    if (!rule || ((rule->vlan ^ search->vlan) & rule->vlan_mask) != 0)
+        return 0;
+    search->rank = rank;
+    return 1;
 }
 
 /* The rank of the rule that acts, or VV_RANK_NONE. vlan: as in struct vv_rule.
@@ -280,16 +285,24 @@ __noinline __u32 vvlan_find_rank(__u32 state, __u32 index, __u64 mac, __u32 vlan
     const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[within(index, 3)];
     if (index >= VV_ACLS || acl->count == 0)
         return VV_RANK_NONE;
+    struct rank_set set = ranks_for(acl, mac);
     struct search search = {
-        .left = ranks_for(acl, mac), .first_rule = VV_RULE_INDEX(state, index, 0), .vlan = vlan, .rank = VV_RANK_NONE};
-    bpf_loop(VV_RANKS, look_at_one, &search, 0);
+        .left = set.low, .first_rule = VV_RULE_INDEX(state, index, 0), .vlan = vlan, .rank = VV_RANK_NONE};
+    if (set.low)
+        bpf_loop(VV_RANKS, look_at_one, &search, 0);
+    if (search.rank == VV_RANK_NONE && set.high) {
+        search.left = set.high;
+        search.first_rank = 64;
+        bpf_loop(VV_RANKS, look_at_one, &search, 0);
+    }
     return search.rank;
 }
 
-/* Whether a rule of the voice ACL names the address. */
+/* Whether a rule of the voice ACL names the address. Apart from the search,
+ * which a process with few capabilities could not load otherwise. */
 __noinline int vvlan_names(__u32 state, __u64 mac)
 {
-    const struct vv_acl *acl = &vv.states[state & (VV_STATES - 1)].acls[VV_ACL_VOICE];
+    const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[VV_ACL_VOICE];
     struct rank_set set = ranks_for(acl, mac);
     return ((set.low & acl->naming[0]) | (set.high & acl->naming[1])) != 0;
 }
@@ -322,9 +335,9 @@ __noinline __u32 vvlan_judge(__u32 state, __u64 mac, __u64 bind, __u32 vid, __u3
     }
     /* A voice device is never judged by the security ACL. */
     if (bound & VV_BOUND_VOICE)
-        rank = vvlan_find_rank(state, VV_ACL_VOICE, mac, vlan_word(vlan, form));
+        rank = vvlan_find_rank(state, VV_ACL_VOICE, mac, vlan_word(vlan, form)) & (VV_RANKS - 1);
     if (rank == VV_RANK_NONE && (bound & VV_BOUND_SECURITY)) {
-        rank = vvlan_find_rank(state, VV_ACL_SECURITY, mac, vlan_word(vlan, form));
+        rank = vvlan_find_rank(state, VV_ACL_SECURITY, mac, vlan_word(vlan, form)) & (VV_RANKS - 1);
         flags |= VV_BY_SECURITY;
     }
     if (vvlan_names(state, mac))
@@ -395,7 +408,9 @@ static __noinline void trap(struct __sk_buff *skb, struct vv_port *port, __u32 i
         trapped->event.tag_type = bpf_ntohs(skb->vlan_proto);
         trapped->event.tag = skb->vlan_tci;
     }
-    if (size == 0 || bpf_skb_load_bytes(skb, 0, trapped->bytes, size) != 0) {
+    /* Said once more for the verifier, which looks at one limit at a time. */
+    size = within(size - 1, VV_TRAP_BYTES_MAX - 1) + 1;
+    if (bpf_skb_load_bytes(skb, 0, trapped->bytes, size) != 0) {
         bpf_ringbuf_discard(trapped, 0);
         return;
     }
@@ -486,34 +501,33 @@ static __always_inline void count_ace(__u32 acl, __u8 id)
         ++*count;
 }
 
-/* Carries out what the rules of a frame ask for; null: none of that kind. */
-static __always_inline int treat(struct __sk_buff *skb, const struct header *header, const struct vv_rule *tagging,
-                                 const struct vv_rule *marking, __u32 marking_acl, struct vv_port_counters *counters)
+/* Carries out what the rules ask for. */
+static __always_inline int treat(struct __sk_buff *skb, const struct header *header, union vv_action action,
+                                 struct vv_port_counters *counters)
 {
     bool has_tag = header->tag_type != 0, remarked = false;
     __u16 tci = header->tci;
 
-    if (tagging) {
-        tci = (tci & 0xf000) | tagging->tag_vid;
+    if (action.flags & VV_RULE_TAG) {
+        tci = (tci & 0xf000) | action.tag_vid;
         has_tag = true;
         counters->tagged++;
-        count_ace(VV_ACL_MAC_VLAN, tagging->id);
+        count_ace(VV_ACL_MAC_VLAN, action.tag_ace);
     }
-    if (marking) {
-        __u8 flags = marking->flags;
-        count_ace(marking_acl, marking->id);
-        if (flags & VV_RULE_DROP) {
+    if (action.mark_ace) {
+        count_ace(action.flags & VV_ACTION_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE, action.mark_ace);
+        if (action.flags & VV_RULE_DROP) {
             counters->dropped++;
             return TC_ACT_SHOT;
         }
-        if (flags & VV_RULE_PRIO)
-            skb->priority = marking->prio;
-        if ((flags & VV_RULE_COS) && has_tag) {
-            tci = (tci & 0x1fff) | marking->cos << 13;
+        if (action.flags & VV_RULE_PRIO)
+            skb->priority = action.prio;
+        if ((action.flags & VV_RULE_COS) && has_tag) {
+            tci = (tci & 0x1fff) | action.cos << 13;
             remarked = true;
         }
-        if (flags & VV_RULE_DSCP)
-            remarked |= set_dscp(skb, header, marking->dscp);
+        if (action.flags & VV_RULE_DSCP)
+            remarked |= set_dscp(skb, header, action.dscp);
         counters->remarked += remarked;
     }
     if (has_tag && !set_tag(skb, header, tci)) {
@@ -525,16 +539,98 @@ static __always_inline int treat(struct __sk_buff *skb, const struct header *hea
 
 /* ---- The programs -------------------------------------------------------- */
 
+/* What the programs ask about a frame's sender. */
+struct question {
+    __u64 key; /* of struct vv_seen */
+    __u64 bind;
+    __u64 stamp; /* of struct vv_cached */
+    __u32 port;
+    __u32 state;
+    __u16 vid;
+    __u16 form;
+};
+
+static __always_inline struct vv_cached *cached_for(__u64 key)
+{
+    __u32 zero = 0;
+    struct vv_cache *all = bpf_map_lookup_elem(&cache, &zero);
+    /* Multiplicative hashing: the high bits of a product with 2^64 divided by the golden ratio. */
+    __u64 place = key * 0x9e3779b97f4a7c15ull >> 54;
+    return all ? &all->entries[place & (VV_CACHE_SIZE - 1)] : 0;
+}
+
+/* What a verdict comes to. */
+static __always_inline union vv_action action_of(__u32 state, __u32 verdict)
+{
+    union vv_action action = {};
+    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1), rank = verdict & (VV_RANKS - 1);
+    __u32 acl = verdict & VV_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE;
+    const struct vv_rule *tagging = tag_rank != VV_RANK_NONE ? rule_at(state, VV_ACL_MAC_VLAN, tag_rank) : 0;
+    const struct vv_rule *marking = rank != VV_RANK_NONE ? rule_at(state, acl, rank) : 0;
+
+    if (marking) {
+        action.mark_ace = marking->id;
+        action.flags = marking->flags & ~VV_RULE_TAG;
+        action.cos = marking->cos;
+        action.dscp = marking->dscp;
+        action.prio = marking->prio;
+        if (acl == VV_ACL_SECURITY)
+            action.flags |= VV_ACTION_BY_SECURITY;
+    }
+    if (tagging) {
+        action.flags |= VV_RULE_TAG;
+        action.tag_ace = tagging->id;
+        action.tag_vid = tagging->tag_vid;
+    }
+    if (verdict & VV_NAMED)
+        action.flags |= VV_ACTION_NAMED;
+    return action;
+}
+
+/* What to do with a frame whose sender is not in the cache, after learning it. A
+ * sender whose frames are denied is not learned, nor is a group address, which
+ * is no sender, or an all-zero one, which is a sender without an address. */
+static __noinline __u64 look_up(const struct question *question, struct vv_cached *cached,
+                                struct vv_port_counters *counters)
+{
+    __u64 key = question->key, mac = key & 0xffffffffffffull;
+    bool is_station = mac != 0 && !(mac & GROUP_BIT);
+    struct vv_seen *entry = is_station ? bpf_map_lookup_elem(&seen, &key) : 0;
+    __u64 verdict = entry ? once(entry->verdict) : 0;
+    __u64 owner = question->stamp & ~0xffffull;
+
+    if ((verdict ^ owner) >> 16) {
+        verdict = owner | vvlan_judge(question->state, mac, question->bind, question->vid, question->form);
+        if (entry)
+            once(entry->verdict) = verdict;
+    }
+    union vv_action action = action_of(question->state, verdict);
+    if (!is_station || (action.flags & VV_RULE_DROP))
+        return action.word;
+    __u16 vlan = question->vid ? question->vid : VV_BIND_PVID(question->bind);
+    if (action.flags & VV_RULE_TAG)
+        vlan = action.tag_vid;
+    if (!entry || entry->port != question->port || entry->tick != once(vv.tick) || entry->vlan != vlan ||
+        !entry->reported) {
+        if (!learn(entry, key, question->port, vlan, verdict)) {
+            counters->events_lost++;
+            return action.word;
+        }
+    }
+    if (cached)
+        *cached = (struct vv_cached){key, question->stamp, action};
+    return action.word;
+}
+
 /* Remembers how the port's voice device talks, for what goes to all devices. */
-static __always_inline void note_form(struct vv_port *port, const struct header *header, const struct vv_rule *tagging,
-                                      __u64 verdict)
+static __always_inline void note_form(struct vv_port *port, const struct header *header, union vv_action action)
 {
     __u16 untag_vid = port->untag_vid;
 
-    if (tagging) {
-        if (untag_vid != tagging->tag_vid)
-            port->untag_vid = tagging->tag_vid;
-    } else if (untag_vid != 0 && header->vid == untag_vid && (verdict & VV_NAMED)) {
+    if (action.flags & VV_RULE_TAG) {
+        if (untag_vid != action.tag_vid)
+            port->untag_vid = action.tag_vid;
+    } else if (untag_vid != 0 && header->vid == untag_vid) {
         port->untag_vid = 0;
     }
 }
@@ -546,7 +642,6 @@ static __always_inline int ingress(struct __sk_buff *skb)
     struct vv_port_counters *counters = bpf_map_lookup_elem(&port_counters, &index);
     if (index >= VV_PORTS_MAX || !counters)
         return TC_ACT_UNSPEC;
-    struct vv_port *port = port_at(index);
     counters->in++;
     pull(skb);
     if (!read_header(skb, &header)) {
@@ -554,37 +649,30 @@ static __always_inline int ingress(struct __sk_buff *skb)
         return TC_ACT_SHOT;
     }
 
-    __u32 active = once(vv.active) & (VV_STATES - 1);
-    const struct vv_state *state = &vv.states[active];
-    __u64 bind = bind_of(state, index);
+    __u32 state = once(vv.active) & (VV_STATES - 1);
+    __u64 bind = bind_of(&vv.states[state], index);
     __u64 key = VV_SEEN_KEY(header.source, header.vid ? header.vid : VV_BIND_PVID(bind), header.form);
-    __u64 owner = VV_VERDICT_OWNER(VV_BIND_GENERATION(bind), index);
-    /* A group address is no sender, and an all-zero one a sender without an address. */
-    bool is_station = header.source != 0 && !(header.source & GROUP_BIT);
-    struct vv_seen *entry = is_station ? bpf_map_lookup_elem(&seen, &key) : 0;
-    __u64 verdict = entry ? once(entry->verdict) : 0;
-    if ((verdict ^ owner) >> 16) {
-        verdict = owner | vvlan_judge(active, header.source, bind, header.vid, header.form);
-        if (entry)
-            once(entry->verdict) = verdict;
+    __u64 stamp = VV_VERDICT_OWNER(VV_BIND_GENERATION(bind), index) | (once(vv.epoch) & 0xffff);
+    struct vv_cached *cached = cached_for(key);
+    union vv_action action;
+    if (cached && cached->key == key && cached->stamp == stamp) {
+        action = cached->action;
+    } else {
+        struct question question = {key, bind, stamp, index, state, header.vid, header.form};
+        action.word = look_up(&question, cached, counters);
     }
+    if (action.word == 0)
+        return TC_ACT_UNSPEC;
 
-    /* A voice frame is trapped even where the security ACL drops it, or a phone
-     * that tags its own frames could never join. */
-    if ((port->flags & VV_PORT_TRAP) && (verdict & VV_NAMED))
-        trap(skb, port, index, header.source, counters);
-    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1), rank = verdict & (VV_RANKS - 1);
-    __u32 acl = verdict & VV_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE;
-    const struct vv_rule *tagging = tag_rank != VV_RANK_NONE ? rule_at(active, VV_ACL_MAC_VLAN, tag_rank) : 0;
-    const struct vv_rule *marking = rank != VV_RANK_NONE ? rule_at(active, acl, rank) : 0;
-    if (is_station && !(marking && (marking->flags & VV_RULE_DROP))) {
-        __u16 vlan = tagging ? tagging->tag_vid : header.vid ? header.vid : VV_BIND_PVID(bind);
-        if (!entry || entry->port != index || entry->tick != once(vv.tick) || entry->vlan != vlan || !entry->reported)
-            if (!learn(entry, key, index, vlan, verdict))
-                counters->events_lost++;
-        note_form(port, &header, tagging, verdict);
+    if (action.flags & VV_ACTION_NAMED) {
+        struct vv_port *port = port_at(index);
+        /* A voice frame is trapped even where the security ACL drops it, or a
+         * phone that tags its own frames could never join. */
+        if (port->flags & VV_PORT_TRAP)
+            trap(skb, port, index, header.source, counters);
+        note_form(port, &header, action);
     }
-    return treat(skb, &header, tagging, marking, acl, counters);
+    return treat(skb, &header, action, counters);
 }
 
 /* Whether the device that a frame of the VLAN is for wants it without a tag.
