@@ -8,23 +8,44 @@
 namespace vvl::mom
 {
 
+namespace
+{
+
+// The object's packed form; false where its fields are none.
+bool packed_form(const ObjectType &type, const Object &object, std::string &joined, const std::string *&bytes)
+{
+    bytes = type.key == nullptr ? &joined : &object.value.bytes;
+    return type.key != nullptr || join_fields(object.value.fields, joined);
+}
+
+bool has_its_key(const ObjectType &type, const ProtobufCMessage &message, const Object &object)
+{
+    std::string key;
+    return type.key == nullptr || (encode_key(type, message, key) && key == object.key);
+}
+
+} // namespace
+
 MessagePtr Delivery::build(const ObjectType &type, uint32_t db, const Object &object)
 {
-    MessagePtr message;
-    if (type.key == nullptr) {
-        std::string bytes;
-        if (join_fields(object.value.fields, bytes)) {
-            message = unpack(type, bytes);
-        }
-    } else {
-        message = unpack(type, object.value.bytes);
-        std::string key;
-        if (message && (!encode_key(type, *message, key) || key != object.key)) {
-            message.reset();
-        }
-    }
-    if (!message) {
+    std::string joined;
+    const std::string *bytes = nullptr;
+    MessagePtr message = packed_form(type, object, joined, bytes) ? unpack(type, *bytes) : nullptr;
+    if (!message || !has_its_key(type, *message, object)) {
         count_malformed(type, db, object.key);
+        return nullptr;
+    }
+    return message;
+}
+
+const ProtobufCMessage *Delivery::build_in(MessagePool &pool, const ObjectType &type, uint32_t db, const Object &object)
+{
+    std::string joined;
+    const std::string *bytes = nullptr;
+    const ProtobufCMessage *message = packed_form(type, object, joined, bytes) ? pool.unpack(*bytes) : nullptr;
+    if (message == nullptr || !has_its_key(type, *message, object)) {
+        count_malformed(type, db, object.key);
+        return nullptr;
     }
     return message;
 }

@@ -34,6 +34,9 @@ class Delivery
     // The stored object as a message, or null after counting and logging it.
     MessagePtr build(const ObjectType &type, uint32_t db, const Object &object);
 
+    // The same as one of the pool's, which are of the object's type.
+    const ProtobufCMessage *build_in(MessagePool &pool, const ObjectType &type, uint32_t db, const Object &object);
+
     // The object of a removal: a message with the key alone; null as above.
     MessagePtr build_removed(const ObjectType &type, uint32_t db, const std::string &key);
 

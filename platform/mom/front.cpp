@@ -9,21 +9,6 @@
 
 namespace vvl::mom
 {
-namespace
-{
-
-// A callback of a scan takes less time than the fetch of an object from main
-// memory, so objects are asked for this many callbacks ahead.
-constexpr size_t prefetch_distance = 8;
-
-void prefetch(const ProtobufCMessage &message)
-{
-    const auto *bytes = reinterpret_cast<const char *>(&message);
-    __builtin_prefetch(bytes);
-    __builtin_prefetch(bytes + 48);
-}
-
-} // namespace
 
 void Front::open(Store &store, Loop &loop)
 {
@@ -338,10 +323,10 @@ int Front::scan_sync(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, 
 Front::Decoded &Front::decode(uint32_t db, const ObjectType &type, Snapshot &snapshot)
 {
     if (snapshot.made == nullptr) {
-        auto decoded = std::make_shared<Decoded>();
+        auto decoded = std::make_shared<Decoded>(type, snapshot.objects.size());
         decoded->messages.reserve(snapshot.objects.size());
         for (const Object &object : snapshot.objects) {
-            decoded->messages.push_back(delivery_.build(type, db, object));
+            decoded->messages.push_back(delivery_.build_in(decoded->pool, type, db, object));
         }
         snapshot.made = decoded;
     }
@@ -373,12 +358,8 @@ void Front::deliver_objects(uint32_t db, const ObjectType &type, const Match &ma
     const uint64_t changes_before = subscription_changes_;
     Decoded &decoded = decode(db, type, snapshot);
     Chosen &chosen = choose(decoded, match);
-    for (size_t at = 0; at < chosen.indices.size(); at++) {
-        const uint32_t i = chosen.indices[at];
+    for (const uint32_t i : chosen.indices) {
         const ProtobufCMessage &message = *decoded.messages[i];
-        if (at + prefetch_distance < chosen.indices.size()) {
-            prefetch(*decoded.messages[chosen.indices[at + prefetch_distance]]);
-        }
         if (!going(db, epoch)) {
             return;
         }

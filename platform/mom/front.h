@@ -129,8 +129,11 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     // malformed), and what has been chosen of them. Stays where it is when it
     // grows, as a callback may make it do while its objects are delivered.
     struct Decoded {
-        std::vector<MessagePtr> messages;
-        std::deque<Chosen> chosen;
+        Decoded(const ObjectType &type, size_t count) : pool(type, count) {}
+
+        MessagePool pool;
+        std::vector<const ProtobufCMessage *> messages = {};
+        std::deque<Chosen> chosen = {};
     };
 
     Decoded &decode(uint32_t db, const ObjectType &type, Snapshot &snapshot);

@@ -1,8 +1,8 @@
 // Lua, run by the server. Of every (prefix, database) there is one line of
 // changes, counted by "seq" in the hash PREFIX#state and published on one
 // channel, so that a client sees from the numbers alone whether it has missed
-// one. What one call changes goes out as one message. Stale marks are cycle numbers: what carries an older number than its
-// cycle is stale, so opening a cycle costs the same for any number of objects.
+// one. What one call changes goes out as one message. Stale marks are cycle numbers: what carries an older number than
+// its cycle is stale, so opening a cycle costs the same for any number of objects.
 //
 // Per type, PREFIXTYPE#meta holds for each key "NUMBER UNOWNED[ OWNER=NUMBER]...",
 // and under "#" and "#OWNER" the numbers of the cycles themselves.
@@ -257,10 +257,12 @@ local function read(_, args)
     return {sequence(a), key, redis.call('MGET', value_key(a, key))[1]}
 end
 
--- scan PREFIX DB TYPE: {sequence, key, value, ...} in no order; value is nil where
--- a value of a foreign kind stands in its place, or the key is a cycle's
+-- scan PREFIX DB TYPE [NUMBER]: {sequence, key, value, ...} in no order; value is nil
+-- where a value of a foreign kind stands in its place, or the key is a cycle's.
+-- The sequence alone where that is the NUMBER: nothing has changed since.
 local function scan(_, args)
     local a = open(args)
+    if args[4] and sequence(a) == tonumber(args[4]) then return sequence(a) end
     local keys = redis.call('HKEYS', a.meta)
     local root, reply, r = a.root .. ':', {sequence(a)}, 1
     for first = 1, #keys, chunk do

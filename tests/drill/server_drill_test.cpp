@@ -70,7 +70,9 @@ TEST(ServerDrill, KilledAndRestartedFromItsFileWhileConfigurationChanges)
         rig.carry_out(lines[i]);
     }
     EXPECT_EQ(rig.picture_like(wanted), wanted);
-    EXPECT_GE(rig.returns(), 6u);
+    // All four databases at least once: the reader may be away from one kill to
+    // the next, as the operator comes back sooner.
+    EXPECT_GE(rig.returns(), 4u);
 }
 
 TEST(ServerDrill, StoppedForFiveSecondsDoesNotStopTheLoop)
