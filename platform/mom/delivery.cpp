@@ -74,13 +74,6 @@ void Delivery::send_plain(const Receiver &to, int32_t operate, int32_t phase, in
     send(to, record);
 }
 
-void Delivery::send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message)
-{
-    // Records are the same for all callbacks, which must not change them.
-    tq_mom_record_t record{operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK};
-    send(to, record);
-}
-
 void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message,
                          std::vector<uint32_t> fields)
 {
@@ -88,17 +81,6 @@ void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMes
                        TQ_MOM_OK};
     tq_mom_record_t record{operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK};
     send(to, record);
-}
-
-void Delivery::send(const Receiver &to, tq_mom_record_t &record)
-{
-    if (to.callback == nullptr) {
-        return;
-    }
-    counters.delivered++;
-    if (to.callback(ctx_, &record, to.user) != 0) {
-        counters.callback_failures++;
-    }
 }
 
 } // namespace vvl::mom

@@ -11,7 +11,6 @@
 
 #include <hiredis/hiredis.h>
 
-
 namespace vvl::mom
 {
 namespace
