@@ -23,7 +23,7 @@ namespace
 // Of one call: the server works on it without a pause, and its functions take
 // no more than 1000 objects.
 constexpr size_t write_count_max = 256;
-constexpr size_t write_bytes_max = 256 * 1024;
+constexpr size_t write_bytes_max = 262'144;
 
 // An answer of a server on this machine comes sooner than a process that sleeps
 // is woken by it. A start-up waits for one for each port.
