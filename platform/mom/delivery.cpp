@@ -8,23 +8,44 @@
 namespace vvl::mom
 {
 
+namespace
+{
+
+// The object's packed form; false where its fields are none.
+bool packed_form(const ObjectType &type, const Object &object, std::string &joined, const std::string *&bytes)
+{
+    bytes = type.key == nullptr ? &joined : &object.value.bytes;
+    return type.key != nullptr || join_fields(object.value.fields, joined);
+}
+
+bool has_its_key(const ObjectType &type, const ProtobufCMessage &message, const Object &object)
+{
+    std::string key;
+    return type.key == nullptr || (encode_key(type, message, key) && key == object.key);
+}
+
+} // namespace
+
 MessagePtr Delivery::build(const ObjectType &type, uint32_t db, const Object &object)
 {
-    MessagePtr message;
-    if (type.key == nullptr) {
-        std::string bytes;
-        if (join_fields(object.value.fields, bytes)) {
-            message = unpack(type, bytes);
-        }
-    } else {
-        message = unpack(type, object.value.bytes);
-        std::string key;
-        if (message && (!encode_key(type, *message, key) || key != object.key)) {
-            message.reset();
-        }
-    }
-    if (!message) {
+    std::string joined;
+    const std::string *bytes = nullptr;
+    MessagePtr message = packed_form(type, object, joined, bytes) ? unpack(type, *bytes) : nullptr;
+    if (!message || !has_its_key(type, *message, object)) {
         count_malformed(type, db, object.key);
+        return nullptr;
+    }
+    return message;
+}
+
+const ProtobufCMessage *Delivery::build_in(MessagePool &pool, const ObjectType &type, uint32_t db, const Object &object)
+{
+    std::string joined;
+    const std::string *bytes = nullptr;
+    const ProtobufCMessage *message = packed_form(type, object, joined, bytes) ? pool.unpack(*bytes) : nullptr;
+    if (message == nullptr || !has_its_key(type, *message, object)) {
+        count_malformed(type, db, object.key);
+        return nullptr;
     }
     return message;
 }
@@ -53,13 +74,6 @@ void Delivery::send_plain(const Receiver &to, int32_t operate, int32_t phase, in
     send(to, record);
 }
 
-void Delivery::send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message)
-{
-    // Records are the same for all callbacks, which must not change them.
-    tq_mom_record_t record{operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK};
-    send(to, record);
-}
-
 void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message,
                          std::vector<uint32_t> fields)
 {
@@ -67,17 +81,6 @@ void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMes
                        TQ_MOM_OK};
     tq_mom_record_t record{operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK};
     send(to, record);
-}
-
-void Delivery::send(const Receiver &to, tq_mom_record_t &record)
-{
-    if (to.callback == nullptr) {
-        return;
-    }
-    counters.delivered++;
-    if (to.callback(ctx_, &record, to.user) != 0) {
-        counters.callback_failures++;
-    }
 }
 
 } // namespace vvl::mom

@@ -34,18 +34,36 @@ class Delivery
     // The stored object as a message, or null after counting and logging it.
     MessagePtr build(const ObjectType &type, uint32_t db, const Object &object);
 
+    // The same as one of the pool's, which are of the object's type.
+    const ProtobufCMessage *build_in(MessagePool &pool, const ObjectType &type, uint32_t db, const Object &object);
+
     // The object of a removal: a message with the key alone; null as above.
     MessagePtr build_removed(const ObjectType &type, uint32_t db, const std::string &key);
 
     // Each calls the receiver once. The client may be gone when they return.
     void send_plain(const Receiver &to, int32_t operate, int32_t phase, int32_t error);
-    void send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message);
+    void send_message(const Receiver &to, int32_t operate, const ProtobufCMessage &message)
+    {
+        // Records are the same for all callbacks, which must not change them.
+        tq_mom_record_t record{operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK};
+        send(to, record);
+    }
     void send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message, std::vector<uint32_t> fields);
 
     ClientCounters counters;
 
   private:
-    void send(const Receiver &to, tq_mom_record_t &record);
+    // Here for the scans of a start-up, which send millions of records.
+    void send(const Receiver &to, tq_mom_record_t &record)
+    {
+        if (to.callback == nullptr) {
+            return;
+        }
+        counters.delivered++;
+        if (to.callback(ctx_, &record, to.user) != 0) {
+            counters.callback_failures++;
+        }
+    }
     void count_malformed(const ObjectType &type, uint32_t db, const std::string &key);
 
     void *ctx_;

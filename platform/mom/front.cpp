@@ -9,21 +9,6 @@
 
 namespace vvl::mom
 {
-namespace
-{
-
-// A callback of a scan takes less time than the fetch of an object from main
-// memory, so objects are asked for this many callbacks ahead.
-constexpr size_t prefetch_distance = 8;
-
-void prefetch(const ProtobufCMessage &message)
-{
-    const auto *bytes = reinterpret_cast<const char *>(&message);
-    __builtin_prefetch(bytes);
-    __builtin_prefetch(bytes + 48);
-}
-
-} // namespace
 
 void Front::open(Store &store, Loop &loop)
 {
@@ -338,10 +323,10 @@ int Front::scan_sync(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, 
 Front::Decoded &Front::decode(uint32_t db, const ObjectType &type, Snapshot &snapshot)
 {
     if (snapshot.made == nullptr) {
-        auto decoded = std::make_shared<Decoded>();
+        auto decoded = std::make_shared<Decoded>(type, snapshot.objects.size());
         decoded->messages.reserve(snapshot.objects.size());
         for (const Object &object : snapshot.objects) {
-            decoded->messages.push_back(delivery_.build(type, db, object));
+            decoded->messages.push_back(delivery_.build_in(decoded->pool, type, db, object));
         }
         snapshot.made = decoded;
     }
@@ -349,17 +334,18 @@ Front::Decoded &Front::decode(uint32_t db, const ObjectType &type, Snapshot &sna
 }
 
 // A start-up asks the same of one snapshot as often as there are ports.
-Front::Chosen &Front::choose(Decoded &decoded, const Match &match)
+Front::Chosen &Front::choose(const Snapshot &snapshot, Decoded &decoded, const Match &match)
 {
     for (Chosen &chosen : decoded.chosen) {
         if (chosen.match == match) {
             return chosen;
         }
     }
-    Chosen &chosen = decoded.chosen.emplace_back(Chosen{match, {}, 0});
-    for (uint32_t i = 0; i < decoded.messages.size(); i++) {
+    Chosen &chosen = decoded.chosen.emplace_back(Chosen{match, {}, {}, 0});
+    for (size_t i = 0; i < decoded.messages.size(); i++) {
         if (decoded.messages[i] != nullptr && match.matches(*decoded.messages[i])) {
-            chosen.indices.push_back(i);
+            chosen.messages.push_back(decoded.messages[i]);
+            chosen.objects.push_back(&snapshot.objects[i]);
         }
     }
     return chosen;
@@ -371,29 +357,23 @@ void Front::deliver_objects(uint32_t db, const ObjectType &type, const Match &ma
 {
     const uint64_t epoch = databases_[db].epoch;
     const uint64_t changes_before = subscription_changes_;
-    Decoded &decoded = decode(db, type, snapshot);
-    Chosen &chosen = choose(decoded, match);
-    for (size_t at = 0; at < chosen.indices.size(); at++) {
-        const uint32_t i = chosen.indices[at];
-        const ProtobufCMessage &message = *decoded.messages[i];
-        if (at + prefetch_distance < chosen.indices.size()) {
-            prefetch(*decoded.messages[chosen.indices[at + prefetch_distance]]);
-        }
+    Chosen &chosen = choose(snapshot, decode(db, type, snapshot), match);
+    for (size_t i = 0; i < chosen.messages.size(); i++) {
         if (!going(db, epoch)) {
             return;
         }
         if (chosen.remembered != subscription_changes_) {
-            remember(db, type, message, snapshot.objects[i]);
+            remember(db, type, *chosen.messages[i], *chosen.objects[i]);
         }
         if (type.key != nullptr) {
-            delivery_.send_message(to, TQ_MOM_SET, message);
+            delivery_.send_message(to, TQ_MOM_SET, *chosen.messages[i]);
             continue;
         }
         std::vector<uint32_t> fields;
-        for (const auto &field : snapshot.objects[i].value.fields) {
+        for (const auto &field : chosen.objects[i]->value.fields) {
             fields.push_back(field.first);
         }
-        delivery_.send_hash(to, TQ_MOM_HSET, message, std::move(fields));
+        delivery_.send_hash(to, TQ_MOM_HSET, *chosen.messages[i], std::move(fields));
     }
     chosen.remembered = changes_before;
 }

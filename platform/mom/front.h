@@ -122,19 +122,23 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     // The objects of a snapshot that one template asks for.
     struct Chosen {
         Match match;
-        std::vector<uint32_t> indices;
+        std::vector<const ProtobufCMessage *> messages;
+        std::vector<const Object *> objects; // of these messages
         uint64_t remembered = 0; // subscription_changes_ of the list of subscriptions that remember them; 0: none
     };
     // What the receivers of a snapshot share: its objects as messages (null:
     // malformed), and what has been chosen of them. Stays where it is when it
     // grows, as a callback may make it do while its objects are delivered.
     struct Decoded {
-        std::vector<MessagePtr> messages;
-        std::deque<Chosen> chosen;
+        Decoded(const ObjectType &type, size_t count) : pool(type, count) {}
+
+        MessagePool pool;
+        std::vector<const ProtobufCMessage *> messages = {};
+        std::deque<Chosen> chosen = {};
     };
 
     Decoded &decode(uint32_t db, const ObjectType &type, Snapshot &snapshot);
-    static Chosen &choose(Decoded &decoded, const Match &match);
+    static Chosen &choose(const Snapshot &snapshot, Decoded &decoded, const Match &match);
     void deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to);
     void remember(uint32_t db, const ObjectType &type, const ProtobufCMessage &message, const Object &object);
 

@@ -171,7 +171,8 @@ void Front::remember(uint32_t db, const ObjectType &type, const ProtobufCMessage
 {
     for (const SubscriptionPtr &subscription : subscriptions_) {
         if (subscription->db == db && subscription->type == &type && subscription->match.matches(message)) {
-            subscription->delivered[object.key] = object.value.bytes;
+            auto &delivered = subscription->delivered;
+            delivered.insert_or_assign(delivered.end(), object.key, object.value.bytes); // they come in order
         }
     }
 }

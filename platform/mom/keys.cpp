@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 
 namespace vvl::mom
@@ -77,27 +78,42 @@ void append_mac(std::string &text, const ProtobufCBinaryData &bytes)
     }
 }
 
-std::string field_text(const ProtobufCMessage &key, const ProtobufCFieldDescriptor &field)
+// Into the text at hand, as every object of a scan has its key written.
+void append_field(std::string &text, const ProtobufCMessage &key, const ProtobufCFieldDescriptor &field)
 {
-    std::string text;
+    const size_t before = text.size();
     switch (kind_of(field)) {
-    case KeyKind::number:
-        return std::to_string(get_member<uint32_t>(key, field));
+    case KeyKind::number: {
+        char digits[std::numeric_limits<uint32_t>::digits10 + 1];
+        const auto end = std::to_chars(digits, digits + sizeof digits, get_member<uint32_t>(key, field)).ptr;
+        text.append(digits, end);
+        break;
+    }
     case KeyKind::text:
         append_string(text, get_member<const char *>(key, field));
         break;
     case KeyKind::mac: {
         const auto *mac = get_member<const ProtobufCMessage *>(key, field);
         if (mac == nullptr) {
-            return absent_text;
+            text += absent_text;
+        } else {
+            append_mac(text, mac_bytes(*mac));
         }
-        append_mac(text, mac_bytes(*mac));
         break;
     }
     case KeyKind::unsupported:
         break;
     }
-    return text.empty() ? empty_text : text;
+    if (text.size() == before) {
+        text += empty_text;
+    }
+}
+
+std::string field_text(const ProtobufCMessage &key, const ProtobufCFieldDescriptor &field)
+{
+    std::string text;
+    append_field(text, key, field);
+    return text;
 }
 
 bool is_zero(const ProtobufCMessage &key, const ProtobufCFieldDescriptor &field)
@@ -247,7 +263,7 @@ bool encode_key(const ObjectType &type, const ProtobufCMessage &object, std::str
         if (i > 0) {
             key += '/';
         }
-        key += field_text(*message, descriptor.fields[i]);
+        append_field(key, *message, descriptor.fields[i]);
     }
     return key.size() <= key_size_max;
 }

@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace vvl::mom
 {
@@ -136,6 +137,29 @@ MessagePtr unpack(const ObjectType &type, const std::string &bytes)
     }
     const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
     return MessagePtr(protobuf_c_message_unpack(type.descriptor, nullptr, bytes.size(), data));
+}
+
+MessagePool::MessagePool(const ObjectType &type, size_t count)
+    : type_(type),
+      messages_(std::max<size_t>(1, count) * (type.descriptor->sizeof_message + alignof(std::max_align_t))),
+      allocator_{allocate, [](void *, void *) {}, this}
+{
+}
+
+void *MessagePool::allocate(void *pool, size_t size)
+{
+    auto *self = static_cast<MessagePool *>(pool);
+    return (std::exchange(self->is_part_, true) ? self->parts_ : self->messages_).allocate(size);
+}
+
+const ProtobufCMessage *MessagePool::unpack(const std::string &bytes)
+{
+    if (bytes.size() > object_size_max) {
+        return nullptr;
+    }
+    is_part_ = false;
+    const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+    return protobuf_c_message_unpack(type_.descriptor, &allocator_, bytes.size(), data);
 }
 
 bool split_fields(const std::string &bytes, FieldMap &fields)

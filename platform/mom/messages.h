@@ -11,6 +11,7 @@
 
 #include <cstring>
 #include <memory>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 
@@ -40,6 +41,27 @@ bool pack(const ProtobufCMessage &message, std::string &bytes);
 
 // Null where the bytes are too many or not a message of the type.
 MessagePtr unpack(const ObjectType &type, const std::string &bytes);
+
+// Messages of one type that live and end together. They stand one behind the
+// other, and their parts apart from them: whoever goes through many and looks
+// at little of each finds it in a cache.
+class MessagePool
+{
+  public:
+    MessagePool(const ObjectType &type, size_t count);
+
+    // As unpack; the message is the pool's.
+    const ProtobufCMessage *unpack(const std::string &bytes);
+
+  private:
+    static void *allocate(void *pool, size_t size);
+
+    const ObjectType &type_;
+    std::pmr::monotonic_buffer_resource messages_;
+    std::pmr::monotonic_buffer_resource parts_;
+    bool is_part_ = false; // of a message: its own memory is asked for first
+    ProtobufCAllocator allocator_;
+};
 
 // Takes a packed message apart. False where the bytes are malformed.
 bool split_fields(const std::string &bytes, FieldMap &fields);

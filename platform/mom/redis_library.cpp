@@ -1,8 +1,8 @@
 // Lua, run by the server. Of every (prefix, database) there is one line of
 // changes, counted by "seq" in the hash PREFIX#state and published on one
 // channel, so that a client sees from the numbers alone whether it has missed
-// one. What one call changes goes out as one message. Stale marks are cycle numbers: what carries an older number than its
-// cycle is stale, so opening a cycle costs the same for any number of objects.
+// one. What one call changes goes out as one message. Stale marks are cycle numbers: what carries an older number than
+// its cycle is stale, so opening a cycle costs the same for any number of objects.
 //
 // Per type, PREFIXTYPE#meta holds for each key "NUMBER UNOWNED[ OWNER=NUMBER]...",
 // and under "#" and "#OWNER" the numbers of the cycles themselves.
@@ -42,27 +42,18 @@ local function sequence(a)
     return tonumber(redis.call('HGET', a.state, 'seq') or '0')
 end
 
--- Numbers the changes that add_change has put into parts, and publishes them.
--- kind: s(et), f(ields set), r(emoved), p(ublished). Returns the last number.
-local function tell(a, kind, fields, parts)
-    local count = (#parts - 1) / 6
+-- One change, as it stands in a message.
+local function change_text(key, payload)
+    return text_of(#key) .. ' ' .. text_of(#payload) .. '\n' .. key .. payload
+end
+
+-- Numbers count changes and publishes them; returns the last number.
+-- kind: s(et), f(ields set), r(emoved), p(ublished).
+local function tell(a, kind, fields, count, changes)
     local seq = redis.call('HINCRBY', a.state, 'seq', count)
-    parts[1] = (seq - count + 1) .. ' ' .. count .. ' ' .. kind .. ' ' .. a.type .. ' ' .. fields .. '\n'
-    redis.call('PUBLISH', a.prefix .. '#' .. a.db, table.concat(parts))
+    redis.call('PUBLISH', a.prefix .. '#' .. a.db,
+        (seq - count + 1) .. ' ' .. count .. ' ' .. kind .. ' ' .. a.type .. ' ' .. fields .. '\n' .. changes)
     return seq
-end
-
--- parts: {''} at first, for what stands before the changes.
-local function add_change(parts, key, payload)
-    local n = #parts
-    parts[n + 1], parts[n + 2], parts[n + 3], parts[n + 4] = text_of(#key), ' ', text_of(#payload), '\n'
-    parts[n + 5], parts[n + 6] = key, payload
-end
-
-local function tell_one(a, kind, key, fields, payload)
-    local parts = {''}
-    add_change(parts, key, payload)
-    return tell(a, kind, fields, parts)
 end
 
 local function read_meta(text)
@@ -134,10 +125,10 @@ local function hold(a, owner, keys)
     keys[n + 1], keys[n + 2] = nil, nil
     local now, owner_now = found[n + 2] or '0', found[n + 1] or '0'
     local usual = now .. ' 1'
-    local marks, changed, made, room, refused = {}, {}, 0, nil, nil
+    local marks, changed, made, room, refused = nil, nil, 0, nil, nil
     for i = 1, n do
         local key = keys[i]
-        local text = marks[key] or found[i]
+        local text = marks and marks[key] or found[i]
         if not text then
             room = room or object_count_max - tonumber(redis.call('HGET', a.state, 'count') or '0')
             if made < room then
@@ -155,12 +146,13 @@ local function hold(a, owner, keys)
             else
                 m.holds[owner] = tonumber(owner_now)
             end
+            marks, changed = marks or {}, changed or {}
             marks[key] = write_meta(m)
             if marks[key] ~= text then changed[#changed + 1], changed[#changed + 2] = key, marks[key] end
         end
     end
     if made > 0 then redis.call('HINCRBY', a.state, 'count', made) end
-    if #changed > 0 then redis.call('HSET', a.meta, unpack(changed)) end
+    if changed and #changed > 0 then redis.call('HSET', a.meta, unpack(changed)) end
     return refused
 end
 
@@ -188,20 +180,23 @@ local function write(_, args)
     end
     if k == 0 or k > chunk or #args % 2 ~= 0 then return redis.error_reply('ERR wrong number of objects') end
     local refused = hold(a, args[4], keys)
-    local root, values, n, parts, reply = a.root .. ':', {}, 0, {''}, {0}
+    if k == 1 and not refused then
+        redis.call('SET', value_key(a, keys[1]), args[6])
+        return tell(a, 's', '-', 1, change_text(keys[1], args[6]))
+    end
+    local root, values, n, changes, reply = a.root .. ':', {}, 0, {}, {0}
     for i = 1, k do
         if refused and refused[i] then
             reply[#reply + 1] = i
         else
             local key, value = keys[i], args[2 * i + 4]
-            values[n + 1], values[n + 2] = root .. key, value
-            n = n + 2
-            add_change(parts, key, value)
+            n = n + 1
+            values[2 * n - 1], values[2 * n], changes[n] = root .. key, value, change_text(key, value)
         end
     end
     if n == 0 then return redis.error_reply('VVLANFULL') end
     redis.call('MSET', unpack(values))
-    reply[1] = tell(a, 's', '-', parts)
+    reply[1] = tell(a, 's', '-', n, table.concat(changes))
     return refused and reply or reply[1]
 end
 
@@ -219,7 +214,8 @@ local function write_fields(_, args)
     for i = 6, #args do list[#list + 1] = args[i] end
     add_fields(touched, list, 2)
     redis.call('HSET', a.root, unpack(list))
-    return tell_one(a, 'f', '', field_list(touched), pack_fields(redis.call('HGETALL', a.root)))
+    local payload = pack_fields(redis.call('HGETALL', a.root))
+    return tell(a, 'f', field_list(touched), 1, change_text('', payload))
 end
 
 -- remove PREFIX DB TYPE KEY OWNER
@@ -232,7 +228,7 @@ local function remove(_, args)
         local held = m.holds[owner]
         m.holds[owner] = nil
         if owner == '' or (held and m.count == 1 and not m.unowned) then
-            return tell_one(a, 'r', key, erase(a, key), '')
+            return tell(a, 'r', erase(a, key), 1, change_text(key, ''))
         elseif held then
             redis.call('HSET', a.meta, key, write_meta(m))
         end
@@ -243,7 +239,7 @@ end
 -- publish PREFIX DB TYPE KEY PAYLOAD
 local function publish(_, args)
     local a = open(args)
-    return tell_one(a, 'p', args[4], '-', args[5])
+    return tell(a, 'p', '-', 1, change_text(args[4], args[5]))
 end
 
 -- read PREFIX DB TYPE KEY: {sequence, key, value} or {sequence}
@@ -257,10 +253,12 @@ local function read(_, args)
     return {sequence(a), key, redis.call('MGET', value_key(a, key))[1]}
 end
 
--- scan PREFIX DB TYPE: {sequence, key, value, ...} in no order; value is nil where
--- a value of a foreign kind stands in its place, or the key is a cycle's
+-- scan PREFIX DB TYPE [NUMBER]: {sequence, key, value, ...} in no order; value is nil
+-- where a value of a foreign kind stands in its place, or the key is a cycle's.
+-- The sequence alone where that is the NUMBER: nothing has changed since.
 local function scan(_, args)
     local a = open(args)
+    if args[4] and sequence(a) == tonumber(args[4]) then return sequence(a) end
     local keys = redis.call('HKEYS', a.meta)
     local root, reply, r = a.root .. ':', {sequence(a)}, 1
     for first = 1, #keys, chunk do
@@ -315,17 +313,17 @@ local function finish(_, args)
         end
     end
     table.sort(stale, function(x, y) return x.key < y.key end)
-    local parts, fields = {''}, '-'
+    local changes, fields = {}, '-'
     for _, s in ipairs(stale) do
         s.meta.holds[owner] = nil
         if owner == '' or (s.meta.count == 1 and not s.meta.unowned) then
             fields = erase(a, s.key)
-            add_change(parts, s.key, '')
+            changes[#changes + 1] = change_text(s.key, '')
         else
             redis.call('HSET', a.meta, s.key, write_meta(s.meta))
         end
     end
-    return #parts == 1 and sequence(a) or tell(a, 'r', fields, parts)
+    return #changes == 0 and sequence(a) or tell(a, 'r', fields, #changes, table.concat(changes))
 end
 
 -- state PREFIX DB [ID]: {sequence, id of the data set}. With an ID, a data set

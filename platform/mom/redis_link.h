@@ -44,10 +44,6 @@ struct RedisLinkEvents {
     std::function<void(uint64_t number)> told_of; // a reply carried this number; not from the loop
 };
 
-// Fields of a keyless object, as the server's functions write them: for each
-// "NUMBER SIZE\n" and its bytes. False where the text is something else.
-bool parse_redis_fields(std::string_view text, FieldMap &fields);
-
 class RedisLink
 {
   public:

@@ -6,15 +6,10 @@
 // snapshot that was taken before it was made.
 #include "platform/mom/redis_link.h"
 
-#include "platform/base/log.h"
-#include "platform/mom/redis_sentinels.h"
+#include "platform/mom/redis_reader.h"
+#include "platform/mom/redis_words.h"
 
 #include <hiredis/hiredis.h>
-#include <poll.h>
-
-#include <algorithm>
-#include <charconv>
-#include <chrono>
 
 namespace vvl::mom
 {
@@ -22,21 +17,6 @@ namespace
 {
 
 constexpr char not_a_message[] = "a message is not what it should be";
-
-template <typename Number> bool parse_number(std::string_view text, Number &number)
-{
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
-// What stands before the next separator; text goes on behind it.
-std::string_view take_word(std::string_view &text, char separator)
-{
-    const size_t end = text.find(separator);
-    const std::string_view word = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    return word;
-}
 
 bool parse_kind(std::string_view word, ChangeKind &kind)
 {
@@ -69,21 +49,6 @@ bool parse_field_numbers(std::string_view text, std::vector<uint32_t> &fields)
 }
 
 } // namespace
-
-bool parse_redis_fields(std::string_view text, FieldMap &fields)
-{
-    while (!text.empty()) {
-        uint32_t number = 0;
-        size_t size = 0;
-        if (!parse_number(take_word(text, ' '), number) || !parse_number(take_word(text, '\n'), size) ||
-            size > text.size()) {
-            return false;
-        }
-        fields[number] = text.substr(0, size);
-        text.remove_prefix(size);
-    }
-    return true;
-}
 
 // ---- Changes ----
 

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 namespace vvl::mom
@@ -22,7 +23,11 @@ namespace
 // Of one call: the server works on it without a pause, and its functions take
 // no more than 1000 objects.
 constexpr size_t write_count_max = 256;
-constexpr size_t write_bytes_max = 256 * 1024;
+constexpr size_t write_bytes_max = 262'144;
+
+// An answer of a server on this machine comes sooner than a process that sleeps
+// is woken by it. A start-up waits for one for each port.
+constexpr auto awake_max = std::chrono::microseconds(50);
 
 // The number of the last change before the reply, which is the reply itself or
 // its first element; false where there is none.
@@ -302,7 +307,9 @@ int RedisLink::take_refusal(uint64_t request)
 bool RedisLink::wait_for(const std::function<bool()> &done)
 {
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::milliseconds(redis_answer_limit_ms);
+    static const bool has_other_core = std::thread::hardware_concurrency() > 1;
+    const auto begin = Clock::now();
+    const auto end = begin + std::chrono::milliseconds(redis_answer_limit_ms);
     while (!done()) {
         RedisConnection *connections[] = {requests_.get(), changes_.get(),
                                           sentinels_ != nullptr ? sentinels_->connection() : nullptr};
@@ -312,11 +319,13 @@ bool RedisLink::wait_for(const std::function<bool()> &done)
                            .events = connection != nullptr ? connection->poll_events() : short{0},
                            .revents = 0});
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+        const auto now = Clock::now();
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - now).count();
         if (left <= 0) {
             return false;
         }
-        poll(fds.data(), fds.size(), static_cast<int>(left));
+        const bool is_awake = has_other_core && now - begin < awake_max;
+        poll(fds.data(), fds.size(), is_awake ? 0 : static_cast<int>(left));
         // Serving one may end them all.
         for (size_t i = 0; i < fds.size(); i++) {
             if (fds[i].revents != 0) {

@@ -1,21 +1,15 @@
 // Sessions on a Redis server: each request becomes one call of the function
 // library, each reply a completion; redis_link.h has connections and order.
-//
-// Values come from another process and are checked here as far as a store can:
-// their kind and their size. What does not pass is logged once with its key
-// and left out, so that one bad value costs one object.
 #include "platform/mom/store_redis.h"
 
-#include "platform/base/log.h"
 #include "platform/mom/redis_link.h"
+#include "platform/mom/redis_reader.h"
 
 #include <hiredis/hiredis.h>
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <map>
-#include <set>
 #include <utility>
 
 namespace vvl::mom
@@ -23,7 +17,10 @@ namespace vvl::mom
 namespace
 {
 
-constexpr size_t bad_values_logged_max = 256; // keys that are remembered as logged
+std::string owner_text(Owner owner)
+{
+    return owner ? std::to_string(*owner) : std::string();
+}
 
 class RedisSession;
 
@@ -72,10 +69,13 @@ class RedisSession final : public Session
 
   private:
     // Scans of one type. Those that come while a read is on its way wait for
-    // the next one, which serves all of them.
+    // the next one, which serves all of them. It need not read what has not
+    // changed since the one before, if somebody still has that.
     struct Scans {
         bool reading = false;
         std::vector<Listed> waiting;
+        std::weak_ptr<Snapshot> last;
+        uint64_t last_number = 0;
     };
     struct Database {
         std::unique_ptr<RedisLink> link;            // made when it is first asked for
@@ -95,23 +95,19 @@ class RedisSession final : public Session
     template <typename Ask> int ask(uint32_t db, Ask &&how);
     int let_in(int result);
     int read_for_scans(uint32_t db, const std::string &type);
-    std::vector<Object> read_objects(uint32_t db, const std::string &type, const redisReply &reply);
-    bool read_value(uint32_t db, const std::string &type, const std::string &key, const redisReply &reply,
-                    Value &value);
+    std::shared_ptr<Snapshot> take_snapshot(uint32_t db, const std::string &type, const redisReply &reply,
+                                            const std::shared_ptr<Snapshot> &last);
+    void tell_listed(uint32_t db, const std::vector<Listed> &served, int result,
+                     const std::shared_ptr<Snapshot> &snapshot);
 
     RedisStore &store_;
     Loop &loop_;
     SessionEvents &events_;
     const std::string name_;
     std::array<Database, database_count> databases_;
-    std::set<std::string> bad_values_logged_;
+    RedisReader reader_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
-
-std::string owner_text(Owner owner)
-{
-    return owner ? std::to_string(*owner) : std::string();
-}
 
 std::unique_ptr<Session> RedisStore::open(Loop &loop, SessionEvents &events, const std::string &name)
 {
@@ -344,50 +340,6 @@ int RedisSession::end_cycle(uint32_t db, const std::string &type, Owner owner, D
 
 // ---- Reading ----
 
-bool RedisSession::read_value(uint32_t db, const std::string &type, const std::string &key, const redisReply &reply,
-                              Value &value)
-{
-    const char *fault = nullptr;
-    if (reply.type != REDIS_REPLY_STRING) {
-        fault = "is no value of an object";
-    } else if (static_cast<size_t>(reply.len) > object_size_max) {
-        fault = "is larger than 65536 bytes";
-    } else if (key.empty() ? !parse_redis_fields({reply.str, static_cast<size_t>(reply.len)}, value.fields) : false) {
-        fault = "has fields that are none";
-    }
-    if (fault == nullptr) {
-        if (!key.empty()) {
-            value.bytes.assign(reply.str, static_cast<size_t>(reply.len));
-        }
-        return true;
-    }
-    const std::string name = type + (key.empty() ? "" : ":" + key);
-    if (bad_values_logged_.size() < bad_values_logged_max &&
-        bad_values_logged_.insert(std::to_string(db) + " " + name).second) {
-        log_line(LogLevel::error, databases_[db].link->name() + ": " + name + " " + fault + " and is passed over");
-    }
-    return false;
-}
-
-std::vector<Object> RedisSession::read_objects(uint32_t db, const std::string &type, const redisReply &reply)
-{
-    std::vector<Object> objects;
-    objects.reserve(reply.elements / 2);
-    for (size_t i = 1; reply.type == REDIS_REPLY_ARRAY && i + 1 < reply.elements; i += 2) {
-        const redisReply &key = *reply.element[i];
-        Object object;
-        // Where the objects' marks are, the cycles' stand too.
-        if (key.type == REDIS_REPLY_STRING && (key.len == 0 || key.str[0] != '#')) {
-            object.key.assign(key.str, static_cast<size_t>(key.len));
-            if (read_value(db, type, object.key, *reply.element[i + 1], object.value)) {
-                objects.push_back(std::move(object));
-            }
-        }
-    }
-    std::ranges::sort(objects, {}, &Object::key);
-    return objects;
-}
-
 int RedisSession::scan(uint32_t db, const std::string &type, Listed listed)
 {
     if (!usable(db) || !link(db).is_up()) {
@@ -404,24 +356,46 @@ int RedisSession::read_for_scans(uint32_t db, const std::string &type)
     Scans &scans = databases_[db].scans[type];
     auto served = std::make_shared<std::vector<Listed>>(std::exchange(scans.waiting, {}));
     scans.reading = true;
-    return link(db).request("scan", {type}, [this, db, type, served](const redisReply &reply) -> RedisLink::Taken {
-        const int result = link(db).result_of(reply, "scan");
-        auto snapshot = std::make_shared<Snapshot>(Snapshot{read_objects(db, type, reply), {}});
+    const std::string known = std::to_string(scans.last_number);
+    std::vector<std::string_view> arguments{type};
+    const std::shared_ptr<Snapshot> last = scans.last.lock();
+    if (last != nullptr) {
+        arguments.push_back(known);
+    }
+    return link(db).request("scan", arguments, [this, db, type, served, last](const redisReply &reply) {
+        const std::shared_ptr<Snapshot> snapshot = take_snapshot(db, type, reply, last);
+        const int failure = link(db).result_of(reply, "scan");
+        const int result = failure == TQ_MOM_OK && snapshot == nullptr ? TQ_MOM_E_UNREACHABLE : failure;
         databases_[db].scans[type].reading = false;
         if (!databases_[db].scans[type].waiting.empty()) {
             read_for_scans(db, type);
         }
-        return [this, db, served, result, snapshot] {
-            // Any of them may end the session or cut the link.
-            const std::weak_ptr<bool> still = alive_;
-            const uint64_t drops = databases_[db].drops;
-            for (const Listed &each : *served) {
-                if (!still.expired() && drops == databases_[db].drops) {
-                    each(result, result == TQ_MOM_OK ? snapshot : nullptr);
-                }
-            }
-        };
+        return [this, db, served, result, snapshot] { tell_listed(db, *served, result, snapshot); };
     });
+}
+
+std::shared_ptr<Snapshot> RedisSession::take_snapshot(uint32_t db, const std::string &type, const redisReply &reply,
+                                                      const std::shared_ptr<Snapshot> &last)
+{
+    if (reply.type != REDIS_REPLY_ARRAY) {
+        return last;
+    }
+    auto snapshot = std::make_shared<Snapshot>(Snapshot{reader_.read(link(db).name(), type, reply), {}});
+    Scans &scans = databases_[db].scans[type];
+    scans.last = snapshot;
+    scans.last_number = static_cast<uint64_t>(reply.element[0]->integer);
+    return snapshot;
+}
+
+void RedisSession::tell_listed(uint32_t db, const std::vector<Listed> &served, int result,
+                               const std::shared_ptr<Snapshot> &snapshot)
+{
+    // Any of them may end the session or cut the link.
+    const std::weak_ptr<bool> still = alive_;
+    const uint64_t drops = databases_[db].drops;
+    for (size_t i = 0; i < served.size() && !still.expired() && drops == databases_[db].drops; i++) {
+        served[i](result, result == TQ_MOM_OK ? snapshot : nullptr);
+    }
 }
 
 int RedisSession::scan_now(uint32_t db, const std::string &type, std::vector<Object> &objects)
@@ -432,7 +406,7 @@ int RedisSession::scan_now(uint32_t db, const std::string &type, std::vector<Obj
     int result = TQ_MOM_OK;
     const int asked = link(db).request_now("scan", {type}, [&](const redisReply &reply) {
         result = link(db).result_of(reply, "scan");
-        objects = read_objects(db, type, reply);
+        objects = reader_.read(link(db).name(), type, reply);
         return RedisLink::Taken();
     });
     return asked != TQ_MOM_OK ? asked : result;
@@ -446,7 +420,7 @@ int RedisSession::read_now(const Name &name, std::optional<Value> &value)
     int result = TQ_MOM_OK;
     auto take = [&](const redisReply &reply) {
         result = link(name.db).result_of(reply, "read");
-        std::vector<Object> objects = read_objects(name.db, name.type, reply);
+        std::vector<Object> objects = reader_.read(link(name.db).name(), name.type, reply);
         value = objects.empty() ? std::optional<Value>() : std::move(objects.front().value);
         return RedisLink::Taken();
     };

@@ -70,7 +70,9 @@ TEST(ServerDrill, KilledAndRestartedFromItsFileWhileConfigurationChanges)
         rig.carry_out(lines[i]);
     }
     EXPECT_EQ(rig.picture_like(wanted), wanted);
-    EXPECT_GE(rig.returns(), 6u);
+    // The reader may be away from one kill to the next, as the operator comes
+    // back sooner, but it comes back with its four databases.
+    EXPECT_TRUE(rig.run_until([&] { return rig.returns() >= 4; }));
 }
 
 TEST(ServerDrill, StoppedForFiveSecondsDoesNotStopTheLoop)
@@ -148,7 +150,8 @@ TEST(ServerDrill, ReplicaTakesOverFromAKilledPrimaryUnderASentinel)
 {
     const std::string wanted = fault_free(base_lines + std::vector<std::string>{oui_line(1), oui_line(2)});
     const std::string ports[] = {free_port(), free_port(), free_port()};
-    RedisServer primary({"--port", ports[0], "--bind", "127.0.0.1"});
+    // Without the delay of 5 s in which a server gathers replicas.
+    RedisServer primary({"--port", ports[0], "--bind", "127.0.0.1", "--repl-diskless-sync-delay", "0"});
     RedisServer replica({"--port", ports[1], "--bind", "127.0.0.1", "--replicaof", "127.0.0.1 " + ports[0]});
     RedisServer sentinel({"--port", ports[2], "--bind", "127.0.0.1"},
                          {"sentinel monitor sw 127.0.0.1 " + ports[0] + " 1", "sentinel down-after-milliseconds sw 500",

@@ -1,5 +1,6 @@
 // What only a store in another process can meet: logins, values that somebody
 // else has put there, and what a reconnection finds.
+#include "platform/host/uv_loop.h"
 #include "platform/mom/redis_address.h"
 #include "platform/mom/store_redis.h"
 #include "tests/support/redis_server.h"
@@ -140,6 +141,69 @@ TEST_F(RedisStoreTest, ReconnectionTellsWhetherAnythingWasMissed)
     write("3");
     loop_.run_pending();
     EXPECT_EQ(events.told, (Lines{"lost", "missed"})) << "and has to be made again";
+}
+
+// On a real clock, where requests of one turn are on their way together.
+TEST_F(RedisStoreTest, WritesOfOneTurnKeepTheirOrderAndTheirOwnResults)
+{
+    const auto store = make("sw1:");
+    host::UvLoop loop;
+    Returns events;
+    const auto session = store->open(loop, events, "session");
+    ASSERT_EQ(session->connect_now(4), 0);
+    cli({"HSET", "sw1:#state", "count", std::to_string(database_object_count_max - 2)});
+    const auto note = [&](const std::string &what) {
+        return [&events, what](int result) { events.told.push_back(what + " " + std::to_string(result)); };
+    };
+    const auto write = [&](const char *key, Owner owner) {
+        EXPECT_EQ(session->write({4, "t.x", key}, {"v", {}}, WriteMode::replace, owner, note(key)), 0);
+    };
+    loop.post([&] {
+        EXPECT_EQ(session->watch(4, "t.x", {}), 0);
+        write("1", {});
+        write("2", {});
+        write("1", {});
+        write("3", {}); // there is room for two
+        write("2", {});
+        write("2", 7);
+        EXPECT_EQ(session->remove({4, "t.x", "1"}, {}, note("removed")), 0);
+        write("3", {});
+        EXPECT_EQ(session->watch(4, "t.x", [&](int) { loop.stop(); }), 0);
+    });
+    loop.run();
+    EXPECT_EQ(events.told, (Lines{"changed 1", "1 0", "changed 2", "2 0", "changed 1", "1 0", "3 -6", "changed 2",
+                                  "2 0", "changed 2", "2 0", "changed 1", "removed 0", "changed 3", "3 0"}));
+    EXPECT_EQ(cli({"HGET", "sw1:#state", "count"}), std::to_string(database_object_count_max) + "\n");
+}
+
+TEST_F(RedisStoreTest, AScanThatFindsNothingChangedSharesTheOneBefore)
+{
+    const auto store = make("sw1:");
+    host::UvLoop loop;
+    Returns events;
+    const auto session = store->open(loop, events, "session");
+    ASSERT_EQ(session->connect_now(4), 0);
+    std::vector<std::shared_ptr<Snapshot>> seen;
+    const Listed listed = [&](int, const std::shared_ptr<Snapshot> &snapshot) {
+        seen.push_back(snapshot);
+        if (seen.size() == 2) {
+            session->write({4, "t.x", "2"}, {"v", {}}, WriteMode::replace, {}, {});
+            session->scan(4, "t.x", [&](int, const std::shared_ptr<Snapshot> &later) {
+                seen.push_back(later);
+                loop.stop();
+            });
+        }
+    };
+    loop.post([&] {
+        session->write({4, "t.x", "1"}, {"v", {}}, WriteMode::replace, {}, {});
+        session->scan(4, "t.x", listed);
+        session->scan(4, "t.x", listed);
+    });
+    loop.run();
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0], seen[1]);
+    EXPECT_EQ(seen[1]->objects.size(), 1u);
+    EXPECT_EQ(seen[2]->objects.size(), 2u);
 }
 
 TEST(RedisAddress, AcceptsThreeFormsAndNamesWhatItRefuses)

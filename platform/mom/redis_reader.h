@@ -1,0 +1,40 @@
+// The objects in a server's replies.
+//
+// Values come from another process and are checked here as far as a store can:
+// their kind and their size. What does not pass is logged once with its key
+// and left out, so that one bad value costs one object.
+#pragma once
+
+#include "platform/mom/store.h"
+
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct redisReply;
+
+namespace vvl::mom
+{
+
+constexpr size_t redis_bad_values_logged_max = 256; // values that are remembered as logged
+
+// Fields of a keyless object, as the server's functions write them: for each
+// "NUMBER SIZE\n" and its bytes. False where the text is something else.
+bool parse_redis_fields(std::string_view text, FieldMap &fields);
+
+class RedisReader
+{
+  public:
+    // The objects of a read or a scan, by key; none where the reply is something
+    // else. link: its name, for log lines.
+    std::vector<Object> read(const std::string &link, const std::string &type, const redisReply &reply);
+
+  private:
+    bool read_value(const std::string &link, const std::string &type, const std::string &key, const redisReply &reply,
+                    Value &value);
+
+    std::set<std::string> bad_values_logged_;
+};
+
+} // namespace vvl::mom
