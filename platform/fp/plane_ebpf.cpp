@@ -6,6 +6,7 @@
 #include "platform/base/log.h"
 #include "platform/fp/ebpf/addresses.h"
 #include "platform/fp/ebpf/attach.h"
+#include "platform/fp/ebpf/counters.h"
 #include "platform/fp/ebpf/kernel.h"
 #include "platform/fp/ebpf/states.h"
 #include "platform/fp/error.h"
@@ -65,6 +66,7 @@ struct EbpfPlane::Impl {
     Impl &operator=(const Impl &) = delete;
 
     Loop &loop;
+    std::string pin_folder;
     KernelSide side;
     std::unique_ptr<States> states;
     PlaneState in_force;
@@ -76,6 +78,7 @@ struct EbpfPlane::Impl {
     LoopId timer = 0;
     uint32_t events_this_turn = 0;
 
+    uint32_t port_for(uint32_t phyid);
     vv_port &port(uint32_t index) { return side.shared().ports[index]; }
     bool may_write();
     int locate_all(const std::map<uint32_t, uint8_t> &binding);
@@ -89,7 +92,6 @@ struct EbpfPlane::Impl {
     void arm_tick();
     void tick();
     std::set<uint16_t> pvids() const;
-    vv_port_counters sum(uint32_t index) const;
 };
 
 // The states belong to one process; a second agent must not work against the first.
@@ -100,6 +102,20 @@ bool EbpfPlane::Impl::may_write()
         log_line(LogLevel::error, side.folder + ": another agent controls this plane");
     }
     return mine;
+}
+
+// The index of a port, made where it is new; VV_PORTS_MAX where all are in use.
+uint32_t EbpfPlane::Impl::port_for(uint32_t phyid)
+{
+    if (const uint32_t known = states->find_port(phyid); known < VV_PORTS_MAX) {
+        return known;
+    }
+    std::string why;
+    const UniqueFd turn = take_turn(pin_folder, why);
+    if (!turn) {
+        log_line(LogLevel::error, why);
+    }
+    return states->port_for(phyid);
 }
 
 // ---- Events ---------------------------------------------------------------
@@ -173,7 +189,7 @@ void EbpfPlane::Impl::tick()
 int EbpfPlane::Impl::locate_all(const std::map<uint32_t, uint8_t> &binding)
 {
     for (const auto &[phyid, acls] : binding) {
-        if (states->port_for(phyid) >= VV_PORTS_MAX) {
+        if (port_for(phyid) >= VV_PORTS_MAX) {
             return error_full;
         }
     }
@@ -220,22 +236,6 @@ std::set<uint16_t> EbpfPlane::Impl::pvids() const
     return all;
 }
 
-vv_port_counters EbpfPlane::Impl::sum(uint32_t index) const
-{
-    static_assert(sizeof(vv_port_counters) % sizeof(uint64_t) == 0);
-    constexpr size_t words = sizeof(vv_port_counters) / sizeof(uint64_t);
-    std::vector<uint64_t> per_cpu(words * static_cast<size_t>(libbpf_num_possible_cpus()));
-    uint64_t total[words] = {};
-    if (index < VV_PORTS_MAX && bpf_map_lookup_elem(side.port_counters.get(), &index, per_cpu.data()) == 0) {
-        for (size_t i = 0; i < per_cpu.size(); i++) {
-            total[i % words] += per_cpu[i];
-        }
-    }
-    vv_port_counters counters;
-    std::memcpy(&counters, total, sizeof counters);
-    return counters;
-}
-
 EbpfPlane::EbpfPlane(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 EbpfPlane::~EbpfPlane() = default;
@@ -243,6 +243,7 @@ EbpfPlane::~EbpfPlane() = default;
 std::unique_ptr<EbpfPlane> EbpfPlane::open(Loop &loop, const EbpfOptions &options, std::string &why)
 {
     auto impl = std::make_unique<Impl>(loop);
+    impl->pin_folder = options.pin_folder;
     if (!open_kernel_side(options.pin_folder, impl->side, why)) {
         return nullptr;
     }
@@ -270,7 +271,7 @@ int EbpfPlane::set_binding(uint32_t phyid, uint8_t acls)
     if (!impl_->may_write()) {
         return -EBUSY;
     }
-    if (impl_->states->port_for(phyid) >= VV_PORTS_MAX) {
+    if (impl_->port_for(phyid) >= VV_PORTS_MAX) {
         return error_full;
     }
     if (acls != 0) {
@@ -303,7 +304,7 @@ int EbpfPlane::replace_all(const PlaneState &state)
 
 int EbpfPlane::set_trap(uint32_t phyid, bool on)
 {
-    const uint32_t index = impl_->states->port_for(phyid);
+    const uint32_t index = impl_->port_for(phyid);
     if (index >= VV_PORTS_MAX) {
         return error_full;
     }
@@ -347,7 +348,7 @@ bool EbpfPlane::add_port(const PlanePort &port, std::string &why)
         why = name_of(port) + ": no such interface";
         return false;
     }
-    const uint32_t index = impl_->states->port_for(port.phyid);
+    const uint32_t index = impl_->port_for(port.phyid);
     if (index >= VV_PORTS_MAX) {
         why = name_of(port) + ": the plane has " + std::to_string(VV_PORTS_MAX) + " ports already";
         return false;
@@ -388,26 +389,17 @@ void EbpfPlane::remove_port(uint32_t phyid)
 
 PortCounters EbpfPlane::counters(uint32_t phyid) const
 {
-    const vv_port_counters sum = impl_->sum(impl_->states->find_port(phyid));
-    return {sum.in, sum.out, sum.trapped, sum.tagged, sum.remarked, sum.dropped};
+    return user_counters(read_port_counters(impl_->side, impl_->states->find_port(phyid)));
 }
 
 uint64_t EbpfPlane::events_lost(uint32_t phyid) const
 {
-    return impl_->sum(impl_->states->find_port(phyid)).events_lost;
+    return read_port_counters(impl_->side, impl_->states->find_port(phyid)).events_lost;
 }
 
 uint64_t EbpfPlane::ace_frames(Acl acl, uint64_t id) const
 {
-    std::vector<uint64_t> per_cpu(static_cast<size_t>(libbpf_num_possible_cpus()));
-    const auto index = static_cast<uint32_t>(VV_ACE_INDEX(static_cast<uint64_t>(acl), id));
-    uint64_t sum = 0;
-    if (id < VV_RANKS && bpf_map_lookup_elem(impl_->side.ace_counters.get(), &index, per_cpu.data()) == 0) {
-        for (const uint64_t count : per_cpu) {
-            sum += count;
-        }
-    }
-    return sum;
+    return read_ace_counter(impl_->side, acl, id);
 }
 
 bool ebpf_detach(const EbpfOptions &options, std::vector<std::string> &report, std::string &why)

@@ -67,6 +67,10 @@ class EbpfPlane final : public DataPlane
 // discipline that others use or made. report: one line per thing removed.
 bool ebpf_detach(const EbpfOptions &options, std::vector<std::string> &report, std::string &why);
 
+// The counters of what is pinned, whether or not an agent runs: one line per port,
+// and one per ACE that has acted.
+bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report, std::string &why);
+
 // What the plane needs of this machine, for the operator.
 struct EbpfFeature {
     std::string name;

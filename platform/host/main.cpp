@@ -112,6 +112,8 @@ int main(int argc, char **argv)
     add_check_config(app, code);
     add_plane_command(app, code, "check", "Show whether this machine has what --fp ebpf needs", check_plane);
     add_plane_command(app, code, "detach", "Take the ebpf plane off the interfaces", detach_plane);
+    add_plane_command(app, code, "counters", "Print the counters of the ebpf plane, per port and per ACE",
+                      show_counters);
     add_sim(app, code);
     try {
         app.parse(argc, argv);

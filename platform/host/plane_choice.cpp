@@ -29,6 +29,11 @@ bool detach_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &repor
     return fp::ebpf_detach(options, report, why);
 }
 
+bool count_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &report, std::string &why)
+{
+    return fp::ebpf_counters(options, report, why);
+}
+
 #else
 
 static constexpr const char *without_ebpf = "this vvland was built without the eBPF plane";
@@ -52,6 +57,12 @@ bool list_ebpf_features(const fp::EbpfOptions &, std::vector<fp::EbpfFeature> &,
 }
 
 bool detach_ebpf(const fp::EbpfOptions &, std::vector<std::string> &, std::string &why)
+{
+    why = without_ebpf;
+    return false;
+}
+
+bool count_ebpf(const fp::EbpfOptions &, std::vector<std::string> &, std::string &why)
 {
     why = without_ebpf;
     return false;

@@ -25,5 +25,6 @@ std::unique_ptr<PortLinks> follow_plane_interfaces(Switch &target, std::string &
 // this build is without it.
 bool list_ebpf_features(const fp::EbpfOptions &options, std::vector<fp::EbpfFeature> &features, std::string &why);
 bool detach_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &report, std::string &why);
+bool count_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &report, std::string &why);
 
 } // namespace vvl::host

@@ -44,6 +44,29 @@ void print_features(const std::vector<fp::EbpfFeature> &features)
     }
 }
 
+using Report = bool(const fp::EbpfOptions &options, std::vector<std::string> &report, std::string &why);
+
+int report_of(const PlaneCommandOptions &options, Report *make_report, const char *words_for_none)
+{
+    fp::EbpfOptions plane;
+    std::vector<std::string> report;
+    std::string why;
+    if (!find_plane(options, plane, why)) {
+        return fail(exit_refused, why);
+    }
+    const bool good = make_report(plane, report, why);
+    for (const std::string &line : report) {
+        std::printf("%s\n", line.c_str());
+    }
+    if (!good) {
+        return fail(exit_failed, why);
+    }
+    if (report.empty()) {
+        std::printf("%s\n", words_for_none);
+    }
+    return exit_good;
+}
+
 } // namespace
 
 int check_plane(const PlaneCommandOptions &options)
@@ -72,23 +95,12 @@ int check_plane(const PlaneCommandOptions &options)
 
 int detach_plane(const PlaneCommandOptions &options)
 {
-    fp::EbpfOptions plane;
-    std::vector<std::string> report;
-    std::string why;
-    if (!find_plane(options, plane, why)) {
-        return fail(exit_refused, why);
-    }
-    const bool good = detach_ebpf(plane, report, why);
-    for (const std::string &line : report) {
-        std::printf("%s\n", line.c_str());
-    }
-    if (!good) {
-        return fail(exit_failed, why);
-    }
-    if (report.empty()) {
-        std::printf("nothing was attached\n");
-    }
-    return exit_good;
+    return report_of(options, detach_ebpf, "nothing was attached");
+}
+
+int show_counters(const PlaneCommandOptions &options)
+{
+    return report_of(options, count_ebpf, "no port has been known yet");
 }
 
 } // namespace vvl::host

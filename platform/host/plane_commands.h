@@ -22,4 +22,8 @@ int check_plane(const PlaneCommandOptions &options);
 // failure on standard error; what was removed before it is printed all the same.
 int detach_plane(const PlaneCommandOptions &options);
 
+// Prints the plane's counters: one line per port, one per ACE that has acted.
+// Exit codes as above; exit_failed where no plane is there.
+int show_counters(const PlaneCommandOptions &options);
+
 } // namespace vvl::host

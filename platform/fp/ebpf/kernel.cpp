@@ -29,6 +29,7 @@ namespace
 {
 
 constexpr const char *usual_bpffs = "/sys/fs/bpf";
+constexpr uint32_t rules_max = VV_RULES_MAX;
 
 // A pinned object: its name in the folder, and where its descriptor is kept.
 struct Pin {
@@ -215,7 +216,7 @@ bool open_pins(KernelSide &side, bool writable, std::string &why)
         side.program_ids.push_back(id_of_program((side.*object.fd).get()));
     }
     if (!side.globals_memory.map(side.globals.get(), sizeof(vv_shared), writable) ||
-        !side.rules_memory.map(side.rules.get(), VV_RULES_MAX * sizeof(vv_rule), writable)) {
+        !side.rules_memory.map(side.rules.get(), rules_max * sizeof(vv_rule), writable)) {
         why = side.folder + ": its maps cannot be mapped: " + error_text(errno);
         return false;
     }
@@ -296,9 +297,8 @@ bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::stri
         return false;
     }
     // Two processes of one switch that start together open it one after the other.
-    const UniqueFd turn(open(pin_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!turn || flock(turn.get(), LOCK_EX) != 0) {
-        why = pin_folder + ": cannot be locked: " + error_text(errno);
+    const UniqueFd turn = take_turn(pin_folder, why);
+    if (!turn) {
         return false;
     }
     side.folder = layout_folder(pin_folder);
@@ -317,6 +317,16 @@ bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::stri
     side.folder = layout_folder(pin_folder);
     why.clear();
     return access(side.folder.c_str(), F_OK) == 0 && open_pins(side, false, why);
+}
+
+UniqueFd take_turn(const std::string &pin_folder, std::string &why)
+{
+    UniqueFd folder(open(pin_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || flock(folder.get(), LOCK_EX) != 0) {
+        why = pin_folder + ": cannot be locked: " + error_text(errno);
+        return UniqueFd();
+    }
+    return folder;
 }
 
 bool lock_states(KernelSide &side)

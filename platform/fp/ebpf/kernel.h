@@ -79,6 +79,10 @@ bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::stri
 // is, and with the reason where it cannot be read.
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
 
+// Keeps other processes of the switch out until the result goes; they wait.
+// Empty, with the reason, on failure.
+UniqueFd take_turn(const std::string &pin_folder, std::string &why);
+
 // Makes this process the one that writes states. False where another one is.
 bool lock_states(KernelSide &side);
 

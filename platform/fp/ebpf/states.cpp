@@ -83,6 +83,12 @@ void compile(std::span<const Rule> rules, vv_acl &acl, vv_rule *out)
     }
 }
 
+// The index of an ACL's rule of rank 0.
+size_t first_rule(size_t state, size_t acl)
+{
+    return VV_RULE_INDEX(state, acl, size_t{0});
+}
+
 uint64_t bind_word(uint32_t generation, uint16_t pvid, uint8_t acls)
 {
     return uint64_t{generation} << 32 | uint64_t{pvid} << 16 | acls;
@@ -107,10 +113,20 @@ States::States(vv_shared *shared, vv_rule *rules) : shared_(shared), rules_(rule
     }
 }
 
-uint32_t States::find_port(uint32_t phyid) const
+uint32_t States::find_port(uint32_t phyid)
 {
-    const auto found = port_by_phyid_.find(phyid);
-    return found != port_by_phyid_.end() ? found->second : VV_PORTS_MAX;
+    const auto known = port_by_phyid_.find(phyid);
+    if (known != port_by_phyid_.end()) {
+        return known->second;
+    }
+    // Another process of this switch may have made it.
+    const std::span<const vv_port> ports(shared_->ports);
+    const auto found = std::ranges::find_if(
+        ports, [&](const vv_port &port) { return (port.flags & VV_PORT_USED) != 0 && port.phyid == phyid; });
+    if (found == ports.end()) {
+        return VV_PORTS_MAX;
+    }
+    return port_by_phyid_[phyid] = static_cast<uint32_t>(found - ports.begin());
 }
 
 uint32_t States::port_for(uint32_t phyid)
@@ -178,7 +194,7 @@ int States::replace_all(const PlaneState &to)
     const uint32_t next = (shared_->active + 1) % VV_STATES;
     vv_state &state = shared_->states[next];
     for (size_t i = 0; i < acl_count; i++) {
-        compile(to.rules[i], state.acls[i], &rules_[VV_RULE_INDEX(next, i, 0)]);
+        compile(to.rules[i], state.acls[i], &rules_[first_rule(next, i)]);
     }
     const uint32_t generation = next_generation();
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
@@ -204,7 +220,7 @@ PlaneState States::installed() const
     PlaneState out;
     const vv_state &state = active();
     for (size_t i = 0; i < acl_count; i++) {
-        const vv_rule *rules = &rules_[VV_RULE_INDEX(shared_->active % VV_STATES, i, 0)];
+        const vv_rule *rules = &rules_[first_rule(shared_->active % VV_STATES, i)];
         for (uint32_t rank = 0; rank < state.acls[i].count && rank < VV_RANK_NONE; rank++) {
             out.rules[i].push_back(user_rule(rules[rank]));
         }

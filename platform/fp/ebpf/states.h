@@ -24,11 +24,11 @@ class States
     // shared and rules (VV_RULES_MAX) outlive this.
     States(vv_shared *shared, vv_rule *rules);
 
-    // The index of a physical port, made where it is new; VV_PORTS_MAX where
-    // VV_PORTS_MAX are in use.
+    // The index of a physical port; VV_PORTS_MAX where there is none.
+    uint32_t find_port(uint32_t phyid);
+    // The same, made where it is new; VV_PORTS_MAX where all are in use. A port
+    // is new to one process at a time; see take_turn.
     uint32_t port_for(uint32_t phyid);
-    // The same of a port that there is; VV_PORTS_MAX where there is none.
-    uint32_t find_port(uint32_t phyid) const;
 
     // Puts a state into force instead of the one that is, in one step. Rules
     // are such that check_rules accepts them; ports were all made before.

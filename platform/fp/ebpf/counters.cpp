@@ -1,0 +1,99 @@
+#include "platform/fp/ebpf/counters.h"
+
+#include "platform/fp/ace.h"
+#include "platform/fp/plane_ebpf.h"
+
+#include <array>
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <cstring>
+#include <net/if.h>
+#include <vector>
+
+namespace vvl::fp
+{
+namespace
+{
+
+// Sums a value of words over the processors; zero where there is none.
+template <typename Value> Value read_sum(const UniqueFd &map, uint32_t index)
+{
+    constexpr size_t words = sizeof(Value) / 8;
+    static_assert(sizeof(std::array<uint64_t, words>) == sizeof(Value));
+    std::vector<uint64_t> per_cpu(words * static_cast<size_t>(libbpf_num_possible_cpus()));
+    std::array<uint64_t, words> total{};
+    if (bpf_map_lookup_elem(map.get(), &index, per_cpu.data()) == 0) {
+        for (size_t i = 0; i < per_cpu.size(); i++) {
+            total[i % words] += per_cpu[i];
+        }
+    }
+    Value value;
+    std::memcpy(&value, total.data(), sizeof value);
+    return value;
+}
+
+std::string port_line(const KernelSide &side, uint32_t index)
+{
+    const vv_port &port = side.shared().ports[index];
+    const vv_port_counters counters = read_port_counters(side, index);
+    std::array<char, IF_NAMESIZE> name{"-"};
+    if_indextoname(port.ifindex, name.data());
+    std::string line = "port " + std::to_string(port.phyid) + " (" + name.data() + ")";
+    const std::pair<const char *, uint64_t> columns[] = {{"in", counters.in},
+                                                         {"out", counters.out},
+                                                         {"tagged", counters.tagged},
+                                                         {"remarked", counters.remarked},
+                                                         {"dropped", counters.dropped},
+                                                         {"trapped", counters.trapped},
+                                                         {"not reported", counters.events_lost}};
+    for (const auto &[word, count] : columns) {
+        line += std::string(", ") + std::to_string(count) + " " + word;
+    }
+    return line;
+}
+
+} // namespace
+
+vv_port_counters read_port_counters(const KernelSide &side, uint32_t index)
+{
+    return read_sum<vv_port_counters>(side.port_counters, index);
+}
+
+PortCounters user_counters(const vv_port_counters &counters)
+{
+    return {counters.in, counters.out, counters.trapped, counters.tagged, counters.remarked, counters.dropped};
+}
+
+uint64_t read_ace_counter(const KernelSide &side, Acl acl, uint64_t id)
+{
+    const auto index = static_cast<uint32_t>(VV_ACE_INDEX(static_cast<uint64_t>(acl), id));
+    return id < VV_RANKS ? read_sum<uint64_t>(side.ace_counters, index) : 0;
+}
+
+bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report, std::string &why)
+{
+    KernelSide side;
+    if (!view_kernel_side(options.pin_folder, side, why)) {
+        if (why.empty()) {
+            why = options.pin_folder + ": nothing is pinned there";
+        }
+        return false;
+    }
+    for (uint32_t index = 0; index < VV_PORTS_MAX; index++) {
+        if (side.shared().ports[index].flags & VV_PORT_USED) {
+            report.push_back(port_line(side, index));
+        }
+    }
+    for (size_t i = 0; i < acl_count; i++) {
+        const Acl acl = static_cast<Acl>(i);
+        for (uint64_t id = 1; id <= FP_UDP_ACE_COUNT_MAX; id++) {
+            if (const uint64_t frames = read_ace_counter(side, acl, id); frames != 0) {
+                report.push_back("ACL " + std::string(app_type_of(acl)) + " ACE " + std::to_string(id) + ", " +
+                                 std::to_string(frames) + " frames");
+            }
+        }
+    }
+    return true;
+}
+
+} // namespace vvl::fp

@@ -1,0 +1,19 @@
+// The counters of the kernel's programs, summed over the processors.
+#pragma once
+
+#include "platform/fp/ebpf/kernel.h"
+#include "platform/fp/plane.h"
+
+#include <cstdint>
+
+namespace vvl::fp
+{
+
+// Of a port's index; zero for VV_PORTS_MAX.
+vv_port_counters read_port_counters(const KernelSide &side, uint32_t index);
+PortCounters user_counters(const vv_port_counters &counters);
+
+// Frames that an ACE acted on; zero for an id that cannot be.
+uint64_t read_ace_counter(const KernelSide &side, Acl acl, uint64_t id);
+
+} // namespace vvl::fp

@@ -1,0 +1,88 @@
+/* The maps and globals of the kernel's half, and the ways into them. */
+#ifndef VVLAN_FP_EBPF_MAPS_BPF_H
+#define VVLAN_FP_EBPF_MAPS_BPF_H
+
+#include <linux/bpf.h>
+#include <linux/pkt_cls.h>
+#include <stdbool.h>
+
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+#include "platform/fp/ebpf/layout.h"
+
+struct vv_shared vv;
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, VV_RULES_MAX);
+    __type(key, __u32);
+    __type(value, struct vv_rule);
+} rules SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(max_entries, VV_SEEN_MAX);
+    __type(key, __u64);
+    __type(value, struct vv_seen);
+} seen SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct vv_cache);
+} cache SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, VV_PORTS_MAX);
+    __type(key, __u32);
+    __type(value, struct vv_port_counters);
+} port_counters SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, VV_ACLS *VV_RANKS);
+    __type(key, __u32);
+    __type(value, __u64);
+} ace_counters SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_RINGBUF);
+    __uint(max_entries, VV_EVENTS_SIZE);
+} events SEC(".maps");
+
+#define once(variable) (*(volatile __typeof__(variable) *)&(variable))
+
+/* The verifier forgets what it knew of an index that the compiler has kept on
+ * the stack; the compiler must therefore not leave out the mask. */
+static __always_inline __u32 within(__u32 index, __u32 mask)
+{
+    asm volatile("" : "+r"(index));
+    return index & mask;
+}
+
+static __always_inline struct vv_port *port_at(__u32 index)
+{
+    return &vv.ports[within(index, VV_PORTS_MAX - 1)];
+}
+
+static __always_inline __u64 bind_of(const struct vv_state *state, __u32 index)
+{
+    return once(state->bind[within(index, VV_PORTS_MAX - 1)]);
+}
+
+/* The index of an interface's port, or VV_PORTS_MAX. */
+static __always_inline __u32 port_of(__u32 ifindex)
+{
+    for (int i = 0; i < VV_IFINDEX_PROBES; i++) {
+        __u64 place = once(vv.places[(ifindex + i) & (VV_IFINDEX_PLACES - 1)]);
+        if (place >> 32 == ifindex)
+            return (__u32)place & (VV_PORTS_MAX - 1);
+    }
+    return VV_PORTS_MAX;
+}
+
+#endif
