@@ -1,5 +1,6 @@
 // A port is attached once for each interface that has its name: the kernel has
-// forgotten what was attached to one that is gone.
+// forgotten what was attached to one that is gone. Where agent and sides are
+// processes of their own, the agent's attaches; the sides follow the links alone.
 #include "platform/host/port_links.h"
 
 #include "platform/base/log.h"
@@ -61,13 +62,14 @@ class WatchedLinks final : public PortLinks
 
     void changed(Port &port, const sides::LinkState &state)
     {
+        const bool attaches = target_.config().has_agent;
         if (state.ifindex == 0) {
             log(LogLevel::warn, *port.config, "the interface is gone");
-            target_.detach_port(port.config->ifx);
+            attaches ? target_.detach_port(port.config->ifx) : target_.set_port_link(port.config->ifx, false);
             port.attached = false;
             return;
         }
-        const bool is_new = !port.attached;
+        const bool is_new = attaches && !port.attached;
         std::string why;
         if (is_new && !target_.attach_port(port.config->ifx, why)) {
             log_line(LogLevel::error, why);
