@@ -177,7 +177,7 @@ bool renew_programs(KernelSide &side, std::string &why)
     };
     for (const auto &[program, fd] : programs) {
         const std::string path = side.folder + "/" + program.name;
-        const std::string fresh = path + ".new";
+        const std::string fresh = path + "-new"; // a BPF file system takes no dots
         unlink(fresh.c_str());
         if (!pin(fd, fresh, why)) {
             return false;
@@ -281,6 +281,7 @@ bool prepare_pin_folder(const std::string &pin_folder, std::string &why)
     std::filesystem::create_directories(pin_folder, failed);
     if (failed) {
         why = pin_folder + ": cannot be made: " + failed.message();
+        why += pin_folder.find('.') != std::string::npos ? " (a BPF file system takes no dots)" : "";
         return false;
     }
     if (!is_bpffs(pin_folder)) {

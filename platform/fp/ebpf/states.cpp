@@ -105,7 +105,7 @@ States::States(vv_shared *shared, vv_rule *rules) : shared_(shared), rules_(rule
 {
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
         vv_port &entry = shared_->ports[port];
-        if ((entry.flags & VV_PORT_USED) && entry.ifindex == 0 && VV_BIND_BOUND(active().bind[port]) == 0) {
+        if (entry.flags == VV_PORT_USED && entry.ifindex == 0 && VV_BIND_BOUND(active().bind[port]) == 0) {
             entry = {}; // left over from a port that nobody has any more
         } else if (entry.flags & VV_PORT_USED) {
             port_by_phyid_[entry.phyid] = port;

@@ -1,7 +1,7 @@
 // What the plane in the kernel has beyond the contract of all planes: it
 // outlives the agent, it takes the tag off again towards a phone that does not
 // tag, and it leaves alone what others have put on its interfaces.
-#include "platform/fp/ebpf/layout.h"
+#include "platform/fp/ebpf/kernel.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
 #include <cstdio>
@@ -67,6 +67,30 @@ TEST_F(EbpfTest, NextAgentTakesOverWhatTheLastOneLeft)
     EXPECT_EQ(4u, rig_->ebpf().ace_frames(Acl::voice, 5));
     EXPECT_EQ(4, trapped_); // the first frame's too, which nobody had read
     EXPECT_EQ(std::vector<uint16_t>({voice_vlan}), seen_in_);
+}
+
+// As after an upgrade: the maps stay, the programs change places at the interfaces.
+TEST_F(EbpfTest, ProgramsOfAnotherVersionAreReplacedInTheirPlace)
+{
+    const Sent before = rig_->send(1, from_phone());
+    std::string why;
+    KernelSide side;
+    ASSERT_TRUE(open_kernel_side(isolated_pin_folder(), side, why)) << why;
+    const std::vector<uint32_t> earlier = side.program_ids;
+    side.shared().build++;
+    rig_->restart_agent();
+    EXPECT_EQ(state_, rig_->plane().installed());
+    EXPECT_EQ(before, rig_->send(1, from_phone()));
+
+    KernelSide renewed;
+    ASSERT_TRUE(open_kernel_side(isolated_pin_folder(), renewed, why)) << why;
+    for (size_t i = 0; i < earlier.size(); i++) {
+        EXPECT_NE(earlier[i], renewed.program_ids[i]);
+        const std::string hook = i == 0 ? "ingress" : "egress";
+        EXPECT_EQ(0, std::system(("tc filter show dev port1 " + hook + " | grep -q ' id " +
+                                  std::to_string(renewed.program_ids[i]) + " '")
+                                     .c_str()));
+    }
 }
 
 // More changes than there are states, so that each is filled again.
