@@ -192,7 +192,8 @@ void make_nft_rules(const char *interface)
     rules << "table netdev bench {\n chain ingress {\n  type filter hook ingress device "
           << interface << " priority 0; policy accept;\n";
     for (const fp::Rule &rule : state_with(1).rules[0]) {
-        rules << "  ether saddr & " << to_text(rule.mask) << " == " << to_text(rule.mac) << " ip dscp set 46 counter fwd to uplink\n";
+        rules << "  ether saddr & " << to_text(rule.mask) << " == " << to_text(rule.mac)
+              << " ip dscp set 46 counter fwd to uplink\n";
     }
     rules << "  fwd to uplink\n }\n}\n";
     rules.close();

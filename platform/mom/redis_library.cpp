@@ -327,10 +327,14 @@ local function finish(_, args)
 end
 
 -- state PREFIX DB [ID]: {sequence, id of the data set}. With an ID, a data set
--- that has none gets this one.
+-- that has none gets this one, and "= ID" is published: behind it every change
+-- has a higher number.
 local function state(_, args)
     local key = args[1] .. '#state'
-    if args[3] then redis.call('HSETNX', key, 'id', args[3]) end
+    if args[3] then
+        redis.call('HSETNX', key, 'id', args[3])
+        redis.call('PUBLISH', args[1] .. '#' .. args[2], '= ' .. args[3])
+    end
     local found = redis.call('HMGET', key, 'seq', 'id')
     return {tonumber(found[1] or '0'), found[2] or ''}
 end

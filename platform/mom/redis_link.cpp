@@ -171,8 +171,9 @@ void RedisLink::subscribe()
     changes_->send({"SUBSCRIBE", server_.prefix + "#" + db_text_}, [this](const redisReply &reply) {
         if (state_ == State::connecting && reply.type == REDIS_REPLY_ARRAY && reply.elements == 3 &&
             text_of(*reply.element[0]) == "subscribe") {
-            const std::string id = std::to_string(random_()) + "-" + std::to_string(random_());
-            requests_->send({"FCALL", "vvlan2_state", "0", server_.prefix, db_text_, id},
+            fence_ = std::to_string(random_()) + "-" + std::to_string(random_());
+            start_.reset();
+            requests_->send({"FCALL", "vvlan2_state", "0", server_.prefix, db_text_, fence_},
                             [this](const redisReply &answer) { read_state(answer); });
         } else {
             take_message(reply);
@@ -189,9 +190,20 @@ void RedisLink::read_state(const redisReply &reply)
     const std::string id(text_of(*reply.element[1]));
     const auto number = static_cast<uint64_t>(reply.element[0]->integer);
     if (state_ == State::connecting) {
-        come_up(id, number);
+        start_ = {id, number};
+        come_up_when_complete();
     } else if (id != data_set_ || number < replied_) {
         fail("the data set was replaced");
+    }
+}
+
+// With the state's answer, and with the message that the server published when it
+// was asked: behind that one every change has a higher number, however the two
+// connections take turns here.
+void RedisLink::come_up_when_complete()
+{
+    if (start_ && fence_.empty()) {
+        come_up(start_->first, start_->second);
     }
 }
 

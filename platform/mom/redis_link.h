@@ -146,6 +146,7 @@ class RedisLink
     void introduce();
     void subscribe();
     void read_state(const redisReply &reply);
+    void come_up_when_complete();
     void come_up(const std::string &data_set, uint64_t number);
     void send_authentication(RedisConnection &connection);
     void expect_good(const redisReply &reply, const char *step);
@@ -193,8 +194,10 @@ class RedisLink
     std::mt19937_64 random_;
 
     // Which data set, run of the server and place in its line of changes.
-    std::string run_id_;        // as the server has just said
-    std::string run_id_before_; // when the link was up last
+    std::string fence_; // the message that ends the changes before the state's answer; empty when it has come
+    std::optional<std::pair<std::string, uint64_t>> start_; // data set and number of the state's answer
+    std::string run_id_;                                    // as the server has just said
+    std::string run_id_before_;                             // when the link was up last
     std::string data_set_;
     uint64_t received_ = 0; // number of the last change that came
     uint64_t known_ = 0;    // of the last one that is known to exist

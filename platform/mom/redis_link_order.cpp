@@ -63,8 +63,19 @@ void RedisLink::expect_change(uint64_t number)
 
 void RedisLink::take_message(const redisReply &reply)
 {
-    const bool is_message = reply.type == REDIS_REPLY_ARRAY && reply.elements == 3 && reply.element[2]->str != nullptr;
-    if (!is_message || !take_changes({reply.element[2]->str, static_cast<size_t>(reply.element[2]->len)})) {
+    if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 3 || reply.element[2]->str == nullptr) {
+        fail(not_a_message);
+        return;
+    }
+    const std::string_view text(reply.element[2]->str, static_cast<size_t>(reply.element[2]->len));
+    if (text.starts_with("= ")) { // somebody comes up
+        if (state_ == State::connecting && text.substr(2) == fence_) {
+            fence_.clear();
+            come_up_when_complete();
+        }
+        return;
+    }
+    if (!take_changes(text)) {
         fail(not_a_message);
         return;
     }

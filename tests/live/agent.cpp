@@ -32,7 +32,9 @@ Agent::Agent(unsigned port_count) : config_(redis_.folder() + "/vvland.conf")
 
 Agent::~Agent()
 {
-    finish_configuring();
+    if (control_ != 0) {
+        waitpid(control_, nullptr, 0);
+    }
     kill();
 }
 

@@ -6,8 +6,13 @@
 #include "tests/support/redis_server.h"
 #include "tests/unit/mom/store_harness.h"
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <cstdio>
 #include <fstream>
 
 namespace vvl::mom
@@ -104,13 +109,44 @@ TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
     detach(&ctx);
 }
 
-// What a session is told when the connection of a client is killed.
+// What a session is told of its links.
 struct Returns final : SessionEvents {
     void link_lost(uint32_t) override { told.push_back("lost"); }
     void link_back(uint32_t, bool missed) override { told.push_back(missed ? "missed" : "complete"); }
     void changed(const Change &change) override { told.push_back("changed " + change.name.key); }
     Lines told;
 };
+
+// Changes that were made before a client has come up may reach it afterwards.
+TEST_F(RedisStoreTest, ConnectingWhileOthersWriteIsNoLoss)
+{
+    LogCapture log;
+    pid_t writer = 0;
+    for (int i = 0; i < 300; i++) {
+        host::UvLoop loop;
+        const auto store = make("sw1:");
+        Returns events;
+        const auto session = store->open(loop, events, "session");
+        ASSERT_EQ(session->connect_now(4), 0);
+        loop.add_timer(1000, [&] { loop.stop(); });
+        loop.run();
+        EXPECT_EQ(events.told, Lines{});
+        if (i == 0) { // what it calls is there now
+            const std::string socket = server_.socket();
+            writer = fork();
+            if (writer == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                std::freopen("/dev/null", "w", stdout);
+                execlp("redis-cli", "redis-cli", "-s", socket.c_str(), "-n", "4", "-r", "-1", "FCALL", "vvlan2_write",
+                       "0", "sw1:", "4", "t.x", "", "1", "v", nullptr);
+                _exit(127);
+            }
+        }
+    }
+    EXPECT_EQ(log.count("is lost"), 0u);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+}
 
 TEST_F(RedisStoreTest, ReconnectionTellsWhetherAnythingWasMissed)
 {
