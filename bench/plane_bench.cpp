@@ -13,6 +13,7 @@
 #include "platform/fp/ebpf/layout.h"
 #include "platform/fp/plane_ebpf.h"
 #include "tests/live/network.h"
+#include "tests/support/own_network.h"
 #include "tests/unit/fp/frames.h"
 
 #include <bpf/bpf.h>
@@ -197,7 +198,7 @@ void make_nft_rules(const char *interface)
     }
     rules << "  fwd to uplink\n }\n}\n";
     rules.close();
-    live::shell("nft -f " + file + " && rm " + file);
+    test::run_command("nft -f " + file + " && rm " + file);
 }
 
 // Devices behind one port: eight telephones of vendors all over the list, and as
@@ -268,7 +269,7 @@ void run()
     const uint32_t key = 0;
     const uint32_t target = if_nametoindex("uplink");
     bpf_map_update_elem(bpf_object__find_map_fd_by_name(programs.object(), "target"), &key, &target, BPF_ANY);
-    live::shell("tc filter del dev far ingress");
+    test::run_command("tc filter del dev far ingress");
     attach(programs.fd("bench_sink"), "far");
     attach(programs.fd("bench_redirect"), "acc1");
     attach(programs.fd("bench_plane_redirect"), "acc2");
@@ -280,7 +281,7 @@ void run()
 
 int main()
 {
-    if (const std::string why = live::obstacle(); !why.empty()) {
+    if (const std::string &why = test::enter_own_network(); !why.empty()) {
         std::fprintf(stderr, "bench: plane: %s\n", why.c_str());
         return 2;
     }

@@ -9,6 +9,7 @@
 // and with 77 where it cannot run here.
 #include "tests/live/agent.h"
 #include "tests/live/network.h"
+#include "tests/support/own_network.h"
 
 #include <algorithm>
 #include <chrono>
@@ -304,7 +305,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: drill restart|reconfigure [COUNT]\n");
         return 2;
     }
-    if (const std::string why = vvl::live::obstacle(); !why.empty()) {
+    if (const std::string why = vvl::test::enter_own_network(); !why.empty()) {
         std::printf("drill: skipped: %s\n", why.c_str());
         return vvl::live::exit_skipped;
     }

@@ -1,5 +1,6 @@
 #include "tests/live/network.h"
 
+#include "tests/support/own_network.h"
 #include "tests/unit/fp/frames.h"
 
 #include <algorithm>
@@ -8,13 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
-#include <sched.h>
 #include <stdexcept>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,18 +49,6 @@ fp::test::Bytes frame_of(const Sender &sender)
 
 } // namespace
 
-std::string obstacle()
-{
-    return geteuid() == 0 ? "" : "not root: no network namespace can be made and no program loaded";
-}
-
-void shell(const std::string &command)
-{
-    if (std::system(command.c_str()) != 0) {
-        throw std::runtime_error("failed: " + command);
-    }
-}
-
 std::string to_text(const Treatment &treatment)
 {
     const std::string marked =
@@ -72,22 +58,21 @@ std::string to_text(const Treatment &treatment)
 
 Network::Network(unsigned port_count) : checker_(bpf_object__open_file(VVLAN_CHECKER_OBJECT, nullptr))
 {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("bpf", "/sys/fs/bpf", "bpf", 0, nullptr) != 0) {
-        fail("namespaces");
+    using test::run_command;
+    if (const std::string &why = test::enter_own_network(); !why.empty()) {
+        throw std::runtime_error(why);
     }
-    std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
-    shell("ip link set lo up && ip link add br0 type bridge && ip link set br0 up");
-    shell("ip link add uplink type veth peer name far && ip link set uplink master br0 up && ip link set far up");
+    run_command("ip link set lo up && ip link add br0 type bridge && ip link set br0 up");
+    run_command("ip link add uplink type veth peer name far && ip link set uplink master br0 up && ip link set far up");
     for (unsigned port = 1; port <= port_count; port++) {
         const std::string access = "acc" + std::to_string(port);
         const std::string sender = sender_interface(port);
-        shell("ip link add " + access + " type veth peer name " + sender + " && ip link set " + access +
-              " master br0 up && ip link set " + sender + " up");
+        run_command("ip link add " + access + " type veth peer name " + sender + " && ip link set " + access +
+                    " master br0 up && ip link set " + sender + " up");
     }
     // Known, so that frames go to the uplink alone.
-    shell(std::string("bridge fdb add ") + server + " dev uplink master static");
-    shell("tc qdisc add dev far clsact");
+    run_command(std::string("bridge fdb add ") + server + " dev uplink master static");
+    run_command("tc qdisc add dev far clsact");
     if (bpf_object__load(checker_.get()) != 0) {
         fail("checker");
     }

@@ -1,7 +1,7 @@
-// A switch's surroundings on this machine: a network namespace of the process's
-// own with a Linux bridge, access ports whose other ends send, and an uplink
-// whose other end counts how every frame was treated. All of it ends with the
-// process.
+// A switch's surroundings on this machine: in the process's own network namespace
+// (tests/support/own_network.h) a Linux bridge, access ports whose other ends
+// send, and an uplink whose other end counts how every frame was treated. All of
+// it ends with the process.
 #pragma once
 
 #include "platform/base/mac.h"
@@ -19,12 +19,6 @@
 
 namespace vvl::live
 {
-
-// Why this cannot run here; empty where it can.
-std::string obstacle();
-
-// Runs a shell command; throws std::runtime_error with it where it fails.
-void shell(const std::string &command);
 
 struct Treatment {
     unsigned vid = 0; // 0: no tag

@@ -1,33 +1,41 @@
-// A network namespace of the test's own, for tests with real interfaces. It goes
-// with the process.
+// A network namespace and a BPF file system of the process's own, for what is
+// tested on real interfaces. They go with the process.
 #pragma once
-
-#include <gtest/gtest.h>
-
-#include <sched.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sched.h>
+#include <stdexcept>
 #include <string>
+#include <sys/mount.h>
 
-namespace vvl
+namespace vvl::test
 {
 
-class OwnNetwork : public testing::Test
+// Moves the process there, with its first call. Returns the reason where it may
+// not, which is one to leave a test out; empty otherwise.
+inline const std::string &enter_own_network()
 {
-  protected:
-    void SetUp() override
-    {
-        if (unshare(CLONE_NEWNET) != 0) {
-            GTEST_SKIP() << "needs root for a network namespace of its own: " << std::strerror(errno);
+    static const std::string why = []() -> std::string {
+        if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("bpf", "/sys/fs/bpf", "bpf", 0, nullptr) != 0) {
+            return std::string("needs root, for namespaces and a BPF file system of its own: ") + std::strerror(errno);
         }
-    }
+        // No frames but the test's.
+        std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
+        return "";
+    }();
+    return why;
+}
 
-    static void ip(const std::string &arguments)
-    {
-        ASSERT_EQ(std::system(("ip " + arguments).c_str()), 0) << arguments;
+inline void run_command(const std::string &command)
+{
+    if (std::system(command.c_str()) != 0) {
+        throw std::runtime_error("failed: " + command);
     }
-};
+}
 
-} // namespace vvl
+} // namespace vvl::test

@@ -7,7 +7,6 @@
 
 #include <net/if.h>
 #include <random>
-#include <unistd.h>
 
 namespace vvl::fp::test
 {
@@ -85,8 +84,8 @@ Bytes random_frame(Dice &dice)
 
 TEST(EbpfDifferential, KernelAndClassifierTreatEveryFrameAlike)
 {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "not root: no network namespace can be made and no program loaded";
+    if (const std::string &why = vvl::test::enter_own_network(); !why.empty()) {
+        GTEST_SKIP() << why;
     }
     Dice dice(20261123);
     EbpfRig rig(true);

@@ -3,15 +3,9 @@
 #include "platform/fp/ebpf/layout.h"
 
 #include <bpf/bpf.h>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <linux/pkt_cls.h>
 #include <net/if.h>
-#include <sched.h>
 #include <stdexcept>
-#include <sys/mount.h>
 #include <unistd.h>
 
 namespace vvl::fp::test
@@ -21,30 +15,14 @@ namespace
 
 EbpfOptions options()
 {
-    return {.pin_folder = isolated_pin_folder()};
+    return {.pin_folder = pin_folder};
 }
 
 } // namespace
 
 std::unique_ptr<Rig> make_ebpf_rig(bool tag_in_metadata)
 {
-    return geteuid() == 0 ? std::make_unique<EbpfRig>(tag_in_metadata) : nullptr;
-}
-
-const std::string &isolated_pin_folder()
-{
-    static const std::string folder = [] {
-        const std::string mounted = "/sys/fs/bpf";
-        if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
-            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("bpf", mounted.c_str(), "bpf", 0, nullptr) != 0) {
-            ADD_FAILURE() << "no namespaces of our own: " << std::strerror(errno);
-        }
-        // No frames but the test's.
-        std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
-        return mounted + "/plane";
-    }();
-    return folder;
+    return vvl::test::enter_own_network().empty() ? std::make_unique<EbpfRig>(tag_in_metadata) : nullptr;
 }
 
 std::string make_interface(uint32_t phyid)
@@ -53,14 +31,14 @@ std::string make_interface(uint32_t phyid)
     const std::string command = "ip link add " + name + " type veth peer name peer" + std::to_string(phyid) +
                                 " && ip link set " + name + " up && ip link set peer" + std::to_string(phyid) + " up";
     if (if_nametoindex(name.c_str()) == 0) {
-        EXPECT_EQ(0, std::system(command.c_str())) << command;
+        vvl::test::run_command(command);
     }
     return name;
 }
 
 Probe::Probe() : object_(bpf_object__open_file(VVLAN_PROBE_OBJECT, nullptr))
 {
-    const std::string pins = isolated_pin_folder() + "/layout-" + std::to_string(VV_LAYOUT) + "/";
+    const std::string pins = std::string(pin_folder) + "/layout-" + std::to_string(VV_LAYOUT) + "/";
     bpf_map *map = nullptr;
     bpf_object__for_each_map(map, object_.get())
     {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "platform/fp/plane_ebpf.h"
+#include "tests/support/own_network.h"
 #include "tests/unit/fp/plane_fixture.h"
 
 #include <bpf/libbpf.h>
@@ -14,8 +15,7 @@
 namespace vvl::fp::test
 {
 
-// Moves the process into its own namespaces, once. Returns the pin folder.
-const std::string &isolated_pin_folder();
+constexpr const char *pin_folder = "/sys/fs/bpf/plane";
 
 // Makes the interface "port<phyid>" and returns its name.
 std::string make_interface(uint32_t phyid);

@@ -28,8 +28,8 @@ class EbpfTest : public ::testing::Test, public PlaneEvents
   protected:
     void SetUp() override
     {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "not root: no network namespace can be made and no program loaded";
+        if (const std::string &why = vvl::test::enter_own_network(); !why.empty()) {
+            GTEST_SKIP() << why;
         }
         rig_ = std::make_unique<EbpfRig>(true);
         state_.rules[0] = {voice_tag_rule(5)};
@@ -75,7 +75,7 @@ TEST_F(EbpfTest, ProgramsOfAnotherVersionAreReplacedInTheirPlace)
     const Sent before = rig_->send(1, from_phone());
     std::string why;
     KernelSide side;
-    ASSERT_TRUE(open_kernel_side(isolated_pin_folder(), side, why)) << why;
+    ASSERT_TRUE(open_kernel_side(pin_folder, side, why)) << why;
     const std::vector<uint32_t> earlier = side.program_ids;
     side.shared().build++;
     rig_->restart_agent();
@@ -83,7 +83,7 @@ TEST_F(EbpfTest, ProgramsOfAnotherVersionAreReplacedInTheirPlace)
     EXPECT_EQ(before, rig_->send(1, from_phone()));
 
     KernelSide renewed;
-    ASSERT_TRUE(open_kernel_side(isolated_pin_folder(), renewed, why)) << why;
+    ASSERT_TRUE(open_kernel_side(pin_folder, renewed, why)) << why;
     for (size_t i = 0; i < earlier.size(); i++) {
         EXPECT_NE(earlier[i], renewed.program_ids[i]);
         const std::string hook = i == 0 ? "ingress" : "egress";
@@ -163,16 +163,16 @@ TEST_F(EbpfTest, DetachTakesOffOnlyWhatIsOurs)
     ASSERT_TRUE(rig_->plane().add_port({.phyid = 77, .interface = "port77"}, why)) << why;
     ASSERT_EQ(0, std::system("tc filter add dev port2 egress u32 match u32 0 0"));
     std::vector<std::string> report;
-    EXPECT_TRUE(ebpf_detach({.pin_folder = isolated_pin_folder()}, report, why)) << why;
+    EXPECT_TRUE(ebpf_detach({.pin_folder = pin_folder}, report, why)) << why;
     EXPECT_EQ(6u, report.size()); // five interfaces and the pins
     const auto has = [](const std::string &what) { return std::system(("tc " + what + " | grep -q .").c_str()) == 0; };
     EXPECT_TRUE(has("filter show dev port77 ingress"));
     EXPECT_FALSE(has("filter show dev port77 egress"));
     EXPECT_TRUE(has("filter show dev port2 egress"));
     EXPECT_FALSE(has("qdisc show dev port1 | grep clsact"));
-    EXPECT_NE(0, access(isolated_pin_folder().c_str(), F_OK));
+    EXPECT_NE(0, access(pin_folder, F_OK));
     report.clear();
-    EXPECT_TRUE(ebpf_detach({.pin_folder = isolated_pin_folder()}, report, why)) << why;
+    EXPECT_TRUE(ebpf_detach({.pin_folder = pin_folder}, report, why)) << why;
     EXPECT_TRUE(report.empty());
     std::system("ip link delete port77; ip link delete port2");
 }
@@ -181,7 +181,7 @@ TEST_F(EbpfTest, SecondAgentAndStrangersAreRefused)
 {
     VirtualLoop loop;
     std::string why;
-    const auto second = EbpfPlane::open(loop, {.pin_folder = isolated_pin_folder()}, why);
+    const auto second = EbpfPlane::open(loop, {.pin_folder = pin_folder}, why);
     ASSERT_NE(nullptr, second) << why;
     EXPECT_EQ(state_, second->installed()); // to read is free
     EXPECT_GT(0, second->set_binding(1, 0));

@@ -102,7 +102,7 @@ class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneE
     void SetUp() override
     {
         if (rig_ == nullptr) {
-            GTEST_SKIP() << "not root: no network namespace can be made and no program loaded";
+            GTEST_SKIP() << "needs root, for namespaces and programs in the kernel";
         }
         rig_->plane().set_events(this);
     }

@@ -5,7 +5,7 @@
 #include "platform/base/virtual_loop.h"
 #include "platform/mom/store.h"
 #include "platform/mom/store_local.h"
-#include "tests/support/own_network.h"
+#include "tests/support/own_network_fixture.h"
 
 using namespace vvl;
 using namespace vvl::host;
@@ -36,7 +36,7 @@ class TellingPlane final : public fp::DataPlane
     std::string &told_;
 };
 
-class PortLinksTest : public OwnNetwork
+class PortLinksTest : public test::OwnNetwork
 {
   protected:
     PortLinksTest()

@@ -2,7 +2,7 @@
 #include "platform/sides/link_watch.h"
 
 #include "platform/base/virtual_loop.h"
-#include "tests/support/own_network.h"
+#include "tests/support/own_network_fixture.h"
 
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -15,7 +15,7 @@ using namespace vvl::sides;
 namespace
 {
 
-class LinkWatchTest : public OwnNetwork
+class LinkWatchTest : public test::OwnNetwork
 {
   protected:
     void start()
