@@ -48,6 +48,13 @@ std::vector<uint8_t> whole_frame(const vv_trapped &trapped)
     return frame;
 }
 
+// Agent and sides may be processes of their own, each with flags of its own.
+void set_flag(vv_port &port, uint32_t flag, bool on)
+{
+    on ? __atomic_fetch_or(&port.flags, flag, __ATOMIC_RELAXED)
+       : __atomic_fetch_and(&port.flags, ~flag, __ATOMIC_RELAXED);
+}
+
 std::string name_of(const PlanePort &port)
 {
     return "port " + std::to_string(port.phyid) + " (" + port.interface + ")";
@@ -78,7 +85,7 @@ struct EbpfPlane::Impl {
     LoopId timer = 0;
     uint32_t events_this_turn = 0;
 
-    uint32_t port_for(uint32_t phyid);
+    uint32_t port_for(uint32_t phyid, const std::map<uint32_t, uint8_t> *binding = nullptr);
     vv_port &port(uint32_t index) { return side.shared().ports[index]; }
     bool may_write();
     int locate_all(const std::map<uint32_t, uint8_t> &binding);
@@ -105,7 +112,8 @@ bool EbpfPlane::Impl::may_write()
 }
 
 // The index of a port, made where it is new; VV_PORTS_MAX where all are in use.
-uint32_t EbpfPlane::Impl::port_for(uint32_t phyid)
+// binding: what is about to be wanted, beside what is.
+uint32_t EbpfPlane::Impl::port_for(uint32_t phyid, const std::map<uint32_t, uint8_t> *binding)
 {
     if (const uint32_t known = states->find_port(phyid); known < VV_PORTS_MAX) {
         return known;
@@ -115,7 +123,9 @@ uint32_t EbpfPlane::Impl::port_for(uint32_t phyid)
     if (!turn) {
         log_line(LogLevel::error, why);
     }
-    return states->port_for(phyid);
+    return states->port_for(phyid, [&](uint32_t other) {
+        return wanted.binding.contains(other) || (binding != nullptr && binding->contains(other));
+    });
 }
 
 // ---- Events ---------------------------------------------------------------
@@ -189,7 +199,7 @@ void EbpfPlane::Impl::tick()
 int EbpfPlane::Impl::locate_all(const std::map<uint32_t, uint8_t> &binding)
 {
     for (const auto &[phyid, acls] : binding) {
-        if (port_for(phyid) >= VV_PORTS_MAX) {
+        if (port_for(phyid, &binding) >= VV_PORTS_MAX) {
             return error_full;
         }
     }
@@ -310,8 +320,7 @@ int EbpfPlane::set_trap(uint32_t phyid, bool on)
     }
     vv_port &port = impl_->port(index);
     port.trap_count = 0;
-    const uint32_t flags = on ? port.flags | VV_PORT_TRAP : port.flags & ~VV_PORT_TRAP;
-    __atomic_store_n(&port.flags, flags, __ATOMIC_RELAXED);
+    set_flag(port, VV_PORT_TRAP, on);
     return 0;
 }
 
@@ -364,7 +373,9 @@ bool EbpfPlane::add_port(const PlanePort &port, std::string &why)
         impl_->states->remove_interface(index);
         return false;
     }
-    impl_->port(index).flags |= made_clsact ? VV_PORT_MADE_CLSACT : 0;
+    if (made_clsact) {
+        set_flag(impl_->port(index), VV_PORT_MADE_CLSACT, true);
+    }
     return true;
 }
 
@@ -383,7 +394,7 @@ void EbpfPlane::remove_port(uint32_t phyid)
     if (index < VV_PORTS_MAX) {
         set_link(phyid, false);
         impl_->states->remove_interface(index);
-        impl_->port(index).flags &= ~VV_PORT_MADE_CLSACT;
+        set_flag(impl_->port(index), VV_PORT_MADE_CLSACT, false);
     }
 }
 

@@ -104,11 +104,8 @@ uint32_t first_place(uint32_t ifindex, uint32_t probe)
 States::States(vv_shared *shared, vv_rule *rules) : shared_(shared), rules_(rules)
 {
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
-        vv_port &entry = shared_->ports[port];
-        if (entry.flags == VV_PORT_USED && entry.ifindex == 0 && VV_BIND_BOUND(active().bind[port]) == 0) {
-            entry = {}; // left over from a port that nobody has any more
-        } else if (entry.flags & VV_PORT_USED) {
-            port_by_phyid_[entry.phyid] = port;
+        if (shared_->ports[port].flags & VV_PORT_USED) {
+            port_by_phyid_[shared_->ports[port].phyid] = port;
         }
     }
 }
@@ -129,18 +126,35 @@ uint32_t States::find_port(uint32_t phyid)
     return port_by_phyid_[phyid] = static_cast<uint32_t>(found - ports.begin());
 }
 
-uint32_t States::port_for(uint32_t phyid)
+// A free one; failing that, one of a port that was taken out of the configuration:
+// neither bound nor trapped, without an interface, and nobody is about to bind it.
+uint32_t States::find_place(const IsNeeded &is_needed) const
+{
+    uint32_t left_over = VV_PORTS_MAX;
+    for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
+        const vv_port &entry = shared_->ports[port];
+        if ((entry.flags & VV_PORT_USED) == 0) {
+            return port;
+        }
+        if (entry.flags == VV_PORT_USED && entry.ifindex == 0 && VV_BIND_BOUND(active().bind[port]) == 0 &&
+            !is_needed(entry.phyid)) {
+            left_over = port;
+        }
+    }
+    return left_over;
+}
+
+uint32_t States::port_for(uint32_t phyid, const IsNeeded &is_needed)
 {
     if (const uint32_t known = find_port(phyid); known < VV_PORTS_MAX) {
         return known;
     }
-    vv_port *const end = shared_->ports + VV_PORTS_MAX;
-    vv_port *const place =
-        std::find_if(shared_->ports, end, [](const vv_port &port) { return (port.flags & VV_PORT_USED) == 0; });
-    if (place == end) {
+    const uint32_t port = find_place(is_needed);
+    if (port >= VV_PORTS_MAX) {
         return VV_PORTS_MAX;
     }
-    const auto port = static_cast<uint32_t>(place - shared_->ports);
+    vv_port *const place = &shared_->ports[port];
+    port_by_phyid_.erase(place->phyid);
     *place = {};
     place->phyid = phyid;
     store_bind(port, 1, 0);
@@ -177,8 +191,9 @@ int States::carry_over(const PlaneState &from, const PlaneState &to)
         return replace_all(to);
     }
     for (const auto &[phyid, acls] : changed) {
-        const uint32_t port = port_for(phyid);
-        store_bind(port, VV_BIND_PVID(active().bind[port]), acls);
+        if (const uint32_t port = find_port(phyid); port < VV_PORTS_MAX) {
+            store_bind(port, VV_BIND_PVID(active().bind[port]), acls);
+        }
     }
     return 0;
 }
@@ -201,7 +216,9 @@ int States::replace_all(const PlaneState &to)
         state.bind[port] = bind_word(generation, VV_BIND_PVID(active().bind[port]), 0);
     }
     for (const auto &[phyid, acls] : to.binding) {
-        state.bind[port_for(phyid)] |= acls;
+        if (const uint32_t port = find_port(phyid); port < VV_PORTS_MAX) {
+            state.bind[port] |= acls;
+        }
     }
     free_states_--;
     __atomic_store_n(&shared_->active, next, __ATOMIC_RELEASE);

@@ -11,6 +11,7 @@
 #include "platform/fp/rule.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <span>
 #include <string>
@@ -27,8 +28,10 @@ class States
     // The index of a physical port; VV_PORTS_MAX where there is none.
     uint32_t find_port(uint32_t phyid);
     // The same, made where it is new; VV_PORTS_MAX where all are in use. A port
-    // is new to one process at a time; see take_turn.
-    uint32_t port_for(uint32_t phyid);
+    // is new to one process at a time; see take_turn. Where there is no room, the
+    // place of a port that has nothing any more is taken, if it is not needed.
+    using IsNeeded = std::function<bool(uint32_t phyid)>;
+    uint32_t port_for(uint32_t phyid, const IsNeeded &is_needed);
 
     // Puts a state into force instead of the one that is, in one step. Rules
     // are such that check_rules accepts them; ports were all made before.
@@ -43,6 +46,7 @@ class States
     void remove_interface(uint32_t port);
 
   private:
+    uint32_t find_place(const IsNeeded &is_needed) const;
     int replace_all(const PlaneState &state);
     vv_state &active() const { return shared_->states[shared_->active % VV_STATES]; }
     void store_bind(uint32_t port, uint16_t pvid, uint8_t acls);

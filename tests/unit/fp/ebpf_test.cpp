@@ -2,6 +2,7 @@
 // outlives the agent, it takes the tag off again towards a phone that does not
 // tag, and it leaves alone what others have put on its interfaces.
 #include "platform/fp/ebpf/kernel.h"
+#include "platform/fp/error.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
 #include <cstdio>
@@ -106,6 +107,22 @@ TEST_F(EbpfTest, EveryStateIsReusedWhole)
         EXPECT_EQ(Sent({{uplink, marked}}), rig_->send(1, frame));
         EXPECT_EQ(Sent({{uplink, i % 2 == 0 ? marked : frame}}), rig_->send(2, frame));
     }
+}
+
+TEST_F(EbpfTest, PlacesOfPortsThatNobodyHasAnyMoreAreTakenAgain)
+{
+    const uint32_t first = 1000;
+    uint32_t next = first;
+    while (rig_->plane().set_binding(next, all_acls) == 0) {
+        next++;
+    }
+    EXPECT_EQ(VV_PORTS_MAX, static_cast<int>(next - first + std::size(ports_under_test)));
+    EXPECT_EQ(error_full, rig_->plane().set_trap(next, true));
+    rig_->advance(0);
+    ASSERT_EQ(0, rig_->plane().set_binding(first, 0));
+    rig_->advance(0);
+    EXPECT_EQ(0, rig_->plane().set_trap(next, true));
+    EXPECT_EQ(error_full, rig_->plane().set_binding(first, all_acls));
 }
 
 TEST_F(EbpfTest, FramesLeaveABoundPortAsItsDeviceTalks)
