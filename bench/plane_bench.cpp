@@ -14,6 +14,7 @@
 #include "platform/fp/plane_ebpf.h"
 #include "tests/live/network.h"
 #include "tests/support/own_network.h"
+#include "tests/support/pinned_maps.h"
 #include "tests/unit/fp/frames.h"
 
 #include <bpf/bpf.h>
@@ -79,21 +80,7 @@ class Programs
   public:
     Programs() : object_(bpf_object__open_file(VVLAN_BENCH_OBJECT, nullptr))
     {
-        const std::string pins = std::string(pin_folder) + "/layout-" + std::to_string(VV_LAYOUT) + "/";
-        bpf_map *map = nullptr;
-        bpf_object__for_each_map(map, object_.get())
-        {
-            const std::string name = bpf_map__name(map);
-            const bool is_globals = name.find(".bss") != std::string::npos;
-            const int fd = bpf_obj_get((pins + (is_globals ? "globals" : name)).c_str());
-            if (fd >= 0) {
-                bpf_map__reuse_fd(map, fd);
-                close(fd);
-            }
-        }
-        if (bpf_object__load(object_.get()) != 0) {
-            throw std::runtime_error("the benchmark's programs cannot be loaded");
-        }
+        test::load_with_pinned_maps(object_.get(), pin_folder);
     }
 
     int fd(const char *name) const { return bpf_program__fd(bpf_object__find_program_by_name(object_.get(), name)); }

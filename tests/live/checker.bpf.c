@@ -16,9 +16,6 @@ struct {
     __type(value, __u64);
 } treatments SEC(".maps");
 
-/* Frames that found no room in the table above. */
-__u64 uncounted;
-
 SEC("tc")
 int checker(struct __sk_buff *skb)
 {
@@ -38,8 +35,8 @@ int checker(struct __sk_buff *skb)
     __u64 *count = bpf_map_lookup_elem(&treatments, &treatment);
     if (count)
         ++*count;
-    else if (bpf_map_update_elem(&treatments, &treatment, &one, BPF_ANY) != 0)
-        __sync_fetch_and_add(&uncounted, 1);
+    else
+        bpf_map_update_elem(&treatments, &treatment, &one, BPF_ANY);
     return TC_ACT_SHOT;
 }
 

@@ -105,20 +105,6 @@ Counts Network::counts() const
     return counts;
 }
 
-uint64_t Network::uncounted() const
-{
-    uint64_t value = 0;
-    const uint32_t key = 0;
-    bpf_map *map = nullptr;
-    bpf_object__for_each_map(map, checker_.get())
-    {
-        if (std::string(bpf_map__name(map)).find(".bss") != std::string::npos) {
-            bpf_map_lookup_elem(bpf_map__fd(map), &key, &value);
-        }
-    }
-    return value;
-}
-
 // A port's sending end: one frame of each of its senders in turn.
 struct Traffic::Outlet {
     std::vector<fp::test::Bytes> frames;
@@ -174,8 +160,16 @@ Traffic::Traffic(const std::vector<Sender> &senders)
 
 Traffic::~Traffic()
 {
+    stop();
+}
+
+uint64_t Traffic::stop()
+{
     stopping_ = true;
-    thread_.join();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    return sent_;
 }
 
 void Traffic::run()

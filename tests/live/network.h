@@ -38,7 +38,6 @@ class Network
     explicit Network(unsigned port_count);
 
     Counts counts() const; // since the network was made
-    uint64_t uncounted() const;
     static std::string sender_interface(unsigned port) { return "gen" + std::to_string(port); }
 
   private:
@@ -65,14 +64,14 @@ class Traffic
     Traffic(const Traffic &) = delete;
     Traffic &operator=(const Traffic &) = delete;
 
-    uint64_t sent() const { return sent_; }
+    uint64_t stop(); // returns how many were sent
 
   private:
     struct Outlet;
     void run();
 
     std::vector<std::unique_ptr<Outlet>> outlets_;
-    std::atomic<uint64_t> sent_ = 0;
+    uint64_t sent_ = 0; // the thread's, until it has ended
     std::atomic<bool> stopping_ = false;
     std::thread thread_;
 };

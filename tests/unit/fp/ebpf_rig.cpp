@@ -1,6 +1,6 @@
 #include "tests/unit/fp/ebpf_rig.h"
 
-#include "platform/fp/ebpf/layout.h"
+#include "tests/support/pinned_maps.h"
 
 #include <bpf/bpf.h>
 #include <linux/pkt_cls.h>
@@ -38,17 +38,7 @@ std::string make_interface(uint32_t phyid)
 
 Probe::Probe() : object_(bpf_object__open_file(VVLAN_PROBE_OBJECT, nullptr))
 {
-    const std::string pins = std::string(pin_folder) + "/layout-" + std::to_string(VV_LAYOUT) + "/";
-    bpf_map *map = nullptr;
-    bpf_object__for_each_map(map, object_.get())
-    {
-        const std::string name = bpf_map__name(map);
-        const bool globals = name.find(".bss") != std::string::npos;
-        const int fd = bpf_obj_get((pins + (globals ? "globals" : name)).c_str());
-        EXPECT_EQ(0, bpf_map__reuse_fd(map, fd)) << name;
-        close(fd);
-    }
-    EXPECT_EQ(0, bpf_object__load(object_.get()));
+    vvl::test::load_with_pinned_maps(object_.get(), pin_folder);
     ingress_ = bpf_program__fd(bpf_object__find_program_by_name(object_.get(), "probe_ingress"));
     egress_ = bpf_program__fd(bpf_object__find_program_by_name(object_.get(), "probe_egress"));
 }
