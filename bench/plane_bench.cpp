@@ -11,7 +11,7 @@
 #include "bench/times.h"
 #include "platform/base/virtual_loop.h"
 #include "platform/fp/ebpf/layout.h"
-#include "platform/fp/plane_ebpf.h"
+#include "platform/fp/ebpf/plane_ebpf.h"
 #include "tests/live/network.h"
 #include "tests/support/own_network.h"
 #include "tests/support/pinned_maps.h"

@@ -10,11 +10,11 @@
 // writes on their way. Two other peers are for comparison: one whose
 // transactions count their writes too, and one that gathers writes in a
 // transaction as the store gathers those of one turn of the loop in a call.
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "platform/host/switch.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/keys.h"
-#include "platform/mom/store_redis.h"
+#include "platform/mom/redis/store_redis.h"
 #include "tests/support/redis_server.h"
 
 #include "p_bridge.pb-c.h"

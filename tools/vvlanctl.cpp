@@ -4,11 +4,11 @@
 // Every line is checked before the first one is written, and the program ends
 // well only when the store has answered for each of them.
 #include "platform/host/run.h"
-#include "platform/host/sim/command.h"
-#include "platform/host/sim/operator.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/keys.h"
-#include "platform/mom/store_redis.h"
+#include "platform/mom/redis/store_redis.h"
+#include "platform/operator/command.h"
+#include "platform/operator/operator.h"
 
 #include <CLI/CLI.hpp>
 

@@ -5,8 +5,8 @@
 // lacks shows only at its end, and is reported at the section's own line.
 #include "platform/host/config.h"
 
+#include "platform/base/number.h"
 #include "platform/host/agent.h"
-#include "platform/host/number.h"
 
 #include <algorithm>
 #include <cctype>

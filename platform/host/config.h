@@ -6,9 +6,9 @@
 #pragma once
 
 #include "platform/base/log.h"
-#include "platform/fp/plane_ebpf.h"
+#include "platform/fp/ebpf/options.h"
 #include "platform/host/switch.h"
-#include "platform/mom/store_redis.h"
+#include "platform/mom/redis/address.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -3,7 +3,7 @@
 // An argument description decides how the handler is called: one with "void"
 // takes nothing, one with NAME=%d a single int. Anything else is refused at
 // registration, since a handler called through the wrong type is undefined.
-#include "platform/host/number.h"
+#include "platform/base/number.h"
 #include "platform/host/services.h"
 
 #include <cctype>

@@ -1,7 +1,11 @@
 // A build without the eBPF plane has the same functions, which say so.
 #include "platform/host/plane_choice.h"
 
-#include "platform/fp/plane_soft.h"
+#ifdef VVLAN_HAS_EBPF
+#    include "platform/fp/ebpf/counters.h"
+#    include "platform/fp/ebpf/plane_ebpf.h"
+#endif
+#include "platform/fp/soft/plane_soft.h"
 
 namespace vvl::host
 {

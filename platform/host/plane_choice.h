@@ -2,6 +2,7 @@
 // the one in the kernel is there where the build has found its libraries.
 #pragma once
 
+#include "platform/fp/ebpf/features.h"
 #include "platform/host/config.h"
 #include "platform/host/port_links.h"
 

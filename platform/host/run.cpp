@@ -6,9 +6,10 @@
 
 #include "platform/host/logging.h"
 #include "platform/host/plane_choice.h"
-#include "platform/host/startup.h"
 #include "platform/host/uv_loop.h"
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
+#include "platform/mom/redis/store_redis.h"
+#include "platform/operator/startup.h"
 
 #include <csignal>
 #include <cstdio>
@@ -39,8 +40,14 @@ bool stop_on_signals(UvLoop &loop, std::string &why)
 // Reads the configuration and the start-up file that it names.
 bool read_input(const std::string &config_file, HostConfig &config, Startup &startup, std::string &why)
 {
-    return read_config(config_file, config, why) &&
-           (config.startup.empty() || startup.read(config.startup, config.network.ports, why));
+    if (!read_config(config_file, config, why)) {
+        return false;
+    }
+    std::vector<uint32_t> ports;
+    for (const SwitchPort &port : config.network.ports) {
+        ports.push_back(port.ifx);
+    }
+    return config.startup.empty() || startup.read(config.startup, ports, why);
 }
 
 bool take_plane_options(const RunOptions &options, HostConfig &config, std::string &why)
@@ -105,7 +112,7 @@ bool run_switch(const HostConfig &config, const Startup &startup, std::string &w
     if (!stop_on_signals(loop, why) || !target.start(why)) {
         return false;
     }
-    const auto client = startup.run(target, why);
+    const auto client = startup.run(target.store(), loop, why);
     if (client == nullptr) {
         return false;
     }

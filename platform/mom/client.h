@@ -7,6 +7,7 @@
 #pragma once
 
 #include "platform/base/loop.h"
+#include "platform/mom/client_types.h"
 #include "tq_mom.h"
 
 #include <cstddef>
@@ -17,18 +18,6 @@ namespace vvl::mom
 {
 
 class Store; // store.h
-
-// Limits and constants of a client.
-constexpr size_t subscription_count_max = 64; // one more is refused with TQ_MOM_E_MEMORY
-constexpr int32_t reconnect_complete = 1;     // reconnect callback's type: nothing was missed
-constexpr int32_t reconnect_missed = 2;       // changes may have been missed
-
-struct ClientCounters {
-    uint64_t delivered = 0;         // records given to callbacks
-    uint64_t callback_failures = 0; // callbacks of any kind that returned non-zero
-    uint64_t refused = 0;           // calls that returned non-zero, and reads that failed
-    uint64_t malformed = 0;         // stored objects that could not be built and were passed over
-};
 
 // Makes ctx a client of the store. name is used in log lines. store and loop
 // must outlive the client. Returns 0, or TQ_MOM_E_INVALID where ctx is null or

@@ -7,7 +7,7 @@
 // is logged once with its key and never delivered.
 #pragma once
 
-#include "platform/mom/client.h"
+#include "platform/mom/client_types.h"
 #include "platform/mom/keys.h"
 
 #include <set>

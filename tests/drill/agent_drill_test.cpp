@@ -5,7 +5,7 @@
 // killed agents leave behind must be what one agent would have left that was
 // never killed, and a new agent must make the same tables and plane of it.
 #include "platform/host/services.h"
-#include "platform/mom/store_redis.h"
+#include "platform/mom/redis/store_redis.h"
 #include "platform/sides/bridge_side.h"
 #include "platform/sides/fan_out.h"
 #include "platform/sides/packet_side.h"

@@ -1,6 +1,6 @@
 #include "tests/drill/rig.h"
 
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
 
 #include <gtest/gtest.h>
 

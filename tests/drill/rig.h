@@ -3,11 +3,11 @@
 // forwarding plane and what the store holds.
 #pragma once
 
-#include "platform/fp/plane_soft.h"
-#include "platform/host/sim/operator.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "platform/host/switch.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/store.h"
+#include "platform/operator/operator.h"
 
 #include <functional>
 #include <memory>

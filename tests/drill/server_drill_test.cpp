@@ -1,7 +1,7 @@
 // Drills with a server that dies, hangs, loses its data or is replaced. After
 // each the switch must look as if nothing had happened, and hold every line
 // that the store has answered for.
-#include "platform/mom/store_redis.h"
+#include "platform/mom/redis/store_redis.h"
 #include "tests/drill/proxy.h"
 #include "tests/drill/rig.h"
 #include "tests/support/redis_server.h"

@@ -4,7 +4,7 @@
 // fault and the one without go through the same steps and the same time.
 #include "tests/fault/scenario_run.h"
 
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
 
 #include "tests/fault/calls.h"
 

@@ -6,8 +6,8 @@
 // that asks the host to finish, is started anew, and the fault is over then.
 #pragma once
 
-#include "platform/host/sim/runner.h"
-#include "platform/host/sim/scenario.h"
+#include "platform/sim/runner.h"
+#include "platform/sim/scenario.h"
 #include "tests/fault/snapshot.h"
 
 #include <functional>

@@ -4,8 +4,8 @@
 // and what the rewrites say about its header is what it then holds.
 #include "platform/base/log.h"
 #include "platform/base/virtual_loop.h"
-#include "platform/fp/frame.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/frame.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "tests/fuzz/plane_rules.h"
 
 namespace vvl::test

@@ -1,6 +1,6 @@
 // The scenario parser on any text, with the whole grammar: it refuses and keeps
 // nothing, or what it returns are commands in the order of the file.
-#include "platform/host/sim/runner.h"
+#include "platform/sim/runner.h"
 #include "tests/fuzz/memory_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -1,4 +1,4 @@
-#include "platform/host/sim/capture.h"
+#include "platform/sim/capture.h"
 #include "tests/scenario/temp_folder.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "platform/host/sim/runner.h"
+#include "platform/sim/runner.h"
 
 #include <gtest/gtest.h>
 

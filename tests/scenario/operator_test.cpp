@@ -1,8 +1,8 @@
-#include "platform/host/sim/operator.h"
+#include "platform/operator/operator.h"
 
 #include "platform/base/virtual_loop.h"
 #include "platform/mom/keys.h"
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
 
 #include "p_bridge.pb-c.h"
 

@@ -1,5 +1,5 @@
-#include "platform/host/sim/runner.h"
-#include "platform/host/sim/scenario.h"
+#include "platform/sim/runner.h"
+#include "platform/sim/scenario.h"
 #include "tests/scenario/temp_folder.h"
 
 #include <gtest/gtest.h>

@@ -4,7 +4,7 @@
 #include "p_bridge.pb-c.h"
 #include "platform/mom/client.h"
 #include "platform/mom/keys.h"
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
 #include "tests/walk/model.h"
 #include "u_bridge.pb-c.h"
 #include "udp_vvlan_glb_cfg.h"

@@ -7,7 +7,7 @@
 
 #include "platform/base/virtual_loop.h"
 #include "platform/fp/manager.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "platform/host/agent.h"
 #include "platform/mom/store.h"
 #include "tests/walk/objects.h"

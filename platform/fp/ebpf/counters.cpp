@@ -1,7 +1,6 @@
 #include "platform/fp/ebpf/counters.h"
 
 #include "platform/fp/ace.h"
-#include "platform/fp/plane_ebpf.h"
 
 #include <array>
 #include <bpf/bpf.h>

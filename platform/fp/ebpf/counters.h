@@ -2,9 +2,12 @@
 #pragma once
 
 #include "platform/fp/ebpf/kernel.h"
+#include "platform/fp/ebpf/options.h"
 #include "platform/fp/plane.h"
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace vvl::fp
 {
@@ -15,5 +18,9 @@ PortCounters user_counters(const vv_port_counters &counters);
 
 // Frames that an ACE acted on; zero for an id that cannot be.
 uint64_t read_ace_counter(const KernelSide &side, Acl acl, uint64_t id);
+
+// The counters of what is pinned, whether or not an agent runs: one line per port,
+// and one per ACE that has acted.
+bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report, std::string &why);
 
 } // namespace vvl::fp

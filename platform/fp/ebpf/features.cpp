@@ -1,7 +1,8 @@
 // What this machine offers, tried out rather than derived from its version.
+#include "platform/fp/ebpf/features.h"
+
 #include "platform/fp/ebpf/attach.h"
 #include "platform/fp/ebpf/kernel.h"
-#include "platform/fp/plane_ebpf.h"
 
 #include <bpf/libbpf.h>
 #include <cerrno>

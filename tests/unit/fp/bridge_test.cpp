@@ -1,5 +1,5 @@
 // The bridge behind the ACLs: where frames go, and what is learned from them.
-#include "platform/fp/mac_table.h"
+#include "platform/fp/soft/mac_table.h"
 #include "tests/unit/fp/plane_fixture.h"
 
 namespace vvl::fp::test

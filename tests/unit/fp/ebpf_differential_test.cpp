@@ -1,6 +1,6 @@
 // Both planes give the same answer: random rule sets, and random and mutated
 // frames, through the programs in the kernel and through run_acls.
-#include "platform/fp/pipeline.h"
+#include "platform/fp/soft/pipeline.h"
 #include "tests/fuzz/byte_reader.h"
 #include "tests/fuzz/plane_rules.h"
 #include "tests/unit/fp/ebpf_rig.h"

@@ -4,7 +4,7 @@
 // is not part of it: what an access port takes in leaves at the uplink.
 #pragma once
 
-#include "platform/fp/plane_ebpf.h"
+#include "platform/fp/ebpf/plane_ebpf.h"
 #include "tests/support/own_network.h"
 #include "tests/unit/fp/plane_fixture.h"
 

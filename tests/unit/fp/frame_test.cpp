@@ -1,6 +1,6 @@
 // Header reading and rewriting: every form, every length, and checksums judged
 // by recomputing them.
-#include "platform/fp/frame.h"
+#include "platform/fp/soft/frame.h"
 #include "tests/unit/fp/frames.h"
 
 #include <gtest/gtest.h>

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "platform/base/virtual_loop.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "tests/unit/fp/frames.h"
 
 #include <gtest/gtest.h>

@@ -3,11 +3,11 @@
 // lets time pass afterwards.
 #include "platform/base/log.h"
 #include "platform/base/virtual_loop.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "platform/host/agent.h"
 #include "platform/host/services.h"
+#include "platform/mom/local/store_local.h"
 #include "platform/mom/store.h"
-#include "platform/mom/store_local.h"
 
 #include <gtest/gtest.h>
 

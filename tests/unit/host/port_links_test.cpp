@@ -3,8 +3,8 @@
 
 #include "platform/base/log.h"
 #include "platform/base/virtual_loop.h"
+#include "platform/mom/local/store_local.h"
 #include "platform/mom/store.h"
-#include "platform/mom/store_local.h"
 #include "tests/support/own_network_fixture.h"
 
 using namespace vvl;

@@ -1,9 +1,9 @@
 // The switch as a whole: starting, stopping and starting again.
 #include "platform/base/virtual_loop.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "platform/host/services.h"
 #include "platform/host/switch.h"
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
 #include "tests/unit/mom/store_harness.h"
 
 #include "platform/mom/keys.h"
-#include "platform/mom/store_local.h"
+#include "platform/mom/local/store_local.h"
 #ifdef VVLAN_REDIS
-#    include "platform/mom/store_redis.h"
+#    include "platform/mom/redis/store_redis.h"
 #    include "tests/support/redis_server.h"
 #endif
 

@@ -1,8 +1,8 @@
 // What only a store in another process can meet: logins, values that somebody
 // else has put there, and what a reconnection finds.
 #include "platform/host/uv_loop.h"
-#include "platform/mom/redis_address.h"
-#include "platform/mom/store_redis.h"
+#include "platform/mom/redis/address.h"
+#include "platform/mom/redis/store_redis.h"
 #include "tests/support/redis_server.h"
 #include "tests/unit/mom/store_harness.h"
 

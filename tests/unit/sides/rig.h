@@ -3,12 +3,12 @@
 #pragma once
 
 #include "platform/base/virtual_loop.h"
-#include "platform/fp/plane_soft.h"
+#include "platform/fp/soft/plane_soft.h"
 #include "platform/host/services.h"
 #include "platform/mom/client.h"
 #include "platform/mom/keys.h"
+#include "platform/mom/local/store_local.h"
 #include "platform/mom/messages.h"
-#include "platform/mom/store_local.h"
 
 #include "s_bridge.pb-c.h"
 #include "u_bridge.pb-c.h"

@@ -1,0 +1,246 @@
+// The global configuration is one object shared by several settings, so each
+// setting writes its own field and leaves the others alone; OUIs and ports are
+// objects of their own and are written whole.
+#include "platform/operator/operator.h"
+
+#include "p_bridge.pb-c.h"
+
+namespace vvl::host
+{
+namespace
+{
+
+constexpr uint32_t db_config = 4;
+
+// Field numbers of p_bridge.vvlan_glb_cfg.
+constexpr uint32_t field_switch = 5;
+constexpr uint32_t field_security = 6;
+constexpr uint32_t field_age = 7;
+constexpr uint32_t field_qos = 8;
+
+bool succeed(int rv, const std::string &object, std::string &why)
+{
+    if (rv == 0) {
+        return true;
+    }
+    const std::string reason = rv == TQ_MOM_E_UNREACHABLE ? "the store cannot be reached"
+                                                          : "the store refused it (" + std::to_string(rv) + ")";
+    why = object + ": " + reason;
+    return false;
+}
+
+} // namespace
+
+Operator::Operator(mom::Store &store, Loop &loop) : store_(store), loop_(loop) {}
+
+Operator::~Operator()
+{
+    if (attached_) {
+        mom::detach(&client_);
+    }
+}
+
+bool Operator::connect(std::string &why)
+{
+    int rv = mom::attach(&client_, store_, loop_, "operator");
+    attached_ = rv == 0;
+    if (rv == 0) {
+        rv = tq_mom_client_connect_sync(&client_, db_config);
+    }
+    return succeed(rv, "database " + std::to_string(db_config), why);
+}
+
+int Operator::on_answer(void *, tq_mom_record_t *record, void *user)
+{
+    auto &self = *static_cast<Operator *>(user);
+    self.answered_++;
+    self.refused_ += record->error != 0;
+    return 0;
+}
+
+bool Operator::sent(int rv, const std::string &object, std::string &why)
+{
+    sent_ += rv == 0;
+    return succeed(rv, object, why);
+}
+
+bool Operator::write_field(const ProtobufCMessage &config, uint32_t field, const char *name, std::string &why)
+{
+    return sent(mom::set_fields(&client_, db_config, &config, &field, 1, on_answer, this), name, why);
+}
+
+bool Operator::set_vlan(uint32_t vlan, bool on, std::string &why)
+{
+    PBridge__VvlanEn glb_switch = P_BRIDGE__VVLAN_EN__INIT;
+    PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    glb_switch.vlan = vlan;
+    glb_switch.enable = on ? 1 : 0;
+    config.glb_switch = &glb_switch;
+    return write_field(config.base, field_switch, "voice VLAN", why);
+}
+
+bool Operator::set_security(bool on, std::string &why)
+{
+    PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    config.secu_mode = on ? 1 : 0;
+    return write_field(config.base, field_security, "security mode", why);
+}
+
+bool Operator::set_age(uint32_t minutes, std::string &why)
+{
+    PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    config.age_time = minutes;
+    return write_field(config.base, field_age, "aging time", why);
+}
+
+bool Operator::set_qos(uint32_t cos, uint32_t dscp, std::string &why)
+{
+    PBridge__BQos qos = P_BRIDGE__B_QOS__INIT;
+    PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    qos.cos = cos;
+    qos.dscp = dscp;
+    config.qos = &qos;
+    return write_field(config.base, field_qos, "priority", why);
+}
+
+bool Operator::set_oui(const Mac &mac, const Mac &mask, bool present, std::string &why)
+{
+    Mac mac_bytes = mac;
+    Mac mask_bytes = mask;
+    PLibpub__Mac mac_part = P_LIBPUB__MAC__INIT;
+    PLibpub__Mac mask_part = P_LIBPUB__MAC__INIT;
+    PBridge__BOui index = P_BRIDGE__B_OUI__INIT;
+    PBridge__VvlanOuiCfg oui = P_BRIDGE__VVLAN_OUI_CFG__INIT;
+    mac_part.data = {mac_bytes.size(), mac_bytes.data()};
+    mask_part.data = {mask_bytes.size(), mask_bytes.data()};
+    index.mac = &mac_part;
+    index.mask = &mask_part;
+    oui.index = &index;
+    const int rv = present ? tq_mom_set(&client_, db_config, &oui.base, on_answer, this)
+                           : tq_mom_del(&client_, db_config, &oui.base, on_answer, this);
+    return sent(rv, "OUI " + oui_text(mac, mask), why);
+}
+
+bool Operator::set_port(uint32_t ifx, bool enabled, bool automatic, std::string &why)
+{
+    PBridge__VvlanIndex index = P_BRIDGE__VVLAN_INDEX__INIT;
+    PBridge__VvlanPortCfg port = P_BRIDGE__VVLAN_PORT_CFG__INIT;
+    index.ifx = ifx;
+    port.index = &index;
+    port.enable = enabled ? 1 : 0;
+    port.mode = automatic ? 1 : 0;
+    const int rv = tq_mom_set(&client_, db_config, &port.base, on_answer, this);
+    return sent(rv, "port " + std::to_string(ifx), why);
+}
+
+bool Operator::delete_port(uint32_t ifx, std::string &why)
+{
+    PBridge__VvlanIndex index = P_BRIDGE__VVLAN_INDEX__INIT;
+    PBridge__VvlanPortCfg port = P_BRIDGE__VVLAN_PORT_CFG__INIT;
+    index.ifx = ifx;
+    port.index = &index;
+    const int rv = tq_mom_del(&client_, db_config, &port.base, on_answer, this);
+    return sent(rv, "port " + std::to_string(ifx), why);
+}
+
+bool Operator::port_is_automatic(uint32_t ifx)
+{
+    PBridge__VvlanIndex index = P_BRIDGE__VVLAN_INDEX__INIT;
+    PBridge__VvlanPortCfg key = P_BRIDGE__VVLAN_PORT_CFG__INIT;
+    index.ifx = ifx;
+    key.index = &index;
+    ProtobufCMessage *found = tq_mom_get_sync(&client_, db_config, &key.base, nullptr);
+    // The generated message begins with its ProtobufCMessage, and the store
+    // answers with the type that was asked for.
+    const bool automatic = found == nullptr || reinterpret_cast<PBridge__VvlanPortCfg *>(found)->mode != 0;
+    tq_mom_tq_obj_free(found);
+    return automatic;
+}
+
+// ---- Commands ---------------------------------------------------------------
+
+namespace
+{
+
+uint32_t number_of(const Arguments &args, const char *name)
+{
+    return static_cast<uint32_t>(args[name].number); // its type keeps it within 32 bits
+}
+
+bool run_vlan(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.op->set_vlan(number_of(args, "VLAN"), args["on|off"].text == "on", why);
+}
+
+bool run_oui(CommandContext &context, const Arguments &args, std::string &why)
+{
+    const Argument &oui = args["OUI"];
+    return context.op->set_oui(oui.mac, oui.mask, args["add|del"].text == "add", why);
+}
+
+bool run_port(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.op->set_port(number_of(args, "PORT"), true, args["auto|manual"].text == "auto", why);
+}
+
+bool run_port_disable(CommandContext &context, const Arguments &args, std::string &why)
+{
+    const uint32_t ifx = number_of(args, "PORT");
+    const Argument *mode = args.find("auto|manual");
+    const bool automatic = mode != nullptr ? mode->text == "auto" : context.op->port_is_automatic(ifx);
+    return context.op->set_port(ifx, false, automatic, why);
+}
+
+bool run_port_delete(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.op->delete_port(number_of(args, "PORT"), why);
+}
+
+bool run_qos(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.op->set_qos(number_of(args, "COS"), number_of(args, "DSCP"), why);
+}
+
+bool run_security(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.op->set_security(args["on|off"].text == "on", why);
+}
+
+bool run_age(CommandContext &context, const Arguments &args, std::string &why)
+{
+    return context.op->set_age(number_of(args, "MINUTES"), why);
+}
+
+constexpr CommandRow rows[] = {
+    {"vlan VLAN on|off", "switch the voice VLAN on or off", run_vlan},
+    {"oui add|del OUI", "voice devices by their address range", run_oui},
+    {"port PORT auto|manual", "enable a port; auto: it joins with its first voice frame", run_port},
+    {"port PORT disable [auto|manual]", "disable a port; it keeps its mode unless one is given", run_port_disable},
+    {"port PORT delete", "remove a port's configuration", run_port_delete},
+    {"qos cos COS dscp DSCP", "priority of voice traffic", run_qos},
+    {"security on|off", "on: the voice VLAN is closed to other devices", run_security},
+    {"age MINUTES", "how long a port without voice device stays joined", run_age},
+};
+
+constexpr ArgumentType types[] = {
+    {"VLAN", "1 to 4094", read_number, 1, 4094}, // 0 and 4095 are reserved by IEEE 802.1Q
+    {"OUI", "ADDRESS/BITS or ADDRESS/MASK, as 00:04:76:00:00:00/24", read_oui},
+    {"PORT", "a port's interface index", read_port, 1, INT32_MAX},
+    {"COS", "0 to 7", read_number, 0, 7},
+    {"DSCP", "0 to 63", read_number, 0, 63},
+    {"MINUTES", "0 to 65535", read_number, 0, UINT16_MAX},
+};
+
+} // namespace
+
+std::span<const CommandRow> operator_commands()
+{
+    return rows;
+}
+
+std::span<const ArgumentType> operator_types()
+{
+    return types;
+}
+
+} // namespace vvl::host

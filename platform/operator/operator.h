@@ -1,0 +1,67 @@
+// The operator: writes voice VLAN configuration to the store as the control
+// side does, and the command rows for it. It works against any store; nothing
+// here knows the simulator.
+#pragma once
+
+#include "platform/base/loop.h"
+#include "platform/mom/client.h"
+#include "platform/operator/command.h"
+#include "tq_global.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vvl::host
+{
+
+class Operator
+{
+  public:
+    // store and loop outlive the operator.
+    Operator(mom::Store &store, Loop &loop);
+    ~Operator();
+    Operator(const Operator &) = delete;
+    Operator &operator=(const Operator &) = delete;
+
+    // Connects to the configuration database. Once only. Until it succeeds the
+    // calls below fail.
+    bool connect(std::string &why);
+
+    // Each writes one object, or some fields of the global one. The arguments
+    // are in range already. On failure why names the object and the reason.
+    bool set_vlan(uint32_t vlan, bool on, std::string &why); // 1 to 4094
+    bool set_security(bool on, std::string &why);
+    bool set_age(uint32_t minutes, std::string &why);            // 0 to 65535
+    bool set_qos(uint32_t cos, uint32_t dscp, std::string &why); // 0 to 7, 0 to 63
+    bool set_oui(const Mac &mac, const Mac &mask, bool present, std::string &why);
+    bool set_port(uint32_t ifx, bool enabled, bool automatic, std::string &why);
+    bool delete_port(uint32_t ifx, std::string &why);
+
+    // The mode that the port's configuration holds: automatic where it has none.
+    bool port_is_automatic(uint32_t ifx);
+
+    // Writes that the store has accepted and not yet answered, and those that it
+    // answered with a refusal. Where the connection is lost, what was on its way
+    // stays unanswered.
+    size_t unanswered() const { return sent_ - answered_; }
+    size_t refused() const { return refused_; }
+
+  private:
+    static int on_answer(void *ctx, tq_mom_record_t *record, void *user);
+    bool sent(int rv, const std::string &object, std::string &why);
+    bool write_field(const ProtobufCMessage &config, uint32_t field, const char *name, std::string &why);
+
+    mom::Store &store_;
+    Loop &loop_;
+    tq_global_t client_{};
+    bool attached_ = false;
+    size_t sent_ = 0;
+    size_t answered_ = 0;
+    size_t refused_ = 0;
+};
+
+// The rows that need CommandContext::op, and the types that they use.
+std::span<const CommandRow> operator_commands();
+std::span<const ArgumentType> operator_types();
+
+} // namespace vvl::host

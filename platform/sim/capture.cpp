@@ -1,0 +1,161 @@
+// A capture that is damaged half-way would otherwise play its first half and
+// leave the switch in a state that nobody asked for, so it is read to its end
+// first.
+#include "platform/sim/capture.h"
+
+#include <cerrno>
+#include <cstring>
+#include <pcap/pcap.h>
+
+namespace vvl::host
+{
+namespace
+{
+
+constexpr uint64_t us_per_s = 1'000'000;
+
+struct PcapCloser {
+    void operator()(pcap_t *pcap) const { pcap_close(pcap); }
+};
+using Pcap = std::unique_ptr<pcap_t, PcapCloser>;
+
+Pcap open_capture(const std::string &path, std::string &why)
+{
+    FILE *file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        why = path + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    char reason[PCAP_ERRBUF_SIZE] = "";
+    Pcap pcap(pcap_fopen_offline(file, reason)); // closes the file with itself, but not when it fails
+    if (pcap == nullptr) {
+        std::fclose(file);
+        why = path + ": " + reason;
+        return nullptr;
+    }
+    const int link = pcap_datalink(pcap.get());
+    if (link != DLT_EN10MB) {
+        const char *name = pcap_datalink_val_to_name(link);
+        why = path + ": link type " + (name != nullptr ? name : std::to_string(link)) + " is not Ethernet";
+        return nullptr;
+    }
+    return pcap;
+}
+
+// Empty where the frame is fit for use.
+std::string fault_of(const pcap_pkthdr &header, size_t size_so_far)
+{
+    if (header.len > capture_frame_size_max || header.caplen > capture_frame_size_max) {
+        return "is larger than " + std::to_string(capture_frame_size_max) + " bytes";
+    }
+    if (header.caplen != header.len) {
+        return "is cut short: " + std::to_string(header.caplen) + " of " + std::to_string(header.len) +
+               " bytes were captured";
+    }
+    if (size_so_far + header.caplen > capture_size_max) {
+        return "takes the capture over " + std::to_string(capture_size_max) + " bytes";
+    }
+    return "";
+}
+
+} // namespace
+
+bool read_capture(const std::string &path, Capture &capture, std::string &why)
+{
+    const Pcap pcap = open_capture(path, why);
+    if (pcap == nullptr) {
+        return false;
+    }
+    Capture frames;
+    size_t size = 0;
+    uint64_t first_us = 0;
+    pcap_pkthdr *header = nullptr;
+    const u_char *bytes = nullptr;
+    int rv = 0;
+    while ((rv = pcap_next_ex(pcap.get(), &header, &bytes)) == 1) {
+        const std::string fault = fault_of(*header, size);
+        if (!fault.empty()) {
+            why = path;
+            why.append(": frame ").append(std::to_string(frames.size() + 1)).append(" ").append(fault);
+            return false;
+        }
+        const uint64_t stamp_us =
+            static_cast<uint64_t>(header->ts.tv_sec) * us_per_s + static_cast<uint64_t>(header->ts.tv_usec);
+        first_us = frames.empty() ? stamp_us : first_us;
+        uint64_t time_us = stamp_us > first_us ? stamp_us - first_us : 0;
+        if (!frames.empty() && time_us < frames.back().time_us) {
+            time_us = frames.back().time_us;
+        }
+        frames.push_back({time_us, {bytes, bytes + header->caplen}});
+        size += header->caplen;
+    }
+    if (rv != PCAP_ERROR_BREAK || frames.empty()) {
+        why = path + ": " + (rv != PCAP_ERROR_BREAK ? pcap_geterr(pcap.get()) : "holds no frame");
+        return false;
+    }
+    capture = std::move(frames);
+    return true;
+}
+
+struct CaptureWriter::Impl {
+    std::string path;
+    Pcap pcap;
+    pcap_dumper_t *dumper = nullptr;
+};
+
+CaptureWriter::CaptureWriter() = default;
+
+CaptureWriter::~CaptureWriter()
+{
+    std::string ignored;
+    close(ignored);
+}
+
+bool CaptureWriter::open(const std::string &path, std::string &why)
+{
+    auto impl = std::make_unique<Impl>();
+    impl->path = path;
+    impl->pcap.reset(pcap_open_dead(DLT_EN10MB, capture_frame_size_max));
+    FILE *file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr) {
+        why = path + ": " + std::strerror(errno);
+        return false;
+    }
+    impl->dumper = pcap_dump_fopen(impl->pcap.get(), file);
+    if (impl->dumper == nullptr) {
+        std::fclose(file);
+        why = path + ": " + pcap_geterr(impl->pcap.get());
+        return false;
+    }
+    impl_ = std::move(impl);
+    return true;
+}
+
+void CaptureWriter::write(uint64_t time_us, std::span<const uint8_t> frame)
+{
+    if (impl_ == nullptr) {
+        return;
+    }
+    pcap_pkthdr header{};
+    header.ts.tv_sec = static_cast<time_t>(time_us / us_per_s);
+    header.ts.tv_usec = static_cast<suseconds_t>(time_us % us_per_s);
+    header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
+    // libpcap's own signature for a callback carries the dumper as bytes.
+    pcap_dump(reinterpret_cast<u_char *>(impl_->dumper), &header, frame.data());
+}
+
+bool CaptureWriter::close(std::string &why)
+{
+    if (impl_ == nullptr) {
+        return true;
+    }
+    const bool written = pcap_dump_flush(impl_->dumper) == 0 && std::ferror(pcap_dump_file(impl_->dumper)) == 0;
+    if (!written) {
+        why = impl_->path + ": " + std::strerror(errno);
+    }
+    pcap_dump_close(impl_->dumper);
+    impl_.reset();
+    return written;
+}
+
+} // namespace vvl::host

@@ -1,0 +1,24 @@
+// How a scenario is played.
+#pragma once
+
+#include "platform/mom/store.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace vvl::host
+{
+
+enum class SimColor { automatic, always, never }; // automatic: where standard output is a terminal
+
+struct SimOptions {
+    std::string scenario;    // path of the scenario
+    std::string module;      // path of the module's shared object
+    std::string capture_out; // path of a capture for the frames that leave; empty: none
+    SimColor color = SimColor::automatic;
+    // Makes the object store; empty: one in this process. Null with the reason in why.
+    std::function<std::unique_ptr<mom::Store>(std::string &why)> make_store = {};
+};
+
+} // namespace vvl::host

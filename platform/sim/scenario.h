@@ -1,0 +1,43 @@
+// A scenario, read and checked completely before any of it is run.
+#pragma once
+
+#include "platform/host/switch.h"
+#include "platform/operator/command.h"
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vvl::host
+{
+
+constexpr size_t scenario_line_count_max = 10'000;
+constexpr uint32_t scenario_port_count_max = 1024;
+
+struct ScenarioStep {
+    size_t line;      // from 1
+    std::string text; // without comment and surplus spaces
+    Command command;
+};
+
+struct Scenario {
+    std::string path;
+    std::set<uint32_t> access;           // declared ports; empty: 1 to 8
+    std::set<uint32_t> uplinks;          // declared uplinks; empty: 24
+    std::map<uint32_t, uint32_t> phyids; // ifx -> phyid, where declared; others: 0x100 + ifx
+    std::vector<ScenarioStep> steps;
+
+    // The ports that the declarations add up to, by ascending ifx.
+    std::vector<SwitchPort> ports() const;
+};
+
+// The declaration rows (CommandContext::scenario).
+std::span<const CommandRow> declaration_commands();
+std::span<const ArgumentType> declaration_types();
+
+// Reads the file. grammar holds the rows; its ports are set on the way. On
+// failure why is "FILE:LINE: reason" or, for the whole file, "FILE: reason".
+bool read_scenario(const std::string &path, Grammar &grammar, Scenario &scenario, std::string &why);
+
+} // namespace vvl::host

@@ -1,0 +1,83 @@
+// What vvland's "sim" does around a scenario: reads it, quietens the logs to
+// what a reader of a timeline wants, runs it, and says how it ended.
+#include "platform/sim/sim.h"
+
+#include "platform/base/log.h"
+#include "platform/host/services.h"
+#include "platform/mom/local/store_local.h"
+#include "platform/sim/runner.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace vvl::host
+{
+namespace
+{
+
+// Errors and warnings go to standard error; the timeline tells the rest.
+// Restores the sinks when the run is over.
+class QuietLogs
+{
+  public:
+    QuietLogs()
+    {
+        platform_ = set_log_sink([](LogLevel level, const std::string &text) {
+            if (level >= LogLevel::warn) {
+                std::fprintf(stderr, "%s\n", text.c_str());
+            }
+        });
+        module_ = set_zlog_sink({[](const ZlogLine &line) {
+                                     if (line.level >= TQ_ZLOG_WARN) {
+                                         std::fprintf(stderr, "%s: %s\n", line.category.c_str(), line.text.c_str());
+                                     }
+                                 },
+                                 {}});
+    }
+    ~QuietLogs()
+    {
+        set_log_sink(std::move(platform_));
+        set_zlog_sink(std::move(module_));
+    }
+    QuietLogs(const QuietLogs &) = delete;
+    QuietLogs &operator=(const QuietLogs &) = delete;
+
+  private:
+    LogSink platform_;
+    ZlogSink module_;
+};
+
+bool use_color(SimColor color)
+{
+    return color == SimColor::always || (color == SimColor::automatic && isatty(STDOUT_FILENO) != 0);
+}
+
+} // namespace
+
+int run_sim(const SimOptions &options)
+{
+    Grammar grammar = scenario_grammar();
+    Scenario scenario;
+    std::string why;
+    int status = sim_done;
+    std::unique_ptr<mom::Store> store = options.make_store ? options.make_store(why) : mom::make_local_store();
+    if (store == nullptr || !read_scenario(options.scenario, grammar, scenario, why)) {
+        status = sim_bad_scenario;
+    } else {
+        const QuietLogs quiet;
+        Simulation simulation(scenario, options, std::move(store), use_color(options.color));
+        status = simulation.run(why) ? sim_done : sim_failed;
+    }
+    std::fflush(stdout);
+    if (status != sim_done) {
+        std::fprintf(stderr, "%s\n", why.c_str());
+    }
+    return status;
+}
+
+void print_sim_commands()
+{
+    std::fputs(command_help(scenario_grammar()).c_str(), stdout);
+}
+
+} // namespace vvl::host

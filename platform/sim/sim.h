@@ -1,0 +1,27 @@
+// The simulator: plays a scenario against a whole switch on the virtual clock.
+//
+// A scenario is a text file with one command per line: configuration as an
+// operator would write it, captures that enter a port, time that passes, and
+// expectations. A day takes milliseconds, and the same scenario gives the same
+// output byte for byte.
+#pragma once
+
+#include "platform/sim/options.h"
+
+namespace vvl::host
+{
+
+// What run_sim returns, for use as the process's exit status.
+constexpr int sim_done = 0;
+constexpr int sim_failed = 1;       // an expectation, a capture or the start failed
+constexpr int sim_bad_scenario = 2; // the scenario cannot be read; nothing was run
+
+// Plays the scenario. The timeline goes to standard output; a failure is one
+// line on standard error, "FILE:LINE: reason". One at a time in a process,
+// and not beside a Switch.
+int run_sim(const SimOptions &options);
+
+// Prints every command with its arguments, from the table that also parses them.
+void print_sim_commands();
+
+} // namespace vvl::host
