@@ -8,6 +8,7 @@
 #include "platform/host/agent.h"
 
 #include "platform/base/log.h"
+#include "platform/host/join_records.h"
 #include "platform/host/services.h"
 
 #include <dlfcn.h>
@@ -94,7 +95,8 @@ struct Agent::Impl {
 bool Agent::Impl::open(std::string &why)
 {
     context.emplace(loop);
-    if (!succeeded("attaching it to the store", mom::attach(&context->global, store, loop, client_name), why)) {
+    if (!succeeded("attaching it to the store",
+                   mom::attach(&context->global, store, loop, client_name, remove_unreported_joins), why)) {
         return false;
     }
     library = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);

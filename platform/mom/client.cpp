@@ -53,12 +53,12 @@ template <typename Operation> int call(void *ctx, Operation operation)
 namespace vvl::mom
 {
 
-int attach(void *ctx, Store &store, Loop &loop, const std::string &name)
+int attach(void *ctx, Store &store, Loop &loop, const std::string &name, Preparation prepare)
 {
     if (ctx == nullptr || find_client(ctx)) {
         return TQ_MOM_E_INVALID;
     }
-    auto front = std::make_shared<Front>(ctx, name);
+    auto front = std::make_shared<Front>(ctx, name, std::move(prepare));
     front->open(store, loop);
     clients().emplace(ctx, std::move(front));
     return TQ_MOM_OK;

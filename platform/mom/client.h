@@ -20,9 +20,9 @@ namespace vvl::mom
 class Store; // store.h
 
 // Makes ctx a client of the store. name is used in log lines. store and loop
-// must outlive the client. Returns 0, or TQ_MOM_E_INVALID where ctx is null or
-// a client already.
-int attach(void *ctx, Store &store, Loop &loop, const std::string &name);
+// must outlive the client; prepare may be empty. Returns 0, or TQ_MOM_E_INVALID
+// where ctx is null or a client already.
+int attach(void *ctx, Store &store, Loop &loop, const std::string &name, Preparation prepare = {});
 
 // Ends the client: connections, subscriptions and deliveries on their way are
 // dropped; no callback comes afterwards. The store keeps its objects and its

@@ -1,8 +1,9 @@
-// Limits, constants and counters of a client of an object store.
+// Limits, constants, counters and callbacks of a client of an object store.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace vvl::mom
 {
@@ -15,7 +16,14 @@ struct ClientCounters {
     uint64_t delivered = 0;         // records given to callbacks
     uint64_t callback_failures = 0; // callbacks of any kind that returned non-zero
     uint64_t refused = 0;           // calls that returned non-zero, and reads that failed
-    uint64_t malformed = 0;         // stored objects that could not be built and were passed over
+    uint64_t malformed = 0;         // stored objects that could not be built and were skipped
 };
+
+class Session; // store.h
+
+// Called from the loop, with the client's own session, before the client is told
+// that a database is connected, or back with changes missed. It may put right
+// what an earlier process has left in the store. It must not end the client.
+using Preparation = std::function<void(uint32_t db, Session &session)>;
 
 } // namespace vvl::mom

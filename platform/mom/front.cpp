@@ -139,11 +139,19 @@ int Front::connect(uint32_t db, tq_mom_connect_cb_t callback, void *user)
         return TQ_MOM_E_INVALID;
     }
     databases_[db].asked_for = true;
-    return session_->connect(db, while_open([callback, user](Front &front) {
+    return session_->connect(db, while_open([db, callback, user](Front &front) {
+                                 front.prepare(db);
                                  if (callback(front.delivery_.ctx(), user) != 0) {
                                      front.delivery_.counters.callback_failures++;
                                  }
                              }));
+}
+
+void Front::prepare(uint32_t db)
+{
+    if (prepare_) {
+        prepare_(db, *session_);
+    }
 }
 
 int Front::set_disconnect_callback(uint32_t db, tq_mom_disconnect_cb_t callback)
@@ -200,6 +208,7 @@ void Front::link_back(uint32_t db, bool missed)
         for (const SubscriptionPtr &subscription : subscriptions_) {
             subscription->established = subscription->established && subscription->db != db;
         }
+        prepare(db);
     }
     const int32_t type = missed ? reconnect_missed : reconnect_complete;
     if (databases_[db].on_reconnect != nullptr && databases_[db].on_reconnect(delivery_.ctx(), db, type) != 0) {

@@ -36,7 +36,9 @@ using SubscriptionPtr = std::shared_ptr<Subscription>;
 class Front final : public SessionEvents, public std::enable_shared_from_this<Front>
 {
   public:
-    Front(void *ctx, const std::string &name) : delivery_(ctx, name) {}
+    Front(void *ctx, const std::string &name, Preparation prepare) : delivery_(ctx, name), prepare_(std::move(prepare))
+    {
+    }
 
     // Opens the session. close() ends it: nothing is delivered any more.
     void open(Store &store, Loop &loop);
@@ -117,6 +119,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
             }
         };
     }
+    void prepare(uint32_t db);
     bool going(uint32_t db, uint64_t epoch) const { return session_ && databases_[db].epoch == epoch; }
 
     // The objects of a snapshot that one template asks for.
@@ -151,6 +154,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     void deliver_removal(const SubscriptionPtr &subscription, const std::string &key, std::vector<uint32_t> fields);
 
     Delivery delivery_;
+    const Preparation prepare_;        // may be empty
     std::unique_ptr<Session> session_; // null once the client has ended
     std::array<Database, database_count> databases_;
     uint64_t subscription_changes_ = 1;          // moves on with each change of the list
