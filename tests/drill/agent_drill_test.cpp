@@ -1,233 +1,185 @@
 // The agent as a process, killed at many points of its start and of a storm of
-// joining ports, or cut off after each of the first bytes that its server says.
-// It may end by itself where its store fails it in the middle of its start, and
-// is started again then, as a service manager does it. Packet and bridge side run here, on the same server. What the
-// killed agents leave behind must be what one agent would have left that was
+// joining ports. The packet side and the bridge side run here, on the same server.
+// What the killed agents leave in the store must be what an agent leaves that was
 // never killed, and a new agent must make the same tables and plane of it.
 #include "platform/host/services.h"
-#include "platform/mom/redis/store_redis.h"
 #include "platform/sides/bridge_side.h"
-#include "platform/sides/fan_out.h"
 #include "platform/sides/packet_side.h"
-#include "tests/drill/proxy.h"
 #include "tests/drill/rig.h"
+#include "tests/support/child_process.h"
 #include "tests/support/redis_server.h"
 
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <fstream>
-#include <set>
 
 namespace vvl::drill
 {
 namespace
 {
 
+constexpr uint32_t config_db = 4;
+constexpr const char *join_type = "u_bridge.vvlan_join";
+constexpr const char *trap_type = "u_bridge.vvlan_port_cfg";
+constexpr const char *report_type = "p_bridge.vvlan_port_auto";
 constexpr unsigned kill_count = 200;
-constexpr int cut_bytes_max = 200;
-constexpr uint64_t settle_us = 100'000;     // for the agent to be whole again before the next cut
 constexpr uint64_t start_span_us = 250'000; // kills are spread over this time from the start of the process
+constexpr uint64_t storm_span_us = 10'000;  // and over this time from the first frame
 
-// A plane without frames: the sides' traps, and nothing else.
-class TrapPlane final : public fp::DataPlane
-{
-  public:
-    int set_rules(fp::Acl, std::span<const fp::Rule>) override { return 0; }
-    int set_binding(uint32_t, uint8_t) override { return 0; }
-    int replace_all(const fp::PlaneState &) override { return 0; }
-    int set_trap(uint32_t phyid, bool on) override
-    {
-        on ? static_cast<void>(traps.insert(phyid)) : static_cast<void>(traps.erase(phyid));
-        return 0;
-    }
-    void forget(uint16_t, const Mac &) override {}
-    void set_events(fp::PlaneEvents *) override {}
-    bool add_port(const fp::PlanePort &, std::string &) override { return true; }
-    void set_link(uint32_t, bool) override {}
-    fp::PortCounters counters(uint32_t) const override { return {}; }
-
-    std::set<uint32_t> traps;
-};
-
-class AgentProcess
-{
-  public:
-    AgentProcess(const std::string &config, const std::string &address)
-    {
-        pid_ = fork();
-        if (pid_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            execl(VVLAND_COMMAND, "vvland", "run", "--role", "agent", "--config", config.c_str(), "--store",
-                  address.c_str(), "--prefix", "sw1:", nullptr);
-            _exit(127);
-        }
-    }
-    ~AgentProcess()
-    {
-        if (!has_ended()) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    // By itself; a signal that it did not get from here is a fault.
-    bool has_ended()
-    {
-        int status = 0;
-        if (!ended_ && waitpid(pid_, &status, WNOHANG) == pid_) {
-            ended_ = true;
-            EXPECT_TRUE(WIFEXITED(status)) << "the agent was ended by signal " << WTERMSIG(status);
-        }
-        return ended_;
-    }
-    AgentProcess(const AgentProcess &) = delete;
-    AgentProcess &operator=(const AgentProcess &) = delete;
-
-  private:
-    pid_t pid_;
-    bool ended_ = false;
-};
-
-struct Surroundings {
-    explicit Surroundings(const std::string &address)
+// The packet side and the bridge side on a plane of which only the traps count,
+// and an observer of the joins.
+struct Surroundings : mom::SessionEvents {
+    explicit Surroundings(const std::string &address) : store(redis_store(address))
     {
         std::string why;
-        store = mom::make_redis_store({address, "sw1:", {}}, why);
         host::set_port_map(ports);
-        packet = std::make_unique<sides::PacketSide>(*store, loop, plane);
-        bridge = std::make_unique<sides::BridgeSide>(*store, loop, plane);
-        op = std::make_unique<host::Operator>(*store, loop);
-        EXPECT_TRUE(packet->start(why) && bridge->start(why) && op->connect(why)) << why;
+        EXPECT_TRUE(packet.start(why) && bridge.start(why) && op.connect(why)) << why;
+        for (const auto &[db, type] :
+             {std::pair(TQ_MOM_UDP_DB, join_type), {TQ_MOM_UDP_DB, trap_type}, {config_db, report_type}}) {
+            EXPECT_EQ(observer->connect_now(db), 0);
+            EXPECT_EQ(observer->watch(db, type, {}), 0);
+        }
     }
-    void run_for(uint64_t us)
+    void link_lost(uint32_t) override {}
+    void link_back(uint32_t, bool) override {}
+    void changed(const mom::Change &change) override
     {
-        loop.add_timer(us, [this] { loop.stop(); });
-        loop.run();
+        has_written = true;
+        if (const auto told = on_join; told && change.name.type == join_type) {
+            told();
+        }
+    }
+    size_t count(uint32_t db, const char *type) const
+    {
+        std::vector<mom::Object> objects;
+        EXPECT_EQ(observer->scan_now(db, type, objects), 0);
+        return objects.size();
+    }
+    // Runs until so many ports have joined and are reported as joined, and so many are trapped.
+    bool run_until_ports(size_t joined, size_t trapped, bool are_calling)
+    {
+        return run_until(loop, [&] {
+            if (are_calling) {
+                storm();
+            }
+            return count(TQ_MOM_UDP_DB, join_type) == joined && count(config_db, report_type) == joined &&
+                   count(TQ_MOM_UDP_DB, trap_type) == trapped;
+        });
     }
     // Each port's telephone sends a frame: trapped where the port is, and learned.
     void storm()
     {
         for (const host::PortId &port : ports) {
             const Mac phone = {0x00, 0x04, 0x76, 0x22, 0x20, static_cast<uint8_t>(port.ifx)};
-            if (plane.traps.contains(port.phyid)) {
-                packet->voice_trapped(port.phyid, phone, {});
-            }
-            bridge->mac_seen(100, phone, port.phyid);
+            packet.voice_trapped(port.phyid, phone, {});
+            bridge.mac_seen(100, phone, port.phyid);
         }
     }
 
     const std::vector<host::PortId> ports = {{1, 0x101}, {2, 0x102}, {3, 0x103}, {4, 0x104}};
+    std::function<void()> on_join; // may be empty
+    bool has_written = false;      // an agent, for one of the ports
     host::UvLoop loop;
     std::unique_ptr<mom::Store> store;
-    TrapPlane plane;
-    std::unique_ptr<sides::PacketSide> packet;
-    std::unique_ptr<sides::BridgeSide> bridge;
-    std::unique_ptr<host::Operator> op;
+    fp::SoftPlane plane{loop};
+    sides::PacketSide packet{*store, loop, plane};
+    sides::BridgeSide bridge{*store, loop, plane};
+    host::Operator op{*store, loop};
+    std::unique_ptr<mom::Session> observer = store->open(loop, *this, "observer");
 };
-
-using Trouble = std::function<void(Surroundings &around)>;
-
-// What a new agent makes of what is in the store, once the lines are written,
-// the trouble is over and all ports have called.
-std::string picture_after(const std::string &address, const std::string &config, const Trouble &trouble)
-{
-    {
-        Surroundings around(address);
-        host::Grammar grammar;
-        grammar.rows.assign(host::operator_commands().begin(), host::operator_commands().end());
-        grammar.types.assign(host::operator_types().begin(), host::operator_types().end());
-        host::CommandContext context;
-        context.op = around.op.get();
-        for (const std::string &line : base_lines) {
-            host::Command command;
-            std::string why;
-            EXPECT_TRUE(host::parse_command(grammar, line, command, why) &&
-                        command.row->run(context, command.args, why))
-                << why;
-        }
-        trouble(around);
-        // One that lives on until every port has joined.
-        const AgentProcess agent(config, address);
-        for (int i = 0; i < 40; i++) {
-            around.run_for(50'000);
-            around.storm();
-        }
-    }
-    std::string why;
-    Rig rig(mom::make_redis_store({address, "sw1:", {}}, why), false);
-    rig.run_for(500);
-    return rig.picture();
-}
 
 class AgentDrill : public testing::Test
 {
   protected:
-    AgentDrill() : config(server.folder() + "/vvland.conf")
+    AgentDrill() : config_(server_.folder() + "/vvland.conf")
     {
-        test::RedisServer calm;
-        std::ofstream file(config);
+        std::ofstream file(config_);
         file << "[host]\nlog-level = error\n";
         for (int ifx = 1; ifx <= 4; ifx++) {
             file << "[port " << ifx << "]\nphyid = " << 0x100 + ifx << "\n";
         }
-        file.close();
-        wanted = picture_after(calm.address(), config, [](Surroundings &) {});
-        EXPECT_NE(wanted.find("u_bridge.vvlan_join 4 "), std::string::npos) << "no port has joined:\n" << wanted;
     }
 
-    test::RedisServer server;
-    const std::string config;
-    std::string wanted;
+    test::ChildProcess agent(const std::string &address) const
+    {
+        return test::ChildProcess(
+            {VVLAND_COMMAND, "run", "--role", "agent", "--config", config_, "--store", address, "--prefix", "sw1:"});
+    }
+
+    // Starts an agent and kills it: in its start, in a storm of joins, or at the
+    // first join of a storm. Before a storm the agent must have put right what
+    // the one before it has left.
+    void kill_one(Surroundings &around, unsigned number)
+    {
+        enum { in_start, in_storm, at_join, kinds };
+        const uint64_t step = number / kinds;
+        run_for(around.loop, 2000); // the last words of the one before
+        around.has_written = false;
+        test::ChildProcess victim = agent(server_.address());
+        if (number % kinds == in_start) {
+            run_for(around.loop, start_span_us * step * kinds / kill_count);
+            return;
+        }
+        const size_t all = around.ports.size();
+        // A line that is there before the agent reads the configuration is no change for it.
+        ASSERT_TRUE(run_until(around.loop, [&] { return around.has_written; }));
+        ASSERT_TRUE(around.run_until_ports(all, 0, true)) << "kill " << number << ": a join is not reported";
+        EXPECT_TRUE(write_line(around.op, "vlan 100 off"));
+        ASSERT_TRUE(around.run_until_ports(0, 0, false));
+        EXPECT_TRUE(write_line(around.op, "vlan 100 on"));
+        ASSERT_TRUE(around.run_until_ports(0, all, false));
+        EXPECT_FALSE(victim.has_ended());
+        if (number % kinds == at_join) {
+            around.on_join = [&] {
+                victim.kill();
+                killed_at_join_++;
+                around.on_join = {};
+            };
+        }
+        around.storm();
+        run_for(around.loop, number % kinds == at_join ? storm_span_us : storm_span_us * step * kinds / kill_count);
+        around.on_join = {};
+    }
+
+    // What a new agent makes of what is in the store, once the lines are written,
+    // the trouble is over and all ports have called.
+    std::string picture_after(const std::string &address, const std::function<void(Surroundings &)> &trouble)
+    {
+        {
+            Surroundings around(address);
+            for (const std::string &line : base_lines) {
+                EXPECT_TRUE(write_line(around.op, line)) << line;
+            }
+            trouble(around);
+            const test::ChildProcess survivor = agent(address); // until every port has joined
+            for (int i = 0; i < 40; i++) {
+                run_for(around.loop, 50'000);
+                around.storm();
+            }
+        }
+        Rig rig(redis_store(address), false);
+        rig.run_for(500);
+        return rig.picture();
+    }
+
+    test::RedisServer server_;
+    const std::string config_;
+    unsigned killed_at_join_ = 0;
 };
 
 TEST_F(AgentDrill, KilledAtTwoHundredPointsLeavesWhatOneAgentLeaves)
 {
+    const test::RedisServer calm;
+    const std::string wanted = picture_after(calm.address(), [](Surroundings &) {});
+    EXPECT_NE(wanted.find("u_bridge.vvlan_join 4 "), std::string::npos) << "no port has joined:\n" << wanted;
     const auto kill_many = [&](Surroundings &around) {
-        for (unsigned i = 0; i < kill_count; i++) {
-            const AgentProcess agent(config, server.address());
-            around.run_for(start_span_us * (i / 2) / (kill_count / 2));
-            if (i % 2 != 0) {
-                around.storm();
-                around.run_for(500 + 40 * i);
-            }
+        for (unsigned i = 0; i < kill_count && !HasFatalFailure(); i++) {
+            kill_one(around, i);
         }
     };
-    EXPECT_EQ(picture_after(server.address(), config, kill_many), wanted);
-}
-
-TEST_F(AgentDrill, CutOffAfterEachOfTheFirstBytesOfReplies)
-{
-    Proxy proxy(server.folder(), server.socket());
-    unsigned restarts = 0;
-    const auto cut_many = [&](Surroundings &around) {
-        auto agent = std::make_unique<AgentProcess>(config, proxy.address());
-        around.run_for(start_span_us);
-        const Mac oui = {0x00, 0xaa, 0x07, 0x00, 0x00, 0x00};
-        for (int n = 1; n <= cut_bytes_max; n++) {
-            proxy.cut_after(n);
-            for (int round = 0; round < 400 && !proxy.has_cut(); round++) {
-                std::string why;
-                EXPECT_TRUE(around.op->set_oui(oui, prefix_mask(24), round % 2 == 0, why)) << why;
-                around.storm();
-                around.run_for(10'000);
-                if (agent->has_ended()) {
-                    agent = std::make_unique<AgentProcess>(config, proxy.address());
-                    restarts++;
-                }
-            }
-            EXPECT_TRUE(proxy.has_cut()) << "the agent asks for nothing before byte " << n;
-            around.run_for(settle_us);
-        }
-        std::string why;
-        EXPECT_TRUE(around.op->set_oui(oui, prefix_mask(24), false, why)) << why;
-        around.run_for(100'000);
-    };
-    EXPECT_EQ(picture_after(server.address(), config, cut_many), wanted);
-    std::printf("%d cuts, %u restarts of the agent\n", cut_bytes_max, restarts);
+    EXPECT_EQ(picture_after(server_.address(), kill_many), wanted);
+    std::printf("%u kills, %u of them at a join\n", kill_count, killed_at_join_);
+    EXPECT_GT(killed_at_join_, 0u);
 }
 
 } // namespace

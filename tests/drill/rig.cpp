@@ -1,6 +1,7 @@
 #include "tests/drill/rig.h"
 
 #include "platform/mom/local/store_local.h"
+#include "platform/mom/redis/store_redis.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +15,7 @@ namespace
 {
 
 constexpr uint32_t uplink = 9;
-constexpr Mac phone = {0x00, 0x04, 0x76, 0x22, 0x20, 0x17};
+constexpr uint64_t look_us = 2000; // between looks at what a drill waits for
 
 host::SwitchConfig drill_switch(bool has_sides)
 {
@@ -28,8 +29,7 @@ host::SwitchConfig drill_switch(bool has_sides)
     return config;
 }
 
-// ACE ids are handed out in the order of arrival, which is another one after a
-// restart, so they are no part of a picture.
+// Without the ACE id: ids follow the order of arrival, which a restart changes.
 std::string rule_text(size_t acl, const fp::Rule &rule)
 {
     std::ostringstream text;
@@ -61,31 +61,90 @@ std::string hex(const std::string &bytes)
     return text.str();
 }
 
-// Mirrored OUI records are left out: a re-initialisation sweeps those of OUIs
-// that are still installed, as docs/behaviour.md tells.
+// Without the mirrored OUI records: a re-initialisation sweeps those of OUIs that
+// are still installed (docs/behaviour.md).
 constexpr std::pair<uint32_t, const char *> kept_types[] = {
     {4, "p_bridge.vvlan_glb_cfg"},   {4, "p_bridge.vvlan_oui_cfg"}, {4, "p_bridge.vvlan_port_cfg"},
     {4, "p_bridge.vvlan_port_auto"}, {6, "u_bridge.mac_vid_reg"},   {6, "u_bridge.mac_vid_reg_noti"},
     {8, "u_bridge.vvlan_port_cfg"},  {8, "u_bridge.vvlan_join"}};
 
+void add_store(mom::Session &reader, std::vector<std::string> &lines)
+{
+    for (const auto &[db, type] : kept_types) {
+        std::vector<mom::Object> objects;
+        if (reader.scan_now(db, type, objects) != 0) {
+            lines.push_back(std::string(type) + " unreachable");
+        }
+        for (const mom::Object &object : objects) {
+            std::string value = hex(object.value.bytes);
+            for (const auto &[number, bytes] : object.value.fields) {
+                value += " " + std::to_string(number) + "=" + hex(bytes);
+            }
+            lines.push_back(std::string(type) + " " + object.key + " " + value);
+        }
+    }
+}
+
 } // namespace
 
-const std::vector<std::string> base_lines = {"vlan 100 on",
-                                             "oui add 00:04:76:00:00:00/24",
-                                             "oui add 00:11:22:00:00:00/24",
-                                             "qos cos 6 dscp 46",
-                                             "age 1440",
-                                             "port 1 auto",
-                                             "port 2 auto",
-                                             "port 3 auto",
-                                             "port 4 auto"};
+const Lines base_lines = {"vlan 100 on",
+                          "oui add 00:04:76:00:00:00/24",
+                          "oui add 00:11:22:00:00:00/24",
+                          "qos cos 6 dscp 46",
+                          "age 1440",
+                          "port 1 auto",
+                          "port 2 auto",
+                          "port 3 auto",
+                          "port 4 auto"};
+
+std::unique_ptr<mom::Store> redis_store(const std::string &address)
+{
+    std::string why;
+    auto store = mom::make_redis_store({address, "sw1:", {}}, why);
+    EXPECT_NE(store, nullptr) << why;
+    return store;
+}
+
+bool write_line(host::Operator &op, const std::string &line)
+{
+    static const host::Grammar grammar = {{host::operator_commands().begin(), host::operator_commands().end()},
+                                          {host::operator_types().begin(), host::operator_types().end()},
+                                          {}};
+    host::Command command;
+    host::CommandContext context;
+    std::string why;
+    EXPECT_TRUE(host::parse_command(grammar, line, command, why)) << why;
+    context.op = &op;
+    return command.row->run(context, command.args, why);
+}
+
+bool run_until(host::UvLoop &loop, const std::function<bool()> &done, uint64_t limit_ms)
+{
+    const uint64_t end_us = loop.now_us() + limit_ms * 1000;
+    bool is_done = false;
+    std::function<void()> look = [&] {
+        is_done = done();
+        if (is_done || loop.now_us() >= end_us) {
+            loop.stop();
+        } else {
+            loop.add_timer(look_us, look);
+        }
+    };
+    loop.post(look);
+    loop.run();
+    return is_done;
+}
+
+void run_for(host::UvLoop &loop, uint64_t us)
+{
+    loop.add_timer(us, [&] { loop.stop(); });
+    loop.run();
+}
 
 Rig::Rig(std::unique_ptr<mom::Store> store, bool has_sides)
     : switch_(drill_switch(has_sides), loop_, std::move(store), std::make_unique<fp::SoftPlane>(loop_)),
       reader_(switch_.store().open(loop_, *this, "reader"))
 {
-    grammar_.rows.assign(host::operator_commands().begin(), host::operator_commands().end());
-    grammar_.types.assign(host::operator_types().begin(), host::operator_types().end());
     std::string why;
     EXPECT_TRUE(switch_.start(why)) << why;
     for (const uint32_t db : {0u, 4u, 6u, 8u}) {
@@ -93,95 +152,47 @@ Rig::Rig(std::unique_ptr<mom::Store> store, bool has_sides)
     }
 }
 
-Rig::~Rig()
-{
-    switch_.stop();
-}
-
-bool Rig::run_until(const std::function<bool()> &done, uint64_t limit_ms)
-{
-    const uint64_t end_us = loop_.now_us() + limit_ms * 1000;
-    bool is_done = false;
-    std::function<void()> look = [&] {
-        is_done = done();
-        if (is_done || loop_.now_us() >= end_us) {
-            loop_.stop();
-        } else {
-            loop_.add_timer(2000, look);
-        }
-    };
-    loop_.post(look);
-    loop_.run();
-    return is_done;
-}
-
-void Rig::run_for(uint64_t ms)
-{
-    run_until([] { return false; }, ms);
-}
-
-bool Rig::make_operator()
+bool Rig::try_once(const std::string &line)
 {
     std::string why;
-    operator_ = std::make_unique<host::Operator>(switch_.store(), loop_);
-    if (!operator_->connect(why)) {
-        operator_.reset();
-    }
-    return operator_ != nullptr;
-}
-
-bool Rig::write(const std::string &line)
-{
-    host::Command command;
-    host::CommandContext context;
-    std::string why;
-    EXPECT_TRUE(host::parse_command(grammar_, line, command, why)) << why;
-    if (operator_ == nullptr && !make_operator()) {
-        return false;
-    }
-    context.op = operator_.get();
-    return command.row->run(context, command.args, why);
-}
-
-void Rig::try_once(const std::string &line)
-{
-    write(line);
-}
-
-void Rig::carry_out(const std::string &line)
-{
-    const uint64_t end_us = loop_.now_us() + patience_ms * 1000;
-    while (true) {
-        const size_t losses = losses_;
-        if (write(line) && run_until([&] { return operator_->unanswered() == 0 || losses != losses_; }, 300) &&
-            operator_->unanswered() == 0) {
-            return;
+    if (operator_ == nullptr) {
+        operator_ = std::make_unique<host::Operator>(switch_.store(), loop_);
+        if (!operator_->connect(why)) {
+            operator_.reset();
+            return false;
         }
-        operator_.reset(); // what was on its way is lost with its connection
-        ASSERT_LT(loop_.now_us(), end_us) << line << ": the store does not answer";
-        run_for(20);
     }
+    return write_line(*operator_, line);
 }
 
-void Rig::carry_out(const std::vector<std::string> &lines)
+void Rig::carry_out(const Lines &lines)
 {
+    constexpr uint64_t answer_limit_ms = 300;
     for (const std::string &line : lines) {
-        carry_out(line);
+        const uint64_t end_us = loop_.now_us() + patience_ms * 1000;
+        for (bool is_done = false; !is_done;) {
+            const size_t losses = losses_;
+            const auto is_over = [&] { return operator_->unanswered() == 0 || losses != losses_; };
+            is_done =
+                try_once(line) && drill::run_until(loop_, is_over, answer_limit_ms) && operator_->unanswered() == 0;
+            if (!is_done) {
+                operator_.reset(); // what was on its way is lost with its connection
+                ASSERT_LT(loop_.now_us(), end_us) << line << ": the store does not answer";
+                run_for(20);
+            }
+        }
     }
 }
 
 void Rig::call(uint32_t ifx)
 {
-    std::vector<uint8_t> frame(60, 0);
-    std::fill_n(frame.begin(), 6, uint8_t{0xff});
-    std::copy(phone.begin(), phone.end(), frame.begin() + 6);
+    std::vector<uint8_t> frame = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x00, 0x04, 0x76, 0x22, 0x20, 0x00, 0x08};
     frame[11] = static_cast<uint8_t>(ifx);
-    frame[12] = 0x08;
+    frame.resize(60);
     plane().receive(0x100 + ifx, frame);
 }
 
-// The first frame makes a waiting port join, the second is learned in the
-// voice VLAN.
+// The first frame makes a waiting port join, the second is learned in the voice VLAN.
 void Rig::call_all()
 {
     for (int round = 0; round < 2; round++) {
@@ -206,19 +217,7 @@ std::string Rig::picture()
         }
     }
     add_plane(plane().installed(), lines);
-    for (const auto &[db, type] : kept_types) {
-        std::vector<mom::Object> objects;
-        if (reader_->scan_now(db, type, objects) != 0) {
-            lines.push_back(std::string(type) + " unreachable");
-        }
-        for (const mom::Object &object : objects) {
-            std::string value = hex(object.value.bytes);
-            for (const auto &[number, bytes] : object.value.fields) {
-                value += " " + std::to_string(number) + "=" + hex(bytes);
-            }
-            lines.push_back(std::string(type) + " " + object.key + " " + value);
-        }
-    }
+    add_store(*reader_, lines);
     std::ranges::sort(lines);
     std::string text;
     for (const std::string &line : lines) {
@@ -238,10 +237,11 @@ std::string Rig::picture_like(const std::string &wanted)
     return seen;
 }
 
-std::string fault_free(const std::vector<std::string> &lines)
+std::string fault_free(const Lines &lines, const Lines &before)
 {
     Rig rig(mom::make_local_store());
     rig.run_for(50);
+    rig.carry_out(before);
     rig.carry_out(lines);
     rig.run_for(50);
     rig.call_all();

@@ -1,12 +1,9 @@
 #include "tests/live/agent.h"
 
-#include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
 #include <stdexcept>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace vvl::live
@@ -30,33 +27,6 @@ Agent::Agent(unsigned port_count) : config_(redis_.folder() + "/vvland.conf")
     file << "[port " << port_count + 1 << "]\nphyid = " << port_count + 1 << "\ninterface = uplink\nrole = uplink\n";
 }
 
-Agent::~Agent()
-{
-    if (control_ != 0) {
-        waitpid(control_, nullptr, 0);
-    }
-    kill();
-}
-
-pid_t Agent::spawn(const std::vector<std::string> &words, int output) const
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        std::vector<char *> arguments;
-        for (const std::string &word : words) {
-            arguments.push_back(const_cast<char *>(word.c_str()));
-        }
-        arguments.push_back(nullptr);
-        if (output >= 0) {
-            dup2(output, STDERR_FILENO);
-        }
-        execv(arguments[0], arguments.data());
-        _exit(127);
-    }
-    return pid;
-}
-
 void Agent::start()
 {
     int ends[2];
@@ -66,17 +36,15 @@ void Agent::start()
     words_.clear();
     output_ = ends[0];
     started_ = Clock::now();
-    pid_ = spawn({VVLAND_COMMAND, "run", "--config", config_}, ends[1]);
+    process_.emplace(std::vector<std::string>{VVLAND_COMMAND, "run", "--config", config_}, ends[1]);
     close(ends[1]);
 }
 
 void Agent::kill()
 {
-    if (pid_ != 0) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+    if (process_) {
+        process_.reset();
         close(output_);
-        pid_ = 0;
     }
 }
 
@@ -98,12 +66,8 @@ double Agent::wait_until_reconciled()
 
 void Agent::finish_configuring()
 {
-    if (control_ == 0) {
-        return;
-    }
-    int status = 0;
-    waitpid(control_, &status, 0);
-    control_ = 0;
+    const int status = control_ ? control_->wait_for_end() : 0;
+    control_.reset();
     if (status != 0) {
         throw std::runtime_error("vvlanctl could not write the configuration");
     }
@@ -112,7 +76,7 @@ void Agent::finish_configuring()
 void Agent::begin_to_configure(const std::string &line)
 {
     finish_configuring();
-    control_ = spawn({VVLANCTL_COMMAND, "--store", redis_.address(), "set", line}, -1);
+    control_.emplace(std::vector<std::string>{VVLANCTL_COMMAND, "--store", redis_.address(), "set", line});
 }
 
 void Agent::configure(const std::vector<std::string> &lines)

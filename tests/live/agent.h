@@ -2,11 +2,12 @@
 // Redis server, so that it can be killed and started again.
 #pragma once
 
+#include "tests/support/child_process.h"
 #include "tests/support/redis_server.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 namespace vvl::live
@@ -17,7 +18,7 @@ class Agent
   public:
     // The access ports 1 to port_count and the uplink of a Network.
     explicit Agent(unsigned port_count);
-    ~Agent();
+    ~Agent() { kill(); }
     Agent(const Agent &) = delete;
     Agent &operator=(const Agent &) = delete;
 
@@ -34,15 +35,14 @@ class Agent
 
   private:
     using Clock = std::chrono::steady_clock;
-    pid_t spawn(const std::vector<std::string> &words, int output) const;
     void finish_configuring();
 
     test::RedisServer redis_;
     std::string config_;
-    pid_t pid_ = 0;
-    pid_t control_ = 0; // the last vvlanctl, while it runs
-    int output_ = -1;   // of the agent
-    std::string words_; // that it has said
+    std::optional<test::ChildProcess> process_; // while it runs
+    std::optional<test::ChildProcess> control_; // the last vvlanctl, until it has been waited for
+    int output_ = -1;                           // of the agent
+    std::string words_;                         // that it has said
     Clock::time_point started_;
 };
 

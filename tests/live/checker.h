@@ -1,6 +1,5 @@
 /* How a frame of a drill was treated when it left the switch. C and C++. */
-#ifndef VVLAN_TESTS_LIVE_CHECKER_H
-#define VVLAN_TESTS_LIVE_CHECKER_H
+#pragma once
 
 #include <linux/types.h>
 
@@ -19,5 +18,3 @@ struct checker_treatment {
     __u8 dscp;
     __u8 unused[3];
 };
-
-#endif

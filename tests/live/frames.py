@@ -3,11 +3,9 @@
     frames.py compute-checksums INTERFACE
     frames.py ping ADDRESS COUNT SECONDS       prints the number of answers
     frames.py send-tagged INTERFACE SOURCE DESTINATION FROM TO VLAN COUNT
-    frames.py send-udp ADDRESS PORT COUNT
 """
 import fcntl
 import os
-import select
 import socket
 import struct
 import sys
@@ -44,25 +42,20 @@ def is_answer(packet, sequence):
     return kind == ECHO_REPLY and ident == os.getpid() & 0xFFFF and number == sequence
 
 
-def answered(link, sequence, deadline):
-    while (left := deadline - time.monotonic()) > 0:
-        if select.select([link], [], [], left)[0] and is_answer(link.recv(2048), sequence):
-            return True
-    return False
-
-
 def ping(address, count, seconds):
-    """Sends the next request when the one before is answered or given up."""
+    """Sends the next request when the one before is answered, or after the time."""
     answers = 0
     with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as link:
+        link.settimeout(float(seconds))
         for sequence in range(int(count)):
             link.sendto(echo_request(sequence), (address, 0))
-            answers += answered(link, sequence, time.monotonic() + float(seconds))
+            try:
+                while not is_answer(link.recv(2048), sequence):
+                    pass
+                answers += 1
+            except TimeoutError:
+                pass
     print(answers)
-
-
-def mac(text):
-    return bytes.fromhex(text.replace(":", ""))
 
 
 def ipv4_udp(source, destination, payload):
@@ -74,7 +67,7 @@ def ipv4_udp(source, destination, payload):
 
 def send_tagged(interface, source, destination, sender, receiver, vlan, count):
     """As a PC does that wants to be taken for a telephone."""
-    frame = mac(destination) + mac(source) + struct.pack("!HHH", 0x8100, int(vlan), 0x0800)
+    frame = bytes.fromhex((destination + source).replace(":", "")) + struct.pack("!HHH", 0x8100, int(vlan), 0x0800)
     frame += ipv4_udp(sender, receiver, b"let me in")
     with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as link:
         link.bind((interface, 0))
@@ -83,19 +76,7 @@ def send_tagged(interface, source, destination, sender, receiver, vlan, count):
             time.sleep(GAP)
 
 
-def send_udp(address, port, count):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as link:
-        for number in range(int(count)):
-            link.sendto(b"datagram %d" % number, (address, int(port)))
-            time.sleep(GAP)
-
-
-COMMANDS = {
-    "compute-checksums": compute_checksums,
-    "ping": ping,
-    "send-tagged": send_tagged,
-    "send-udp": send_udp,
-}
+COMMANDS = {"compute-checksums": compute_checksums, "ping": ping, "send-tagged": send_tagged}
 
 if __name__ == "__main__":
     if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:

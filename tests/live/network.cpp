@@ -6,8 +6,7 @@
 #include <algorithm>
 #include <bpf/bpf.h>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
+#include <chrono>
 #include <cstring>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
@@ -22,7 +21,7 @@ namespace
 {
 
 constexpr size_t burst_min = 64; // frames per system call
-constexpr const char *server = "02:aa:aa:00:00:01";
+constexpr Mac server = {0x02, 0xaa, 0xaa, 0x00, 0x00, 0x01};
 
 [[noreturn]] void fail(const std::string &what)
 {
@@ -31,20 +30,19 @@ constexpr const char *server = "02:aa:aa:00:00:01";
 
 fp::test::Bytes frame_of(const Sender &sender)
 {
-    Mac to{};
-    parse_mac(server, to);
-    const Mac from = {static_cast<uint8_t>(sender.vendor >> 16),
-                      static_cast<uint8_t>(sender.vendor >> 8),
-                      static_cast<uint8_t>(sender.vendor),
-                      static_cast<uint8_t>(sender.port),
+    const auto byte = [](unsigned value) { return static_cast<uint8_t>(value); };
+    const Mac from = {byte(sender.vendor >> 16),
+                      byte(sender.vendor >> 8),
+                      byte(sender.vendor),
+                      byte(sender.port),
                       sender.number,
                       CHECKER_MARK};
     fp::test::Bytes payload = fp::test::ipv4(0);
     payload.resize(100);
     if (sender.tag_vid == 0) {
-        return fp::test::ethernet(to, from, {}, ETH_P_IP, payload);
+        return fp::test::ethernet(server, from, {}, ETH_P_IP, payload);
     }
-    return fp::test::ethernet(to, from, {ETH_P_8021Q, sender.tag_vid}, ETH_P_IP, payload);
+    return fp::test::ethernet(server, from, {ETH_P_8021Q, sender.tag_vid}, ETH_P_IP, payload);
 }
 
 } // namespace
@@ -56,7 +54,8 @@ std::string to_text(const Treatment &treatment)
     return (treatment.vid == 0 ? "untagged" : "vlan " + std::to_string(treatment.vid)) + marked;
 }
 
-Network::Network(unsigned port_count) : checker_(bpf_object__open_file(VVLAN_CHECKER_OBJECT, nullptr))
+Network::Network(unsigned port_count)
+    : checker_(bpf_object__open_file(VVLAN_CHECKER_OBJECT, nullptr), bpf_object__close)
 {
     using test::run_command;
     if (const std::string &why = test::enter_own_network(); !why.empty()) {
@@ -70,8 +69,8 @@ Network::Network(unsigned port_count) : checker_(bpf_object__open_file(VVLAN_CHE
         run_command("ip link add " + access + " type veth peer name " + sender + " && ip link set " + access +
                     " master br0 up && ip link set " + sender + " up");
     }
-    // Known, so that frames go to the uplink alone.
-    run_command(std::string("bridge fdb add ") + server + " dev uplink master static");
+    // A known address, so that the bridge sends to the uplink only.
+    run_command("bridge fdb add " + vvl::to_text(server) + " dev uplink master static");
     run_command("tc qdisc add dev far clsact");
     if (bpf_object__load(checker_.get()) != 0) {
         fail("checker");
@@ -108,7 +107,7 @@ Counts Network::counts() const
 // A port's sending end: one frame of each of its senders in turn.
 struct Traffic::Outlet {
     std::vector<fp::test::Bytes> frames;
-    std::vector<iovec> data;
+    std::vector<iovec> data; // of each frame
     std::vector<mmsghdr> messages;
     int socket = ::socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
 
@@ -127,15 +126,15 @@ struct Traffic::Outlet {
     Outlet(const Outlet &) = delete;
     Outlet &operator=(const Outlet &) = delete;
 
+    // After the last frame was added.
     void prepare()
     {
-        data.resize(frames.size());
-        messages.resize(std::max<size_t>(frames.size(), burst_min));
+        for (fp::test::Bytes &frame : frames) {
+            data.push_back({frame.data(), frame.size()});
+        }
+        messages.resize(std::max(frames.size(), burst_min));
         for (size_t i = 0; i < messages.size(); i++) {
-            fp::test::Bytes &frame = frames[i % frames.size()];
-            data[i % frames.size()] = {frame.data(), frame.size()};
-            messages[i] = {};
-            messages[i].msg_hdr.msg_iov = &data[i % frames.size()];
+            messages[i].msg_hdr.msg_iov = &data[i % data.size()];
             messages[i].msg_hdr.msg_iovlen = 1;
         }
     }
@@ -143,17 +142,15 @@ struct Traffic::Outlet {
 
 Traffic::Traffic(const std::vector<Sender> &senders)
 {
-    std::map<unsigned, std::unique_ptr<Outlet>> by_port;
     for (const Sender &sender : senders) {
-        auto &outlet = by_port[sender.port];
+        auto &outlet = outlets_[sender.port];
         if (outlet == nullptr) {
             outlet = std::make_unique<Outlet>(sender.port);
         }
         outlet->frames.push_back(frame_of(sender));
     }
-    for (auto &[port, outlet] : by_port) {
+    for (const auto &[port, outlet] : outlets_) {
         outlet->prepare();
-        outlets_.push_back(std::move(outlet));
     }
     thread_ = std::thread([this] { run(); });
 }
@@ -172,10 +169,17 @@ uint64_t Traffic::stop()
     return sent_;
 }
 
+void Traffic::wait_for_rounds() const
+{
+    for (const uint64_t begin = rounds_; rounds_ < begin + 3;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
 void Traffic::run()
 {
-    while (!stopping_) {
-        for (const auto &outlet : outlets_) {
+    for (; !stopping_; rounds_++) {
+        for (const auto &[port, outlet] : outlets_) {
             const int sent =
                 sendmmsg(outlet->socket, outlet->messages.data(), static_cast<unsigned>(outlet->messages.size()), 0);
             sent_ += sent > 0 ? static_cast<uint64_t>(sent) : 0;

@@ -14,7 +14,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 namespace vvl::live
@@ -41,10 +40,7 @@ class Network
     static std::string sender_interface(unsigned port) { return "gen" + std::to_string(port); }
 
   private:
-    struct ObjectEnd {
-        void operator()(bpf_object *object) const { bpf_object__close(object); }
-    };
-    std::unique_ptr<bpf_object, ObjectEnd> checker_;
+    std::unique_ptr<bpf_object, void (*)(bpf_object *)> checker_;
 };
 
 // One kind of sender: its frames come in untagged or in a VLAN, as UDP over IPv4.
@@ -65,13 +61,16 @@ class Traffic
     Traffic &operator=(const Traffic &) = delete;
 
     uint64_t stop(); // returns how many were sent
+    // Waits until each sender has sent again, twice.
+    void wait_for_rounds() const;
 
   private:
     struct Outlet;
     void run();
 
-    std::vector<std::unique_ptr<Outlet>> outlets_;
-    uint64_t sent_ = 0; // the thread's, until it has ended
+    std::map<unsigned, std::unique_ptr<Outlet>> outlets_; // by port
+    uint64_t sent_ = 0;                                   // the thread's, until it has ended
+    std::atomic<uint64_t> rounds_ = 0;                    // through all outlets
     std::atomic<bool> stopping_ = false;
     std::thread thread_;
 };

@@ -14,19 +14,19 @@ phone_address=10.100.0.2
 server_voice_address=10.100.0.1
 pc_address=10.10.0.2
 server_data_address=10.10.0.1
-uplink_ifindex=110 # given rather than asked for, since the adapter is compiled with them
+uplink_ifindex=110 # both are fixed, since the adapter is compiled with them
 voice_peer_ifindex=111
 namespaces=(tel pc edge sw srv)
 
-# in_namespace NAME COMMAND...: as "ip netns exec", which would mount /sys anew
-# and with that hide BPF file systems.
+# in_namespace NAME COMMAND...: as "ip netns exec", but that mounts /sys again,
+# which hides BPF file systems.
 in_namespace() {
     local name=$1
     shift
     nsenter --net="/run/netns/$run-$name" "$@"
 }
 
-# Before make_network, since namespaces would else not share the mount.
+# Call it before make_network: namespaces that exist already do not get the mount.
 mount_bpf() {
     mkdir "$folder/bpf"
     mount -t bpf bpf "$folder/bpf"
@@ -50,7 +50,7 @@ make_network() {
     attach_adapter
 }
 
-# Safe to call at any point of these, and again.
+# May be called at any time, and more than once.
 remove_network() {
     local name
     for name in "${namespaces[@]}"; do
@@ -63,11 +63,9 @@ make_namespaces() {
     local name
     for name in "${namespaces[@]}"; do
         ip netns add "$run-$name"
-        # Else each interface looks for IPv6 neighbours and routers.
-        in_namespace "$name" bash -c 'for scope in all default; do
-            file=/proc/sys/net/ipv6/conf/$scope/disable_ipv6
-            [ ! -e "$file" ] || echo 1 >"$file"
-        done'
+        # Otherwise each interface sends IPv6 neighbour and router solicitations.
+        in_namespace "$name" bash -c 'for file in /proc/sys/net/ipv6/conf/{all,default}/disable_ipv6; do
+            [ ! -e "$file" ] || echo 1 >"$file"; done'
     done
     # The server answers on each side for that side's address only.
     in_namespace srv bash -c 'echo 1 >/proc/sys/net/ipv4/conf/all/arp_ignore'
@@ -89,7 +87,7 @@ make_bridge() { # NAMESPACE INTERFACE...
 }
 
 use_interface() { # NAMESPACE INTERFACE [ADDRESS]
-    # A checksum that nobody has computed cannot be found damaged.
+    # The interface leaves checksums uncomputed otherwise, and damage would not show.
     in_namespace "$1" python3 "$here/frames.py" compute-checksums "$2"
     in_namespace "$1" ip link set dev "$2" up
     [ -z "${3:-}" ] || in_namespace "$1" ip address add "$3" dev "$2"

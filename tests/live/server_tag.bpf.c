@@ -24,11 +24,15 @@
 #define RTP_VERSION 2
 #define RTP_PCMA 8
 
-/* Their names are what the scripts ask for. */
+/* The scripts ask for these by name. Counters of one kind stand together, in the
+ * order of the enumeration. */
+enum treatment { PLAIN, VOICE, MISMARKED, OTHER };
+enum receipt { SENT, GOT_UNTAGGED, GOT_TAGGED, GOT_RTP };
+
 struct counts {
     /* At the telephone's and the PC's own interface. */
     __u64 phone_sent, phone_got_untagged, phone_got_tagged, phone_got_rtp;
-    __u64 pc_sent, pc_got_untagged, pc_got_tagged;
+    __u64 pc_sent, pc_got_untagged, pc_got_tagged, pc_got_rtp;
     /* At the far end of the uplink, each frame in one of them. plain: no tag and
      * no DSCP. voice: VLAN, priority and DSCP as they should be. mismarked: in
      * the voice VLAN, but with another priority or DSCP or a damaged header. */
@@ -42,6 +46,7 @@ struct counts {
 struct counts counts;
 
 #define count(name) __sync_fetch_and_add(&counts.name, 1)
+#define count_kind(first, kind) __sync_fetch_and_add(&counts.first + (kind), 1)
 
 struct frame {
     __u64 source;
@@ -98,12 +103,8 @@ static __always_inline int read_frame(struct __sk_buff *skb, struct frame *frame
     frame->type = bpf_ntohs(*(const __u16 *)(data + 2 * ETH_ALEN));
     if (frame->type == ETH_P_IP)
         read_ipv4(data + ETH_HLEN, end, frame);
-    else if (frame->type == ETH_P_IPV6 && data + ETH_HLEN + 2 <= end)
-        frame->dscp = (data[ETH_HLEN] & 15) << 2 | data[ETH_HLEN + 1] >> 6;
     return 1;
 }
-
-enum treatment { PLAIN, VOICE, MISMARKED, OTHER };
 
 static __always_inline enum treatment treatment_of(const struct __sk_buff *skb, const struct frame *frame)
 {
@@ -113,38 +114,8 @@ static __always_inline enum treatment treatment_of(const struct __sk_buff *skb, 
         return OTHER;
     if (skb->vlan_tci != VOICE_TCI || frame->is_damaged)
         return MISMARKED;
-    /* Only IP has a DSCP. */
-    if (frame->type != ETH_P_IP && frame->type != ETH_P_IPV6)
-        return VOICE;
-    return frame->dscp == VOICE_DSCP ? VOICE : MISMARKED;
-}
-
-static __always_inline void count_phone(enum treatment treatment, const struct frame *frame)
-{
-    if (treatment == PLAIN)
-        count(from_phone_plain);
-    else if (treatment == VOICE)
-        count(from_phone_voice);
-    else if (treatment == MISMARKED)
-        count(from_phone_mismarked);
-    else
-        count(from_phone_other);
-    if (frame->type == ETH_P_ARP)
-        count(from_phone_arp);
-    if (frame->is_rtp)
-        count(from_phone_rtp);
-}
-
-static __always_inline void count_pc(enum treatment treatment)
-{
-    if (treatment == PLAIN)
-        count(from_pc_plain);
-    else if (treatment == VOICE)
-        count(from_pc_voice);
-    else if (treatment == MISMARKED)
-        count(from_pc_mismarked);
-    else
-        count(from_pc_other);
+    /* Only IP has a DSCP; the namespaces have no IPv6. */
+    return frame->type != ETH_P_IP || frame->dscp == VOICE_DSCP ? VOICE : MISMARKED;
 }
 
 SEC("tc")
@@ -154,12 +125,17 @@ int uplink_in(struct __sk_buff *skb)
 
     if (!read_frame(skb, &frame))
         return TC_ACT_SHOT;
-    if (frame.source == PHONE_MAC)
-        count_phone(treatment_of(skb, &frame), &frame);
-    else if (frame.source == PC_MAC)
-        count_pc(treatment_of(skb, &frame));
-    else
+    if (frame.source == PHONE_MAC) {
+        count_kind(from_phone_plain, treatment_of(skb, &frame));
+        if (frame.type == ETH_P_ARP)
+            count(from_phone_arp);
+        if (frame.is_rtp)
+            count(from_phone_rtp);
+    } else if (frame.source == PC_MAC) {
+        count_kind(from_pc_plain, treatment_of(skb, &frame));
+    } else {
         count(from_others);
+    }
 
     if (!skb->vlan_present || (skb->vlan_tci & VID_MASK) != VOICE_VLAN)
         return TC_ACT_OK;
@@ -175,42 +151,26 @@ int voice_out(struct __sk_buff *skb)
     return bpf_redirect(UPLINK_IFINDEX, 0);
 }
 
-SEC("tc")
-int phone_in(struct __sk_buff *skb)
-{
-    struct frame frame = {};
+/* A device's own interface. */
+#define DEVICE(device)                                                                             \
+    SEC("tc")                                                                                      \
+    int device##_in(struct __sk_buff *skb)                                                         \
+    {                                                                                              \
+        struct frame frame = {};                                                                   \
+                                                                                                   \
+        count_kind(device##_sent, skb->vlan_present ? GOT_TAGGED : GOT_UNTAGGED);                  \
+        if (read_frame(skb, &frame) && frame.is_rtp)                                               \
+            count_kind(device##_sent, GOT_RTP);                                                    \
+        return TC_ACT_OK;                                                                          \
+    }                                                                                              \
+    SEC("tc")                                                                                      \
+    int device##_out(struct __sk_buff *skb)                                                        \
+    {                                                                                              \
+        count_kind(device##_sent, SENT);                                                           \
+        return TC_ACT_OK;                                                                          \
+    }
 
-    if (skb->vlan_present)
-        count(phone_got_tagged);
-    else
-        count(phone_got_untagged);
-    if (read_frame(skb, &frame) && frame.is_rtp)
-        count(phone_got_rtp);
-    return TC_ACT_OK;
-}
-
-SEC("tc")
-int phone_out(struct __sk_buff *skb)
-{
-    count(phone_sent);
-    return TC_ACT_OK;
-}
-
-SEC("tc")
-int pc_in(struct __sk_buff *skb)
-{
-    if (skb->vlan_present)
-        count(pc_got_tagged);
-    else
-        count(pc_got_untagged);
-    return TC_ACT_OK;
-}
-
-SEC("tc")
-int pc_out(struct __sk_buff *skb)
-{
-    count(pc_sent);
-    return TC_ACT_OK;
-}
+DEVICE(phone)
+DEVICE(pc)
 
 char license_text[] SEC("license") = "Dual MIT/GPL";

@@ -1,8 +1,9 @@
-# Telling what happens, waiting for it, and checking it by the adapter's
-# counters. Sourced after network.sh.
+# Prints what happens, waits for it, and checks it by the adapter's counters.
+# Sourced after network.sh.
 
 begin_us=${EPOCHREALTIME/./}
 results=()
+declare -A signs=([-eq]="" [-gt]="> " [-le]="<= ")
 failures=0
 
 say() {
@@ -19,27 +20,19 @@ fail() {
 
 # check WHAT MEASURED -eq|-gt|-le LIMIT
 check() {
-    local verdict=good limit=$4
+    local verdict=good limit="${signs[$3]}$4"
     if ! test "$2" "$3" "$4"; then
         verdict=WRONG
         failures=$((failures + 1))
     fi
-    case $3 in
-    -gt) limit="> $4" ;;
-    -le) limit="<= $4" ;;
-    esac
     results+=("$(printf '%-68s %8s %8s  %s' "$1" "$2" "$limit" "$verdict")")
     note "$1: $2$([ $verdict = good ] || echo "   <-- WRONG, expected $limit")"
 }
 
 print_summary() {
     printf '\n%-68s %8s %8s\n' "what" measured expected
-    printf '%s\n' "${results[@]}"
-    echo
-    if [ "$failures" -ne 0 ]; then
-        echo "live: $failures of ${#results[@]} checks are wrong"
-        exit 1
-    fi
+    printf '%s\n' "${results[@]}" ""
+    [ "$failures" -eq 0 ] || { echo "live: $failures of ${#results[@]} checks are wrong" && exit 1; }
     echo "live: all ${#results[@]} checks are good"
 }
 
@@ -52,8 +45,8 @@ wait_until() {
     done
 }
 
-# The counters now, and when mark was called; all of one moment, but for the
-# frames under way.
+# The counters as last read, and as they were when mark was called. A frame that
+# is on its way may be counted at one place and not yet at the next.
 declare -A now before
 
 read_counts() {

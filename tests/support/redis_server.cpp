@@ -4,13 +4,11 @@
 #include "tests/support/redis_server.h"
 
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -23,17 +21,6 @@ namespace
 {
 
 constexpr auto ready_limit = std::chrono::seconds(10);
-
-std::vector<char *> argument_list(std::vector<std::string> &words)
-{
-    std::vector<char *> list;
-    list.reserve(words.size() + 1);
-    for (std::string &word : words) {
-        list.push_back(word.data());
-    }
-    list.push_back(nullptr);
-    return list;
-}
 
 } // namespace
 
@@ -69,16 +56,10 @@ void RedisServer::start()
                                                       : std::vector<std::string>{"--appendonly", "yes", "--save", ""};
     words.insert(words.end(), own.begin(), own.end());
     words.insert(words.end(), arguments_.begin(), arguments_.end());
-    std::vector<char *> list = argument_list(words);
-    pid_ = fork();
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        execvp(list[0], list.data());
-        _exit(127);
-    }
+    process_.emplace(std::move(words));
     const auto end = std::chrono::steady_clock::now() + ready_limit;
     while (cli({"PING"}) != "PONG\n") {
-        if (waitpid(pid_, nullptr, WNOHANG) != 0 || std::chrono::steady_clock::now() > end) {
+        if (process_->has_ended() || std::chrono::steady_clock::now() > end) {
             throw std::runtime_error("redis-server: does not answer; see " + folder_ + "/log");
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -87,28 +68,24 @@ void RedisServer::start()
 
 void RedisServer::kill()
 {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = 0;
-    }
+    process_.reset();
 }
 
 void RedisServer::pause()
 {
-    ::kill(pid_, SIGSTOP);
+    process_->signal(SIGSTOP);
 }
 
 void RedisServer::proceed()
 {
-    ::kill(pid_, SIGCONT);
+    process_->signal(SIGCONT);
 }
 
 std::string RedisServer::cli(const std::vector<std::string> &arguments) const
 {
     std::vector<std::string> words = {"redis-cli", "-s", socket()};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char *> list = argument_list(words);
+    const std::vector<char *> list = argument_list(words);
     std::array<int, 2> out{};
     if (pipe2(out.data(), O_CLOEXEC) != 0) {
         throw std::runtime_error("redis-cli: no pipe");

@@ -2,8 +2,9 @@
 // an append-only file. It ends with the object, and with the test's process.
 #pragma once
 
-#include <sys/types.h>
+#include "tests/support/child_process.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,7 +38,7 @@ class RedisServer
     std::string folder_;
     std::vector<std::string> arguments_;
     bool is_sentinel_ = false;
-    pid_t pid_ = 0;
+    std::optional<ChildProcess> process_; // while it runs
 };
 
 // The server that the tests of one process share.
