@@ -122,7 +122,8 @@ class AgentDrill : public testing::Test
         }
         const size_t all = around.ports.size();
         // A line that is there before the agent reads the configuration is no change for it.
-        ASSERT_TRUE(run_until(around.loop, [&] { return around.has_written; }));
+        ASSERT_TRUE(run_until(around.loop, [&] { return around.has_written; }))
+            << "kill " << number << ": the next agent neither traps a port nor reports one";
         ASSERT_TRUE(around.run_until_ports(all, 0, true)) << "kill " << number << ": a join is not reported";
         EXPECT_TRUE(write_line(around.op, "vlan 100 off"));
         ASSERT_TRUE(around.run_until_ports(0, 0, false));

@@ -152,22 +152,22 @@ int voice_out(struct __sk_buff *skb)
 }
 
 /* A device's own interface. */
-#define DEVICE(device)                                                                             \
-    SEC("tc")                                                                                      \
-    int device##_in(struct __sk_buff *skb)                                                         \
-    {                                                                                              \
-        struct frame frame = {};                                                                   \
-                                                                                                   \
-        count_kind(device##_sent, skb->vlan_present ? GOT_TAGGED : GOT_UNTAGGED);                  \
-        if (read_frame(skb, &frame) && frame.is_rtp)                                               \
-            count_kind(device##_sent, GOT_RTP);                                                    \
-        return TC_ACT_OK;                                                                          \
-    }                                                                                              \
-    SEC("tc")                                                                                      \
-    int device##_out(struct __sk_buff *skb)                                                        \
-    {                                                                                              \
-        count_kind(device##_sent, SENT);                                                           \
-        return TC_ACT_OK;                                                                          \
+#define DEVICE(device)                                                                                                 \
+    SEC("tc")                                                                                                          \
+    int device##_in(struct __sk_buff *skb)                                                                             \
+    {                                                                                                                  \
+        struct frame frame = {};                                                                                       \
+                                                                                                                       \
+        count_kind(device##_sent, skb->vlan_present ? GOT_TAGGED : GOT_UNTAGGED);                                      \
+        if (read_frame(skb, &frame) && frame.is_rtp)                                                                   \
+            count_kind(device##_sent, GOT_RTP);                                                                        \
+        return TC_ACT_OK;                                                                                              \
+    }                                                                                                                  \
+    SEC("tc")                                                                                                          \
+    int device##_out(struct __sk_buff *skb)                                                                            \
+    {                                                                                                                  \
+        count_kind(device##_sent, SENT);                                                                               \
+        return TC_ACT_OK;                                                                                              \
     }
 
 DEVICE(phone)
