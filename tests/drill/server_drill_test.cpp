@@ -92,26 +92,27 @@ TEST(ServerDrill, StoppedForFiveSecondsDoesNotStopTheLoop)
 
 TEST(ServerDrill, EmptiedOrReplacedDataSetIsNoticedAndTakesTheLoadedConfiguration)
 {
+    const Lines changed = {"vlan 200 on", "oui add 00:04:76:00:00:00/24", "port 1 auto", "port 2 auto"};
     RedisServer server;
     RedisServer other;
-    Rig rig(redis_store(server.address()));
-    start(rig);
     const struct {
         std::function<void()> harm;
         Lines loaded; // afterwards
-    } rows[] = {{[&] { EXPECT_EQ(server.cli({"FLUSHALL"}), "OK\n"); }, base_lines},
+        std::string wanted;
+    } rows[] = {{[&] { EXPECT_EQ(server.cli({"FLUSHALL"}), "OK\n"); }, base_lines, fault_free({})},
                 {[&] {
                      server.kill();
                      std::filesystem::rename(other.socket(), server.socket());
                  },
-                 {"vlan 200 on", "oui add 00:04:76:00:00:00/24", "port 1 auto", "port 2 auto"}}};
+                 changed, fault_free(changed, {})}};
+    Rig rig(redis_store(server.address()));
+    start(rig);
     for (const auto &row : rows) {
-        const std::string wanted = fault_free(row.loaded, {});
         const size_t before = rig.returns();
         row.harm();
         EXPECT_TRUE(rig.run_until([&] { return rig.returns() > before; })) << "the new data set was not noticed";
         rig.carry_out(row.loaded);
-        EXPECT_EQ(rig.picture_like(wanted), wanted);
+        EXPECT_EQ(rig.picture_like(row.wanted), row.wanted);
     }
 }
 
