@@ -1,17 +1,17 @@
 /* Start-up, in three steps that the host and the object store drive: the host
  * hands over its context and calls the redundancy hook; the hook connects to
- * the four databases; the connection that completes the set initialises the
- * module. A database that comes back after a loss (type 2) completes the set
- * again and re-initialises it: tables, ACLs and the timer stay, and the
- * subscriptions made anew correct them. The module cannot work with half of
- * its start-up done, so a failure ends the process and the host restarts it.
+ * the four databases; when the last of them is connected, the module initialises
+ * itself. When a lost database comes back (type 2) and all four are connected
+ * again, it re-initialises itself: tables, ACLs and the timer stay, and the
+ * subscriptions are made again and correct them. The module cannot work after
+ * half a start-up, so a failure ends the process, and the host restarts it.
  */
 #include "udp_vvlan.h"
 
 #include "tq_global.h"
 #include "tq_mom.h"
 #include "udp_vvlan_age.h"
-#include "udp_vvlan_debug.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_ds.h"
 #include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"
@@ -36,8 +36,6 @@ typedef struct vvlan_mom_status {
     vvlan_list_t events; /* vvlan_mom_event_t, in the order of vvlan_mom_databases */
     uint8_t inited;      /* 1 from the first successful initialisation on */
 } vvlan_mom_status_t;
-
-void *g_udp_vvlan_global;
 
 /* Connect callbacks receive a pointer to their entry. */
 static uint32_t vvlan_mom_databases[] = {VVLAN_DB_CONFIG, VVLAN_DB_STATUS, VVLAN_DB_ADDRESS, TQ_MOM_UDP_DB};
@@ -230,9 +228,9 @@ int udp_vvlan_init(void *ctx, const char *name)
     return vvlan_mom_status.inited == 0 ? init_first(ctx, name) : init_again(ctx);
 }
 
-/* The dynamic linker runs this when the host unloads the module: what is left
- * on the heap goes with it. The store, the forwarding plane and the timers are
- * the host's; it has taken our callbacks away before. */
+/* The dynamic linker runs this when the host unloads the module: it frees what
+ * is left on the heap. The store, the forwarding plane and the timers are the
+ * host's; it has removed our callbacks before. */
 __attribute__((destructor)) static void udp_vvlan_unload(void)
 {
     drop_events();

@@ -1,13 +1,12 @@
 /* The module's only timer. Every minute it adds a minute to each joined
  * automatic port that has no voice MAC, and makes it leave when the sum reaches
- * the aging time. Any other state starts the sum over. While the voice VLAN is
- * off no port is visited, so sums keep their value.
+ * the aging time. In any other state the sum is set to 0. While the voice VLAN
+ * is off no port is visited, so sums keep their value.
  */
 #include "udp_vvlan_age.h"
 
 #include "tq_global.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_glb_cfg.h"
 
 constexpr uint32_t VVLAN_SCAN_SECONDS = 60;

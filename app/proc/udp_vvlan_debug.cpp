@@ -1,12 +1,11 @@
-/* Logging and debug commands. The level is 1 (errors) unless a level file was
- * left for us; a command changes it at run time. The dumps print the tables as
- * they stand, in table order; they run on the event loop like everything else,
- * so nothing changes under them.
+/* The log level is 1 (errors) unless a level file names another one; a command
+ * changes it at run time. The dumps print the tables in table order. They run
+ * on the event loop like everything else, so no table changes meanwhile.
  */
 #include "udp_vvlan_debug.h"
 
 #include "ssat.h"
-#include "udp_vvlan.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_glb_cfg.h"
 #include "udp_vvlan_mac.h"
 #include "udp_vvlan_oui.h"
@@ -20,23 +19,12 @@
 constexpr uint32_t VVLAN_ZLOG_LEVEL_MAX = 5;
 constexpr size_t VVLAN_LEVEL_TEXT_SIZE = 20; /* bytes of the level file that are read */
 
-uint32_t g_vvlan_zlog_level = VVLAN_LOG_AT_ERROR;
-void *g_vvlan_zlog_category;
-
 /* Writable, so that a debugger can point a running module elsewhere. */
 char g_vvlan_level_file[] = "/var/tmp/udp_vvlan_debug";
 
 static uint32_t vvlan_dump_index = 1; /* running row number of dump_all_mac */
 
-void udp_vvlan_log_write(const char *file, size_t filelen, const char *func, size_t funclen, long line, int level,
-                         const char *text)
-{
-    if (g_vvlan_zlog_category != nullptr) {
-        tqdf_zlog(g_vvlan_zlog_category, file, filelen, func, funclen, line, level, "%s", text);
-    }
-}
-
-/* Takes a number from the level file, if there is one with any content. */
+/* Takes the level from the level file, if there is one with any content. */
 static void read_level_file(void)
 {
     FILE *file = fopen(g_vvlan_level_file, "r");
@@ -120,7 +108,7 @@ void udp_vvlan_dump_oui(void)
 
 static int dump_port_row(vvlan_port_t *port, [[maybe_unused]] void *arg)
 {
-    /* Column texts by bit; the trap column of other than enabled AUTO ports is blank. */
+    /* Column texts by bit. The last texts of trap and join are for ports that are not enabled and AUTO. */
     static const char *const mode[] = {"MANUAL", "AUTO"};
     static const char *const status[] = {"DISABLE", " ENABLE"};
     static const char *const trap[] = {"!TRAP", " TRAP", "     "};

@@ -8,7 +8,7 @@
 
 #include <stdint.h>
 
-/* What to do for one subscription; user argument of every call of this area.
+/* What to do for one subscription; the user argument of its calls to the store.
  * The handlers begin, scan and over receive the entry as their last argument. */
 typedef struct vvlan_ds_entry {
     tq_mom_callback_t begin;                                        /* the subscription is established */
@@ -19,12 +19,6 @@ typedef struct vvlan_ds_entry {
 } vvlan_ds_entry_t;
 
 extern "C" {
-
-/* 1 once the cycle's scan has been read and its stale records are swept. */
-extern uint8_t oui_cfg_scan_over;
-extern uint8_t port_cfg_scan_over;
-extern uint8_t glb_cfg_scan_over;
-extern uint8_t port_noti_scan_over;
 
 /* Makes the four subscriptions; 0 or the result of the first that fails. */
 int udp_vvlan_ds_init(void *ctx, const char *name);

@@ -1,17 +1,16 @@
 /* A report carries its type and what identifies the failed configuration. It
- * is built on the stack, written once and forgotten: whether the write worked
- * is of no use to anybody here, since there is nobody left to tell.
+ * is built on the stack and written once. The result of the write is ignored:
+ * there is no other way to report that.
  */
 #include "udp_vvlan_err.h"
 
 #include "p_bridge.pb-c.h"
 #include "tq_mom.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_glb_cfg.h"
-#include "udp_vvlan_oui.h"
+#include "udp_vvlan_oui_node.h"
 
-/* The message with all the sub-messages that some type of report links in. */
+/* The message, with the sub-messages of all types of report. */
 typedef struct vvlan_err_report {
     PBridge__VvlanErrEvent event;
     PBridge__BQos qos;

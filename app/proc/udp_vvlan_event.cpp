@@ -1,29 +1,16 @@
-/* A record is taken apart by its operation and passed to the handler of its
- * object with an add flag. The port decoder has one duty more: a set of an
- * automatic port clears the stale marks of the port's join state, which the
- * start-up sweep would otherwise remove although the port is still joined.
+/* A decoder checks a record and passes its object to the handler, with an add
+ * flag that follows from the operation. The port decoder does one thing more:
+ * when an automatic port is set, it clears the stale marks of the port's join
+ * state, which the start-up sweep would otherwise remove although the port is
+ * still joined.
  */
 #include "udp_vvlan_event.h"
 
 #include "p_bridge.pb-c.h"
 #include "s_bridge.pb-c.h"
 #include "u_bridge.pb-c.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_handler.h"
-
-int udp_vvlan_event_check(const tq_mom_record_t *record)
-{
-    if (record == nullptr) {
-        VVLAN_LOG_ERROR("Assert:MOM msg is NULL.\n");
-        return VVLAN_E_INVALID;
-    }
-    if (record->error != 0) {
-        VVLAN_LOG_ERROR("Assert:MOM error is %d.\n", record->error);
-        return VVLAN_E_INVALID;
-    }
-    return VVLAN_OK;
-}
 
 int udp_vvlan_event_set_oui_cfg([[maybe_unused]] void *ctx, tq_mom_record_t *record, [[maybe_unused]] uint32_t tag)
 {

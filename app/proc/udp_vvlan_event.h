@@ -1,4 +1,4 @@
-/* Decoders: every record of the four subscriptions is checked here completely
+/* Decoders: each record of the four subscriptions is checked completely here
  * before it reaches a handler.
  */
 #ifndef UDP_VVLAN_EVENT_H
@@ -7,12 +7,6 @@
 #include "tq_mom.h"
 
 #include <stdint.h>
-
-/* Field numbers of p_bridge.vvlan_glb_cfg: the tags of its subscriptions. */
-constexpr uint32_t VVLAN_GLB_FIELD_SWITCH = 5;
-constexpr uint32_t VVLAN_GLB_FIELD_SECU_MODE = 6;
-constexpr uint32_t VVLAN_GLB_FIELD_AGE_TIME = 7;
-constexpr uint32_t VVLAN_GLB_FIELD_QOS = 8;
 
 extern "C" {
 
@@ -23,10 +17,6 @@ int udp_vvlan_event_set_oui_cfg(void *ctx, tq_mom_record_t *record, uint32_t tag
 int udp_vvlan_event_set_glb_cfg(void *ctx, tq_mom_record_t *record, uint32_t tag);
 int udp_vvlan_event_set_port_cfg(void *ctx, tq_mom_record_t *record, uint32_t tag);
 int udp_vvlan_event_set_port_noti(void *ctx, tq_mom_record_t *record, uint32_t tag);
-
-/* Checks that every decoder begins with: a record, and no store error. -4, with
- * its log line, otherwise. */
-int udp_vvlan_event_check(const tq_mom_record_t *record);
 }
 
 #endif

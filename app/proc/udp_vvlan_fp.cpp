@@ -1,20 +1,15 @@
 /* The module owns three ACLs. The CoS and the MAC-VLAN ACL hold an ACE per OUI,
  * the security ACL a single ACE for the whole voice VLAN. They differ in their
- * names, ids, fields and texts only, so each is a row of a table, and one
- * function sets any of them.
+ * names, ids, fields and texts only, so each is a row, and one function sets,
+ * fills or binds any of them.
  *
- * ACEs are not kept here: they are built anew from the configuration whenever a
- * value that they carry changes, and an ACE set under its old id replaces the
+ * ACEs are not kept here: they are built again from the configuration whenever
+ * a value that they carry changes, and an ACE set under its old id replaces the
  * old one in the plane.
  */
 #include "udp_vvlan_fp.h"
 
-#include "p_bridge.pb-c.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
-#include "udp_vvlan_ds.h"
-#include "udp_vvlan_err.h"
-#include "udp_vvlan_glb_cfg.h"
+#include "udp_vvlan_base.h"
 
 #include <string.h>
 
@@ -22,51 +17,72 @@ static_assert(sizeof(vvlan_acl_desc_t) == 72, "descriptor layout is the plane's"
 static_assert(sizeof(vvlan_apply_t) == 44, "apply record layout is the plane's");
 static_assert(sizeof(fp_udp_field_t) == FP_UDP_FIELD_SIZE, "field record size is the plane's");
 
-/* What sets one ACL apart from the others. */
+/* What sets one ACL apart from the others. Its log lines differ in their
+ * punctuation, which stays as it is, since people search logs for them. */
 typedef struct vvlan_acl_kind {
+    const char *name; /* in log lines */
     char app_type[FP_UDP_APP_TYPE_SIZE];
     uint32_t acl_id;
     uint32_t apply_opt;
-    const char *switch_begin; /* log texts of the ACL's switch: id, add */
-    const char *switch_end;
-    const char *ace_no_acl;  /* of its ACE builder: code */
-    const char *ace_begin;   /* ACE id */
-    const char *ace_add_end; /* ACE id */
-    const char *ace_del_end; /* ACE id */
+    void (*fill)(fp_udp_ace_t *ace, const vvlan_oui_t *oui); /* appends the fields of an ACE */
+
+    bool logs_oui;               /* an ACE's log lines begin with the OUI */
+    bool only_enabled;           /* bound only while the voice VLAN is on; logged with the object's address */
+    const char *switch_comma[2]; /* in the log lines before and after a switch */
+    const char *switch_stop[2];
+    const char *alloc_verb; /* in the log line of a failed switch */
 } vvlan_acl_kind_t;
 
-static const vvlan_acl_kind_t vvlan_cos_kind = {"vvlan_secu_pas_app",
-                                                101,
-                                                0,
-                                                "set cos acl_id(%d) , add=%d.",
-                                                "set cos acl_id(%d) , add=%d",
-                                                "Assert:alloc cos acl failed, rv = %d.",
-                                                "add cos ace(%d) begin:",
-                                                "add cos ace(%d) end.",
-                                                "del cos ace(%d) end."};
-static const vvlan_acl_kind_t vvlan_mvlan_kind = {"mac_vlan_app",
-                                                  102,
-                                                  1,
-                                                  "set mvlan acl_id(%d), add=%d.",
-                                                  "set mvlan acl_id(%d) ,  add=%d.",
-                                                  "Assert:aloc mvlan acl failed, rv = %d.",
-                                                  "add mvlan ace(%d) begin:",
-                                                  "add mvlan ace(%d) end.",
-                                                  "del mvlan ace(%d) end."};
-static const vvlan_acl_kind_t vvlan_sec_kind = {"vvlan_secu_deny_app",
-                                                100,
-                                                0,
-                                                "set sec acl_id(%d) , add=%d.",
-                                                "set sec acl_id(%d) , add=%d.",
-                                                "Assert:alloc sec acl failed, rv = %d.",
-                                                "add sec ace(%d) begin:",
-                                                "add sec ace(%d) end.",
-                                                "del sec ace(%d) end."};
+static void fill_cos_ace(fp_udp_ace_t *ace, const vvlan_oui_t *oui);
+static void fill_mvlan_ace(fp_udp_ace_t *ace, const vvlan_oui_t *oui);
+static void fill_sec_ace(fp_udp_ace_t *ace, const vvlan_oui_t *oui);
 
-/* The order of marking and sweeping. */
+static const vvlan_acl_kind_t vvlan_cos_kind = {
+    .name = "cos",
+    .app_type = "vvlan_secu_pas_app",
+    .acl_id = 101,
+    .apply_opt = 0,
+    .fill = fill_cos_ace,
+    .logs_oui = true,
+    .only_enabled = false,
+    .switch_comma = {" , ", " , "},
+    .switch_stop = {".", ""},
+    .alloc_verb = "alloc",
+};
+static const vvlan_acl_kind_t vvlan_mvlan_kind = {
+    .name = "mvlan",
+    .app_type = "mac_vlan_app",
+    .acl_id = 102,
+    .apply_opt = 1,
+    .fill = fill_mvlan_ace,
+    .logs_oui = false,
+    .only_enabled = false,
+    .switch_comma = {", ", " ,  "},
+    .switch_stop = {".", "."},
+    .alloc_verb = "aloc",
+};
+static const vvlan_acl_kind_t vvlan_sec_kind = {
+    .name = "sec",
+    .app_type = "vvlan_secu_deny_app",
+    .acl_id = 100,
+    .apply_opt = 0,
+    .fill = fill_sec_ace,
+    .logs_oui = false,
+    .only_enabled = true,
+    .switch_comma = {" , ", " , "},
+    .switch_stop = {".", "."},
+    .alloc_verb = "alloc",
+};
+
+/* The order in which they are marked, swept and switched. */
 static const vvlan_acl_kind_t *const vvlan_kinds[] = {&vvlan_cos_kind, &vvlan_mvlan_kind, &vvlan_sec_kind};
 
 constexpr uint64_t VVLAN_SEC_ACE_ID = 1; /* the only ACE of its ACL */
+
+uint8_t oui_cfg_scan_over;
+uint8_t port_cfg_scan_over;
+uint8_t glb_cfg_scan_over;
+uint8_t port_noti_scan_over;
 
 uint8_t g_vvlan_ace_id_pool[VVLAN_ACE_POOL_SIZE];
 
@@ -120,12 +136,18 @@ void udp_vvlan_fp_del_expired(void *ctx)
 
 /* ---- ACLs ---- */
 
+static void log_switch(const vvlan_acl_kind_t *kind, uint32_t done, const vvlan_acl_t *acl, uint32_t add)
+{
+    VVLAN_LOG_INFO("set %s acl_id(%d)%sadd=%d%s", kind->name, acl->desc.acl_id, kind->switch_comma[done], add,
+                   kind->switch_stop[done]);
+}
+
 static int set_acl(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint32_t add)
 {
     if ((acl->created != 0) == (add != 0)) {
         return VVLAN_OK;
     }
-    VVLAN_LOG_INFO(kind->switch_begin, acl->desc.acl_id, add);
+    log_switch(kind, 0, acl, add);
     memset(&acl->desc, 0, sizeof acl->desc);
     memcpy(acl->desc.app_type, kind->app_type, sizeof acl->desc.app_type);
     acl->desc.acl_id = kind->acl_id;
@@ -137,7 +159,7 @@ static int set_acl(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint32_t add)
         vvlan_fp_mgr->ops->acl_del(g_udp_vvlan_global, &acl->desc);
         acl->created = 0;
     }
-    VVLAN_LOG_INFO(kind->switch_end, acl->desc.acl_id, add);
+    log_switch(kind, 1, acl, add);
     return VVLAN_OK;
 }
 
@@ -158,21 +180,15 @@ int udp_vvlan_set_sec_acl(vvlan_acl_t *acl, uint32_t add)
 
 int udp_vvlan_set_acl_exec(uint32_t add)
 {
-    int rv = udp_vvlan_set_cos_acl(&g_udp_vvlan_glb_cfg.cos_acl, add);
-    if (rv != 0) {
-        VVLAN_LOG_ERROR("Assert:udp_vvlan_set_cos_acl failed, rv = %d.", rv);
-        return rv;
+    vvlan_acl_t *acl[] = {&g_udp_vvlan_glb_cfg.cos_acl, &g_udp_vvlan_glb_cfg.mvlan_acl, &g_udp_vvlan_glb_cfg.sec_acl};
+    for (uint32_t i = 0; i < 3; i++) {
+        const int rv = set_acl(vvlan_kinds[i], acl[i], add);
+        if (rv != 0) {
+            VVLAN_LOG_ERROR("Assert:udp_vvlan_set_%s_acl failed, rv = %d.", vvlan_kinds[i]->name, rv);
+            return rv;
+        }
     }
-    rv = udp_vvlan_set_mvlan_acl(&g_udp_vvlan_glb_cfg.mvlan_acl, add);
-    if (rv != 0) {
-        VVLAN_LOG_ERROR("Assert:udp_vvlan_set_mvlan_acl failed, rv = %d.", rv);
-        return rv;
-    }
-    rv = udp_vvlan_set_sec_acl(&g_udp_vvlan_glb_cfg.sec_acl, add);
-    if (rv != 0) {
-        VVLAN_LOG_ERROR("Assert:udp_vvlan_set_sec_acl failed, rv = %d.", rv);
-    }
-    return rv;
+    return VVLAN_OK;
 }
 
 int udp_vvlan_set_acl(uint32_t add)
@@ -269,156 +285,106 @@ static void fill_sec_ace(fp_udp_ace_t *ace, [[maybe_unused]] const vvlan_oui_t *
     }
 }
 
-/* Installs the ACE under its id, with the fields that fill appends. */
-static int set_ace(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint64_t id,
-                   void (*fill)(fp_udp_ace_t *, const vvlan_oui_t *), const vvlan_oui_t *oui)
+/* Installs the ACE under its id, in place of the one that had it. */
+static int install_ace(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint64_t id, const vvlan_oui_t *oui)
 {
-    VVLAN_LOG_INFO(kind->ace_begin, static_cast<int>(id));
+    VVLAN_LOG_INFO("add %s ace(%d) begin:", kind->name, static_cast<int>(id));
     fp_udp_ace_t *ace = vvlan_fp_mgr->ops->ace_alloc(id, 0);
     if (ace == nullptr) {
         VVLAN_LOG_ERROR("Assert:alloc ace get a (NULL) data.");
         return VVLAN_E_NO_OBJECT;
     }
-    fill(ace, oui);
+    kind->fill(ace, oui);
     vvlan_fp_mgr->ops->ace_set(g_udp_vvlan_global, &acl->desc, ace);
     vvlan_fp_mgr->ops->ace_free(ace);
-    VVLAN_LOG_INFO(kind->ace_add_end, static_cast<int>(id));
+    VVLAN_LOG_INFO("add %s ace(%d) end.", kind->name, static_cast<int>(id));
     return VVLAN_OK;
 }
 
-static int delete_ace(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint64_t id)
+/* The ACL exists before an ACE goes into it. oui: null for the one ACE of the
+ * security ACL. */
+static int set_ace(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, const vvlan_oui_t *oui, uint32_t add)
 {
-    vvlan_fp_mgr->ops->ace_del(g_udp_vvlan_global, &acl->desc, id);
-    VVLAN_LOG_INFO(kind->ace_del_end, static_cast<int>(id));
-    return VVLAN_OK;
-}
-
-/* Sees to it that the ACL exists before an ACE goes into it. */
-static int ensure_acl(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl)
-{
-    const int rv = set_acl(kind, acl, 1);
+    const uint64_t id = oui != nullptr ? oui->ace_id : VVLAN_SEC_ACE_ID;
+    const int rv = add != 0 ? set_acl(kind, acl, 1) : VVLAN_OK;
     if (rv != 0) {
-        VVLAN_LOG_ERROR(kind->ace_no_acl, rv);
+        VVLAN_LOG_ERROR("Assert:%s %s acl failed, rv = %d.", kind->alloc_verb, kind->name, rv);
+        return rv;
     }
-    return rv;
+    if (kind->logs_oui && oui != nullptr) {
+        VVLAN_LOG_INFO("%x %x %x ", oui->mac[0], oui->mac[1], oui->mac[2]);
+    }
+    if (add != 0) {
+        return install_ace(kind, acl, id, oui);
+    }
+    vvlan_fp_mgr->ops->ace_del(g_udp_vvlan_global, &acl->desc, id);
+    VVLAN_LOG_INFO("del %s ace(%d) end.", kind->name, static_cast<int>(id));
+    return VVLAN_OK;
 }
 
 int udp_vvlan_set_cos_ace(vvlan_acl_t *acl, const vvlan_oui_t *oui, uint32_t add)
 {
-    if (add != 0) {
-        const int rv = ensure_acl(&vvlan_cos_kind, acl);
-        if (rv != 0) {
-            return rv;
-        }
-    }
-    VVLAN_LOG_INFO("%x %x %x ", oui->mac[0], oui->mac[1], oui->mac[2]);
-    return add != 0 ? set_ace(&vvlan_cos_kind, acl, oui->ace_id, fill_cos_ace, oui)
-                    : delete_ace(&vvlan_cos_kind, acl, oui->ace_id);
+    return set_ace(&vvlan_cos_kind, acl, oui, add);
 }
 
 int udp_vvlan_set_mvlan_ace(vvlan_acl_t *acl, const vvlan_oui_t *oui, uint32_t add)
 {
-    if (add == 0) {
-        return delete_ace(&vvlan_mvlan_kind, acl, oui->ace_id);
-    }
-    const int rv = ensure_acl(&vvlan_mvlan_kind, acl);
-    return rv != 0 ? rv : set_ace(&vvlan_mvlan_kind, acl, oui->ace_id, fill_mvlan_ace, oui);
+    return set_ace(&vvlan_mvlan_kind, acl, oui, add);
 }
 
 int udp_vvlan_set_sec_ace(vvlan_acl_t *acl, uint32_t add)
 {
-    if (add == 0) {
-        return delete_ace(&vvlan_sec_kind, acl, VVLAN_SEC_ACE_ID);
-    }
-    const int rv = ensure_acl(&vvlan_sec_kind, acl);
-    return rv != 0 ? rv : set_ace(&vvlan_sec_kind, acl, VVLAN_SEC_ACE_ID, fill_sec_ace, nullptr);
-}
-
-void udp_vvlan_set_ace(uint32_t add)
-{
-    int rv = udp_vvlan_set_sec_ace(&g_udp_vvlan_glb_cfg.sec_acl, add);
-    rv |= udp_vvlan_oui_set_ace(add);
-    if (rv != 0) {
-        VVLAN_LOG_WARN("add sec_ace fail !");
-        udp_vvlan_handler_err_event(P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_ENABLE, nullptr);
-    }
+    return set_ace(&vvlan_sec_kind, acl, nullptr, add);
 }
 
 /* ---- Bindings ---- */
 
-static vvlan_apply_t make_apply(const vvlan_acl_kind_t *kind, uint32_t phyid)
+static int apply_acl(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint32_t phyid, uint32_t apply)
 {
+    const fp_udp_mgr_ops_t *ops = vvlan_fp_mgr->ops;
     vvlan_apply_t record = {};
     memcpy(record.app_type, kind->app_type, sizeof record.app_type);
     record.phyid = phyid;
     record.apply_opt = kind->apply_opt;
-    return record;
-}
-
-/* The apply object, or null where there is none; bound and released already. */
-static const void *bind_acl(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint32_t phyid)
-{
-    const vvlan_apply_t record = make_apply(kind, phyid);
-    fp_udp_apply_t *apply = vvlan_fp_mgr->ops->apply_alloc(&record);
-    if (apply == nullptr) {
-        VVLAN_LOG_ERROR("Assert:phyid(0x%x) alloc apply get a (NULL) data.", phyid);
-        return nullptr;
+    if (apply == 0) {
+        ops->apply_del(g_udp_vvlan_global, &acl->desc, &record);
+        VVLAN_LOG_INFO("unapply phyid(0x%x) %s acl(%d) end.", phyid, kind->name, acl->desc.acl_id);
+        return VVLAN_OK;
     }
-    vvlan_fp_mgr->ops->apply_set(g_udp_vvlan_global, &acl->desc, acl->desc.acl_kind, apply);
-    vvlan_fp_mgr->ops->apply_free(apply);
-    return apply;
-}
-
-static void unbind_acl(const vvlan_acl_kind_t *kind, vvlan_acl_t *acl, uint32_t phyid)
-{
-    const vvlan_apply_t record = make_apply(kind, phyid);
-    vvlan_fp_mgr->ops->apply_del(g_udp_vvlan_global, &acl->desc, &record);
+    if (kind->only_enabled && g_udp_vvlan_glb_cfg.enable == 0) {
+        VVLAN_LOG_INFO("voice vlan not enable");
+        return VVLAN_OK;
+    }
+    fp_udp_apply_t *object = ops->apply_alloc(&record);
+    if (object == nullptr) {
+        VVLAN_LOG_ERROR("Assert:phyid(0x%x) alloc apply get a (NULL) data.", phyid);
+        return VVLAN_E_NO_OBJECT;
+    }
+    ops->apply_set(g_udp_vvlan_global, &acl->desc, acl->desc.acl_kind, object);
+    ops->apply_free(object);
+    if (kind->only_enabled) {
+        /* The object is released; its address only identifies it in the log. */
+        VVLAN_LOG_INFO("apply=%p apply phyid(0x%x) %s acl(%d) end.", static_cast<void *>(object), phyid, kind->name,
+                       acl->desc.acl_id);
+    } else {
+        VVLAN_LOG_INFO("apply phyid(0x%x) %s acl(%d) end.", phyid, kind->name, acl->desc.acl_id);
+    }
+    return VVLAN_OK;
 }
 
 int udp_vvlan_apply_cos_acl(vvlan_acl_t *acl, uint32_t phyid, uint32_t apply)
 {
-    if (apply == 0) {
-        unbind_acl(&vvlan_cos_kind, acl, phyid);
-        VVLAN_LOG_INFO("unapply phyid(0x%x) cos acl(%d) end.", phyid, acl->desc.acl_id);
-    } else if (bind_acl(&vvlan_cos_kind, acl, phyid) != nullptr) {
-        VVLAN_LOG_INFO("apply phyid(0x%x) cos acl(%d) end.", phyid, acl->desc.acl_id);
-    } else {
-        return VVLAN_E_NO_OBJECT;
-    }
-    return VVLAN_OK;
+    return apply_acl(&vvlan_cos_kind, acl, phyid, apply);
 }
 
 int udp_vvlan_apply_mvlan_acl(vvlan_acl_t *acl, uint32_t phyid, uint32_t apply)
 {
-    if (apply == 0) {
-        unbind_acl(&vvlan_mvlan_kind, acl, phyid);
-        VVLAN_LOG_INFO("unapply phyid(0x%x) mvlan acl(%d) end.", phyid, acl->desc.acl_id);
-    } else if (bind_acl(&vvlan_mvlan_kind, acl, phyid) != nullptr) {
-        VVLAN_LOG_INFO("apply phyid(0x%x) mvlan acl(%d) end.", phyid, acl->desc.acl_id);
-    } else {
-        return VVLAN_E_NO_OBJECT;
-    }
-    return VVLAN_OK;
+    return apply_acl(&vvlan_mvlan_kind, acl, phyid, apply);
 }
 
 int udp_vvlan_apply_sec_acl(vvlan_acl_t *acl, uint32_t phyid, uint32_t apply)
 {
-    if (apply == 0) {
-        unbind_acl(&vvlan_sec_kind, acl, phyid);
-        VVLAN_LOG_INFO("unapply phyid(0x%x) sec acl(%d) end.", phyid, acl->desc.acl_id);
-        return VVLAN_OK;
-    }
-    if (g_udp_vvlan_glb_cfg.enable == 0) {
-        VVLAN_LOG_INFO("voice vlan not enable");
-        return VVLAN_OK;
-    }
-    const void *object = bind_acl(&vvlan_sec_kind, acl, phyid);
-    if (object == nullptr) {
-        return VVLAN_E_NO_OBJECT;
-    }
-    /* The object is released; its address only identifies it in the log. */
-    VVLAN_LOG_INFO("apply=%p apply phyid(0x%x) sec acl(%d) end.", object, phyid, acl->desc.acl_id);
-    return VVLAN_OK;
+    return apply_acl(&vvlan_sec_kind, acl, phyid, apply);
 }
 
 /* ---- Outcomes ---- */

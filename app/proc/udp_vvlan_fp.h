@@ -2,27 +2,28 @@
  * their ACEs, the ids of ACEs, and the ACLs' bindings to ports.
  *
  * Outcomes come back through callbacks that only log, so a record's created
- * flag says what was asked for, not what was achieved.
+ * flag says what was requested, not what was achieved.
  */
 #ifndef UDP_VVLAN_FP_H
 #define UDP_VVLAN_FP_H
 
 #include "fp_udp.h"
-#include "udp_vvlan_oui.h"
+#include "udp_vvlan_glb_cfg.h"
+#include "udp_vvlan_oui_node.h"
 
 #include <stdint.h>
-
-/* One of the module's ACLs. Never moves: the plane gets the descriptor's address. */
-typedef struct vvlan_acl {
-    uint8_t created;       /* 1 from the request to set it until the request to delete it */
-    vvlan_acl_desc_t desc; /* as last handed to the plane */
-} vvlan_acl_t;
 
 constexpr uint32_t VVLAN_ACE_ID_NONE = 0;
 constexpr uint32_t VVLAN_ACE_ID_COUNT = 128; /* 0 is never handed out */
 constexpr uint32_t VVLAN_ACE_POOL_SIZE = VVLAN_ACE_ID_COUNT / 8;
 
 extern "C" {
+
+/* 1 once the cycle's scan has been read and its stale records are swept. */
+extern uint8_t oui_cfg_scan_over;
+extern uint8_t port_cfg_scan_over;
+extern uint8_t glb_cfg_scan_over;
+extern uint8_t port_noti_scan_over;
 
 /* Ids in use: id n is bit n mod 8 of byte n div 8. */
 extern uint8_t g_vvlan_ace_id_pool[VVLAN_ACE_POOL_SIZE];
@@ -52,9 +53,6 @@ void udp_vvlan_free_ace_id(int id); /* ids outside 0 to 127 and free ones are ig
 int udp_vvlan_set_cos_ace(vvlan_acl_t *acl, const vvlan_oui_t *oui, uint32_t add);
 int udp_vvlan_set_mvlan_ace(vvlan_acl_t *acl, const vvlan_oui_t *oui, uint32_t add);
 int udp_vvlan_set_sec_ace(vvlan_acl_t *acl, uint32_t add);
-
-/* The security ACE and every OUI's; a failure is reported as an error event. */
-void udp_vvlan_set_ace(uint32_t add);
 
 /* ---- Bindings of an ACL to a port. apply non-zero: bind. 0 or -2. ---- */
 int udp_vvlan_apply_cos_acl(vvlan_acl_t *acl, uint32_t phyid, uint32_t apply);

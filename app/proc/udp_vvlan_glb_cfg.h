@@ -1,11 +1,17 @@
-/* The one global configuration record, and switching the voice VLAN on and off.
+/* The one global configuration record, with the ACLs that carry it out.
  */
 #ifndef UDP_VVLAN_GLB_CFG_H
 #define UDP_VVLAN_GLB_CFG_H
 
-#include "udp_vvlan_fp.h"
+#include "fp_udp.h"
 
 #include <stdint.h>
+
+/* One of the module's ACLs. Never moves: the plane gets the descriptor's address. */
+typedef struct vvlan_acl {
+    uint8_t created;       /* 1 from the request to set it until the request to delete it */
+    vvlan_acl_desc_t desc; /* as last handed to the plane */
+} vvlan_acl_t;
 
 /* Every area reads it; only the configuration handlers write its settings. */
 typedef struct vvlan_glb_cfg {
@@ -28,18 +34,8 @@ extern "C" {
 
 extern vvlan_glb_cfg_t g_udp_vvlan_glb_cfg;
 
-/* Defaults and empty tables, at first start. 0 or the first failing step's code. */
-int udp_vvlan_glb_cfg_init(void);
-
 /* Sets the settings, not the ACL records, to their defaults. */
 void udp_vvlan_recover(void);
-
-/* Switches the voice VLAN on with this id: ACLs, ACEs, then every port. With id
- * 0 only clears enable. 0 or the result of the port walk. */
-int udp_vvlan_add_vid(uint32_t vid);
-
-/* Switches it off if this is its id. */
-void udp_vvlan_del_vid(uint32_t vid);
 }
 
 #endif

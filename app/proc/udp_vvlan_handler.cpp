@@ -1,24 +1,54 @@
 /* What a change of configuration does, object by object. Handlers run to
- * completion, do not retry, and do not roll back: what a failed step leaves
- * behind is corrected by the next event or the next re-initialisation.
+ * completion, do not retry, and do not roll back: the next event or the next
+ * re-initialisation corrects what a failed step leaves behind.
+ *
+ * Switching on creates the ACLs, fills them and applies every port's
+ * configuration. Switching off takes every port out while the ACLs still exist,
+ * since the ports look at them, and removes ACEs and ACLs afterwards. Switching
+ * to another id is switching on again: ACLs and ACEs are replaced in place, so
+ * that calls on other ports are not disturbed.
  */
 #include "udp_vvlan_handler.h"
 
 #include "libddm.h"
+#include "p_bridge.pb-c.h"
 #include "s_cluster.pb-c.h"
 #include "tq_mom.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
-#include "udp_vvlan_event.h"
+#include "udp_vvlan_base.h"
+#include "udp_vvlan_err.h"
 #include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"
 #include "udp_vvlan_mac.h"
 #include "udp_vvlan_oui.h"
 #include "udp_vvlan_port.h"
+#include "udp_vvlan_recover.h"
 
 /* protobuf-c's strings are not const; the store only reads them. */
 static char vvlan_pkt_app_name[] = "pkt_vvlan";
 static char vvlan_pkt_library[] = "libpkt.vvlan.sw.so";
+
+int udp_vvlan_glb_cfg_init(void)
+{
+    static const struct {
+        const char *name; /* in log lines */
+        int (*init)(void);
+    } steps[] = {
+        {"udp_vvlan_port_init", udp_vvlan_port_init},
+        {"udp_vvlan_mac_init", udp_vvlan_mac_init},
+        {"udp_vvlan_recover_init", udp_vvlan_recover_table_init},
+    };
+    udp_vvlan_recover();
+    udp_vvlan_oui_init();
+    for (const auto &step : steps) {
+        const int rv = step.init();
+        if (rv != 0) {
+            VVLAN_LOG_ERROR("Assert:<init> %s failed, rv = %d.", step.name, rv);
+            return rv;
+        }
+    }
+    VVLAN_LOG_INFO("udp_vvlan_indep_init succeed!");
+    return VVLAN_OK;
+}
 
 int udp_vvlan_handler_init(void *ctx, const char *name)
 {
@@ -34,6 +64,44 @@ int udp_vvlan_handler_init(void *ctx, const char *name)
     object.dlib_name = vvlan_pkt_library;
     tq_mom_set(ctx, VVLAN_DB_STATUS, &object.base, nullptr, nullptr);
     return VVLAN_OK;
+}
+
+/* ---- Switching ---- */
+
+void udp_vvlan_set_ace(uint32_t add)
+{
+    int rv = udp_vvlan_set_sec_ace(&g_udp_vvlan_glb_cfg.sec_acl, add);
+    rv |= udp_vvlan_oui_set_ace(add);
+    if (rv != 0) {
+        VVLAN_LOG_WARN("add sec_ace fail !");
+        udp_vvlan_handler_err_event(P_BRIDGE__VVLAN_ERR_TYPE__VVLAN_SET_ENABLE, nullptr);
+    }
+}
+
+int udp_vvlan_add_vid(uint32_t vid)
+{
+    if (vid == 0) {
+        g_udp_vvlan_glb_cfg.enable = 0;
+        return VVLAN_OK;
+    }
+    g_udp_vvlan_glb_cfg.vid = vid;
+    g_udp_vvlan_glb_cfg.enable = 1;
+    udp_vvlan_set_acl(1);
+    udp_vvlan_set_ace(1);
+    return udp_vvlan_port_hash_traverse(udp_vvlan_port_cfg, nullptr);
+}
+
+void udp_vvlan_del_vid(uint32_t vid)
+{
+    if (vid != g_udp_vvlan_glb_cfg.vid) {
+        VVLAN_LOG_INFO("wrong vid(%d)!", vid);
+        return;
+    }
+    g_udp_vvlan_glb_cfg.vid = 0;
+    g_udp_vvlan_glb_cfg.enable = 0;
+    udp_vvlan_port_hash_traverse(udp_vvlan_port_remove_vvlan, nullptr);
+    udp_vvlan_set_ace(0);
+    udp_vvlan_set_acl(0);
 }
 
 /* ---- Global configuration, a handler per field ---- */
@@ -67,7 +135,7 @@ static int set_secu_mode(const PBridge__VvlanGlbCfg *msg)
     return VVLAN_OK;
 }
 
-/* Counters that run go on; the next aging scan compares them with the new value. */
+/* The ports' counters keep their values; the next aging scan compares them with the new time. */
 static int set_age_time(const PBridge__VvlanGlbCfg *msg)
 {
     g_udp_vvlan_glb_cfg.age_time = static_cast<uint16_t>(msg->age_time);
@@ -162,8 +230,8 @@ int udp_vvlan_handler_check_port_cfg(const PBridge__VvlanPortCfg *msg)
 }
 
 /* A new record starts as joined and without voice devices; the apply step and
- * the first notifications move it from there. The physical id is looked up
- * once: a port that has none keeps its record, unconfigured. */
+ * the first notifications change that. The physical id is looked up once: a port
+ * without one keeps its record, but is not configured. */
 static int create_port(const PBridge__VvlanPortCfg *msg, vvlan_port_t **out)
 {
     vvlan_port_t tmpl = {};
@@ -247,8 +315,8 @@ int udp_vvlan_handler_set_port_noti([[maybe_unused]] uint32_t op, const SBridge_
     if (port == nullptr || port->vvlan_en == 0 || port->auto_mod == 0) {
         return VVLAN_OK;
     }
-    /* Made for a joined port too: it rewrites the join state and takes a trap
-     * that was set again, after an OUI was added, off once more. */
+    /* A joined port joins again too: that writes its join state again, and
+     * removes the trap that an added OUI has set. */
     rv = udp_vvlan_port_join_vvlan(port, 1);
     if (rv != 0) {
         VVLAN_LOG_WARN("rv = %d", rv);

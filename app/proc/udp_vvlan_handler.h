@@ -1,6 +1,7 @@
 /* Handlers of the configuration objects: what a decoded message does to the
- * state. A handler that is given a message with missing or short parts logs it,
- * changes nothing and returns -4.
+ * state. A handler that gets a message with missing or short parts logs it,
+ * changes nothing and returns -4. Also the switching of the voice VLAN, and the
+ * first initialisation of the tables that the handlers change.
  */
 #ifndef UDP_VVLAN_HANDLER_H
 #define UDP_VVLAN_HANDLER_H
@@ -10,10 +11,33 @@
 
 #include <stdint.h>
 
+/* Field numbers of p_bridge.vvlan_glb_cfg: the tags of its subscriptions. */
+constexpr uint32_t VVLAN_GLB_FIELD_SWITCH = 5;
+constexpr uint32_t VVLAN_GLB_FIELD_SECU_MODE = 6;
+constexpr uint32_t VVLAN_GLB_FIELD_AGE_TIME = 7;
+constexpr uint32_t VVLAN_GLB_FIELD_QOS = 8;
+
 extern "C" {
+
+/* Defaults and empty tables, at first start. 0 or the first failing step's code. */
+int udp_vvlan_glb_cfg_init(void);
 
 /* Opens the port-id mapping and registers the packet library, at first start. */
 int udp_vvlan_handler_init(void *ctx, const char *name);
+
+/* ---- Switching ---- */
+
+/* Switches the voice VLAN on with this id: ACLs, ACEs, then every port. With id
+ * 0 only clears enable. 0 or the result of the port walk. */
+int udp_vvlan_add_vid(uint32_t vid);
+
+/* Switches it off if this is its id. */
+void udp_vvlan_del_vid(uint32_t vid);
+
+/* The security ACE and every OUI's; a failure is reported as an error event. */
+void udp_vvlan_set_ace(uint32_t add);
+
+/* ---- Configuration objects ---- */
 
 /* One field of the global configuration, named by its field number. op is not
  * used. -11: the MAC subscription failed; -20: unknown field. */

@@ -3,9 +3,9 @@
  * Open addressing over record pointers with two flag bits per bucket and
  * triangular probing. Records carry their own key and never move, so callers
  * keep pointers to them across inserts. Behind the flags lies a tag byte per
- * bucket with some bits of the hash: a look-up goes by the tags and touches a
- * record, which is seldom in the cache, only where it is likely the right one.
- * A key is given by a Traits type:
+ * bucket with some bits of the hash. A look-up compares the tags first: records
+ * are seldom in the cache, so it reads only one that probably has the key.
+ * A Traits type describes the key:
  *
  *   using record = ...;                                  the record type
  *   static uint32_t hash(const record *);                over the key bytes
@@ -18,7 +18,7 @@
 #ifndef UDP_VVLAN_HASH_H
 #define UDP_VVLAN_HASH_H
 
-#include "udp_vvlan.h"
+#include "udp_vvlan_base.h"
 
 #include <stdint.h>
 #include <stdlib.h>
@@ -175,8 +175,8 @@ template <typename Traits> struct vvlan_hash_ops {
         }
     }
 
-    /* Walks buckets start to start + count - 1; n_buckets is read anew each
-     * time, and the callback may remove records, its own included. */
+    /* Walks buckets start to start + count - 1. The callback may remove records,
+     * the one that it got included. */
     static int traverse(const vvlan_hash_t *table, walk_callback callback, uint32_t start, uint32_t count, void *arg)
     {
         for (uint32_t bucket = start; table != nullptr && bucket < table->n_buckets && bucket - start < count;
@@ -245,8 +245,9 @@ template <typename Traits> struct vvlan_hash_ops {
         udp_vvlan_hash_tags(flags, n_buckets)[bucket] = udp_vvlan_hash_tag(hash);
     }
 
-    /* The first deleted bucket on the key's way (a reused site), the key's own
-     * bucket, or the empty one that ends the way; n_buckets when all are taken. */
+    /* Where the record goes: the first deleted bucket that is probed, the key's
+     * own bucket, or the empty one that ends the probing; n_buckets when all are
+     * taken. */
     static uint32_t insert_target(const vvlan_hash_t *table, const record *item)
     {
         const uint32_t mask = table->n_buckets - 1;
@@ -312,8 +313,8 @@ template <typename Traits> struct vvlan_hash_ops {
         return true;
     }
 
-    /* In place: each record goes to its new bucket and kicks out the one that
-     * still sits there, which is carried on in turn. */
+    /* In place: each record goes to its new bucket. If a record that has not
+     * moved yet is there, that one is moved next. */
     static void move_records(vvlan_hash_t *table, uint32_t *flags, uint32_t n_buckets)
     {
         const uint32_t mask = n_buckets - 1;
@@ -345,8 +346,8 @@ template <typename Traits> struct vvlan_hash_ops {
 
 /* The exported functions of one instance, udp_vvlan_NAME_…, around its table
  * udp_vvlan_NAME_list:
- *   hash_init        a new, empty table; 0, or -2 without memory. A table that
- *                    is there already is not looked at.
+ *   hash_init        a new, empty table; 0, or -2 without memory. Does not free
+ *                    the table that was there.
  *   hash_insert      stores the pointer; always 0, also where nothing was stored
  *   hash_remove      takes the record with this key out, without freeing it
  *   hash_find        the record with this key, or null

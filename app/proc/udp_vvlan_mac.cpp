@@ -1,19 +1,18 @@
-/* The bridge learns; we are told. For the voice VLAN the module keeps a
- * registration object in the store, a subscription to the bridge's
- * notifications, and a record for each notified MAC that an OUI matches, under
- * the port where it was last seen. A MAC does not make a port join; it only
- * keeps a joined port from aging out.
+/* The bridge learns addresses and notifies the module. For the voice VLAN the
+ * module keeps a registration object in the store, a subscription to the
+ * bridge's notifications, and a record for each notified MAC that an OUI
+ * matches, under the port where it was last seen. A MAC does not make a port
+ * join; it only keeps a joined port from aging out.
  *
- * The registration is kept in step with a mark-and-sweep cycle at each
- * establishment. Withdrawing happens after the voice VLAN id has changed
- * already, so the ids that were subscribed and registered are remembered here.
+ * Each time the subscription is established, a mark-and-sweep cycle removes
+ * old registrations. A registration is withdrawn after the voice VLAN id has
+ * changed, so the subscribed and the registered id are remembered here.
  */
 #include "udp_vvlan_mac.h"
 
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
-#include "udp_vvlan_event.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_glb_cfg.h"
+#include "udp_vvlan_oui.h"
 #include "udp_vvlan_port.h"
 
 constexpr uint64_t VVLAN_MAC_OWNER = 1000;  /* owner of our registration objects */
@@ -22,7 +21,7 @@ constexpr uint64_t VVLAN_MAC_EXPIRY = 1000; /* of their data-sync cycle */
 constexpr uint32_t VVLAN_VID_NONE = UINT32_MAX;        /* 0 is the subscription to every VLAN */
 static uint32_t vvlan_subscribed_vid = VVLAN_VID_NONE; /* of the subscription */
 static uint32_t vvlan_registered_vid = VVLAN_VID_NONE; /* of the registration object */
-static uint32_t vvlan_withdrawn_vid = VVLAN_VID_NONE;  /* of the unsubscription whose 28 is still to come */
+static uint32_t vvlan_withdrawn_vid = VVLAN_VID_NONE;  /* unsubscribed; its 28 has not come yet */
 
 VVLAN_HASH_DEFINE(mac, vvlan_mac_traits);
 
@@ -109,8 +108,8 @@ static int unsubscribe(uint32_t vid)
     vvlan_noti_template_t tmpl;
     const uint32_t withdrawn_before = vvlan_withdrawn_vid;
     if (vvlan_subscribed_vid == vid) {
-        /* Set first: the withdrawal may be told before the call returns. Where
-         * nothing is subscribed there is none to come. */
+        /* Set before the call, since the withdrawal may come before it returns.
+         * Without a subscription no withdrawal comes. */
         vvlan_withdrawn_vid = vid;
     }
     const int rv = tq_mom_unsubscribe(g_udp_vvlan_global, VVLAN_DB_ADDRESS, make_noti_template(&tmpl, vid),
@@ -164,8 +163,8 @@ static int open_registration_cycle(void *ctx, void *user)
     return VVLAN_OK;
 }
 
-/* The VLAN whose registration a withdrawal means: the one unsubscribed last,
- * else the one that is registered, subscribed, or the present one. */
+/* The VLAN whose registration is withdrawn: the one that was unsubscribed last,
+ * else the registered one, the subscribed one, or the present one. */
 static uint32_t take_withdrawn_vid(void)
 {
     const uint32_t candidates[] = {vvlan_withdrawn_vid, vvlan_registered_vid, vvlan_subscribed_vid};
@@ -324,7 +323,7 @@ int udp_vvlan_event_set_mac_noti([[maybe_unused]] void *ctx, tq_mom_record_t *re
 
 /* ---- Notification handling ---- */
 
-/* Whether a port takes part: learned MACs matter for enabled automatic ports. */
+/* Learned MACs matter for enabled automatic ports alone. */
 static bool follows_macs(const vvlan_port_t *port)
 {
     return port != nullptr && port->vvlan_en != 0 && port->auto_mod != 0;
@@ -339,8 +338,8 @@ static void mark_aged_if_macless(vvlan_port_t *port)
     }
 }
 
-/* A device seen on another port has moved, if its old port still follows MACs;
- * otherwise its record stays until that port lets go of it. */
+/* A device that is seen on another port has moved, if its old port still follows
+ * MACs; otherwise the record stays with that port until the port drops it. */
 static void move_mac(vvlan_mac_t *record, vvlan_port_t *port)
 {
     vvlan_port_t *old_port = udp_vvlan_port_get(record->ifx);

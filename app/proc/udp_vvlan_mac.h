@@ -1,14 +1,14 @@
-/* Learned voice-device MACs, and the notifications of the bridge that bring
- * them and take them away.
+/* Learned voice-device MACs, and the bridge's notifications that add and remove
+ * them.
  */
 #ifndef UDP_VVLAN_MAC_H
 #define UDP_VVLAN_MAC_H
 
 #include "tq_mom.h"
 #include "u_bridge.pb-c.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_hash.h"
 #include "udp_vvlan_list.h"
-#include "udp_vvlan_oui.h"
 
 #include <stdint.h>
 #include <string.h>
@@ -57,7 +57,7 @@ bool udp_vvlan_mac_data_valid(const PLibpub__Mac *mac);
 int udp_vvlan_mac_subscribe(uint32_t sub);
 int udp_vvlan_mac_subscribe_callback(void *ctx, tq_mom_record_t *record, void *user);
 
-/* Scans the present notifications; ifx other than 0 handles that port's alone. */
+/* Scans the present notifications; with ifx other than 0, only those of that port are handled. */
 int udp_vvlan_mac_scan(uint32_t ifx);
 
 /* Decodes one record of scan or subscription; ifx: the scan's port, widened to
@@ -71,8 +71,8 @@ void udp_vvlan_mac_print_noti(int32_t operate, const UBridge__MacVidRegNoti *not
 /* Applies one notification: add 1 set, 0 delete. -4 for one without its MAC. */
 int udp_vvlan_handler_set_mac_noti(uint32_t add, const UBridge__MacVidRegNoti *noti);
 
-/* Walk callback when an OUI (vvlan_oui_t, in arg) goes: drops the MACs that it
- * matches. */
+/* Walk callback when an OUI (vvlan_oui_t, the argument) is deleted: drops the
+ * record if the OUI matches its MAC. */
 int udp_vvlan_del_oui_mac(vvlan_mac_t *record, void *oui);
 }
 

@@ -1,18 +1,17 @@
-/* OUIs live in a small hash of lists. Each holds one ACE id, under which its
- * CoS ACE, its MAC-VLAN ACE and its record in the object store are known.
+/* OUIs are kept in a small hash of lists. Each has one ACE id, which its CoS
+ * ACE, its MAC-VLAN ACE and its record in the object store share.
  *
  * Most learned MACs belong to no voice device, so a miss has to be as cheap as
  * a hit. The first and last addresses of the OUIs cut all addresses into ranges
- * with one answer each, which a binary search finds. The ranges are made anew
- * by the first look-up after the OUIs have changed.
+ * with one answer each, which a binary search finds. The first look-up after a
+ * change of the OUIs makes the ranges again.
  */
 #include "udp_vvlan_oui.h"
 
 #include "p_bridge.pb-c.h"
 #include "tq_mom.h"
 #include "u_bridge.pb-c.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_err.h"
 #include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"

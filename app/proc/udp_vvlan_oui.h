@@ -3,20 +3,11 @@
 #ifndef UDP_VVLAN_OUI_H
 #define UDP_VVLAN_OUI_H
 
-#include "udp_vvlan_list.h"
+#include "udp_vvlan_oui_node.h"
 
 #include <stdint.h>
 
-constexpr uint32_t VVLAN_MAC_SIZE = 6;
 constexpr uint32_t VVLAN_OUI_BUCKET_COUNT = 16;
-
-/* One configured OUI, identified by mac and mask together, byte for byte. */
-typedef struct vvlan_oui {
-    vvlan_list_t link;            /* in its bucket of g_udp_vvlan_oui */
-    uint8_t mac[VVLAN_MAC_SIZE];  /* as configured, not masked */
-    uint8_t mask[VVLAN_MAC_SIZE]; /* as configured */
-    uint32_t ace_id;              /* of its two ACEs and of its record in the store; 1 to 127 */
-} vvlan_oui_t;
 
 extern "C" {
 
@@ -37,7 +28,7 @@ vvlan_oui_t *udp_vvlan_oui_find_mac(const uint8_t *mac);
  * Null when memory or ACE ids are exhausted; nothing is kept then. */
 vvlan_oui_t *udp_vvlan_oui_add_node(const uint8_t *mac, const uint8_t *mask);
 
-/* Takes an OUI away with its ACEs, its record and the learned MACs that it
+/* Removes an OUI with its ACEs, its record and the learned MACs that it
  * matches, and frees it. */
 void udp_vvlan_oui_del_node(vvlan_oui_t *node);
 

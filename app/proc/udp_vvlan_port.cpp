@@ -4,18 +4,16 @@
  * voice device for the aging time; joining and leaving are written to the
  * object store, so that they outlive this process.
  *
- * The bits of a port say what was asked for. Writes and ACL calls follow them,
- * and one that fails does not turn them back: the next event of the port asks
- * again.
+ * The bits of a port say what was requested. They are set before the writes and
+ * ACL calls, and a failure does not reset them: the next event of the port
+ * repeats the request.
  */
 #include "udp_vvlan_port.h"
 
 #include "p_bridge.pb-c.h"
 #include "tq_mom.h"
 #include "u_bridge.pb-c.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
-#include "udp_vvlan_ds.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_err.h"
 #include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"
@@ -244,7 +242,7 @@ int udp_vvlan_port_aply_acl(vvlan_port_t *port, uint32_t auto_mod)
     VVLAN_LOG_INFO("auto_mod=%d ", auto_mod);
     if (voice_acls_exist()) {
         int rv;
-        /* A port that was joined before a restart goes back at once, but only
+        /* A port that was joined before a restart joins again at once, but only
          * while the start-up scan runs: later its entry may be out of date. */
         const bool rejoin = port_cfg_scan_over == 0 && udp_vvlan_get_recover_entry(port->ifx) != nullptr;
         if (auto_mod == 0 || rejoin) {
@@ -325,7 +323,7 @@ int udp_vvlan_port_cfg_sec(vvlan_port_t *port, [[maybe_unused]] void *arg)
         return VVLAN_OK;
     }
     /* A joined port is trapped too: a device of the new OUI may be the one that
-     * keeps it joined from now on. */
+     * keeps it joined. */
     const int rv = port->auto_mod != 0 ? udp_vvlan_port_set_trap(port, 1) : put_in_voice_vlan(port);
     VVLAN_LOG_INFO("apply acl ,rv:%d", rv);
     if (rv != 0) {

@@ -73,7 +73,7 @@ int udp_vvlan_port_set_trap(vvlan_port_t *port, uint32_t add);
 /* Joins (add 1) or leaves the voice VLAN. */
 int udp_vvlan_port_join_vvlan(vvlan_port_t *port, uint32_t add);
 
-/* Puts ACLs and trap into the state that the mode calls for, or takes them off. */
+/* Sets ACLs and trap as the mode requires, or removes them. */
 int udp_vvlan_port_aply_acl(vvlan_port_t *port, uint32_t auto_mod);
 int udp_vvlan_port_unaply_acl(vvlan_port_t *port);
 

@@ -1,14 +1,12 @@
 /* The join object of a port is written when it joins and deleted when it
  * leaves, and the table mirrors them. Both are read back before the port
- * configuration arrives, so that a port that was joined before a restart is
- * put back at once instead of waiting for its telephone to be noticed again.
+ * configuration arrives, so that a port that was joined before a restart joins
+ * again at once and does not wait until its telephone is noticed.
  */
 #include "udp_vvlan_recover.h"
 
 #include "u_bridge.pb-c.h"
-#include "udp_vvlan.h"
-#include "udp_vvlan_debug.h"
-#include "udp_vvlan_event.h"
+#include "udp_vvlan_base.h"
 
 VVLAN_HASH_DEFINE(recover, vvlan_recover_traits);
 

@@ -2,6 +2,7 @@
 // number that the file says where it says one.
 #include "tests/fuzz/memory_file.h"
 #include "tests/support/recording_platform.h"
+#include "udp_vvlan_base.h"
 #include "udp_vvlan_debug.h"
 
 extern char g_vvlan_level_file[];

@@ -10,6 +10,7 @@
 #include "udp_vvlan_ds.h"
 #include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"
+#include "udp_vvlan_handler.h"
 #include "udp_vvlan_mac.h"
 #include "udp_vvlan_oui.h"
 #include "udp_vvlan_port.h"

@@ -14,6 +14,7 @@
 #include "udp_vvlan_glb_cfg.h"
 #include "udp_vvlan_handler.h"
 #include "udp_vvlan_mac.h"
+#include "udp_vvlan_oui.h"
 #include "udp_vvlan_port.h"
 #include "udp_vvlan_recover.h"
 

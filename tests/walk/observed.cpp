@@ -7,6 +7,7 @@
 #include "platform/mom/local/store_local.h"
 #include "tests/walk/model.h"
 #include "u_bridge.pb-c.h"
+#include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"
 #include "udp_vvlan_mac.h"
 #include "udp_vvlan_oui.h"

@@ -9,9 +9,11 @@
 #include "udp_vvlan_ds.h"
 #include "udp_vvlan_err.h"
 #include "udp_vvlan_event.h"
+#include "udp_vvlan_fp.h"
 #include "udp_vvlan_glb_cfg.h"
 #include "udp_vvlan_handler.h"
 #include "udp_vvlan_mac.h"
+#include "udp_vvlan_oui.h"
 #include "udp_vvlan_port.h"
 #include "udp_vvlan_recover.h"
 
