@@ -4,10 +4,7 @@
 // Each measurement has a module of its own. Its operations take turns, batch by
 // batch, so that a change of the machine's speed meets all of them, and the
 // figure of an operation is the median of its batches.
-//
-//   bench_module [--curves FOLDER]   and write bench-ports.svg, bench-macs.svg
 #include "bench/daily_life.h"
-#include "bench/svg.h"
 #include "bench/times.h"
 
 #include <algorithm>
@@ -18,7 +15,6 @@
 #include <map>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace
@@ -189,24 +185,6 @@ void print_events(const std::string &title, const std::vector<uint32_t> &sizes, 
     }
 }
 
-Chart make_chart(const std::string &title, const std::string &x_title, const std::vector<uint32_t> &sizes,
-                 const std::vector<Figures> &columns)
-{
-    Chart chart = {title, x_title, "time of one event", {}};
-    for (const Event &event : events) {
-        // The ranges are made from the OUIs alone: a flat line.
-        if (std::string_view(event.name) == "mac_after_oui") {
-            continue;
-        }
-        Curve curve = {event.text, {}};
-        for (size_t i = 0; i < sizes.size(); i++) {
-            curve.points.emplace_back(sizes[i], columns[i].at(event.name));
-        }
-        chart.curves.push_back(curve);
-    }
-    return chart;
-}
-
 // ---- Memory ----------------------------------------------------------------
 
 struct Memory {
@@ -274,15 +252,8 @@ uint64_t count_steady_allocations(Visitors visitors, const char *text, uint64_t 
 
 } // namespace
 
-int main(int argc, char **argv)
+int main()
 {
-    std::string folder;
-    if (argc == 3 && std::string_view(argv[1]) == "--curves") {
-        folder = argv[2];
-    } else if (argc != 1) {
-        std::fprintf(stderr, "usage: bench_module [--curves FOLDER]\n");
-        return 2;
-    }
     const uint64_t seed = std::random_device{}();
     std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
 
@@ -298,14 +269,6 @@ int main(int argc, char **argv)
         by_macs.push_back(measure_events(usual_port_count, count, seed));
     }
     print_events("MACs, with 127 OUIs and 1000 ports", mac_counts, by_macs);
-    if (!folder.empty() && !(write_svg(make_chart("Events with 127 OUIs and 16000 MACs, by number of ports", "ports",
-                                                  port_counts, by_ports),
-                                       folder + "/bench-ports.svg") &&
-                             write_svg(make_chart("Events with 127 OUIs and 1000 ports, by number of MACs",
-                                                  "number of learned MACs", mac_counts, by_macs),
-                                       folder + "/bench-macs.svg"))) {
-        return 1;
-    }
     const Memory memory = measure_memory(usual_port_count, usual_mac_count, seed);
     std::printf("\nbytes: port %.1f, port that joined by itself %.1f, MAC %.1f\n", memory.port, memory.joined_port,
                 memory.mac);
