@@ -12,7 +12,7 @@ namespace vvl::fault
 enum class Answer {
     goes_on,        // the module reports it and works on
     ends_process,   // the start-up or re-initialisation ends the process with the code
-    stops_loading,  // an entry point hands the code to the host, which starts the module anew
+    stops_loading,  // an entry point hands the code to the host, which starts the module again
     lasts_for_life, // what was not set up is missing until the module is restarted
     lasts_in_plane, // the same in the forwarding plane: the reconciliation of a restart makes it good
 };

@@ -3,7 +3,7 @@
 // they may fail, and what counts is the state at the end.
 //
 // The host's part of a fault is played here: a module that cannot be loaded, or
-// that asks the host to finish, is started anew, and the fault is over then.
+// that asks the host to finish, is started again, and the fault is over then.
 #pragma once
 
 #include "platform/sim/runner.h"

@@ -1,6 +1,6 @@
 // The store is read through a session of its own, so that neither the module's
-// connections nor its counters notice. The dumps print to C's standard output,
-// which goes to a file in memory meanwhile; their row numbers are cut off,
+// connections nor its counters notice it. The dumps print to C's standard
+// output, which is a stream in memory meanwhile. Their row numbers are cut off,
 // since they count the order of arrival.
 #include "tests/fault/snapshot.h"
 
@@ -9,9 +9,11 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <memory>
+#include <sstream>
+#include <utility>
 
 namespace vvl::fault
 {
@@ -78,38 +80,27 @@ void add_objects(host::Switch &network_switch, Snapshot &snapshot)
 // What print writes to standard output.
 template <typename Print> std::string printed(Print print)
 {
-    std::fflush(stdout);
-    const int memory = memfd_create("dump", MFD_CLOEXEC);
-    const int terminal = dup(STDOUT_FILENO);
-    dup2(memory, STDOUT_FILENO);
+    char *text = nullptr;
+    size_t size = 0;
+    std::FILE *terminal = std::exchange(stdout, open_memstream(&text, &size));
     print();
-    std::fflush(stdout);
-    dup2(terminal, STDOUT_FILENO);
-    close(terminal);
-    std::string text(static_cast<size_t>(std::max<off_t>(lseek(memory, 0, SEEK_END), 0)), '\0');
-    const ssize_t size = pread(memory, text.data(), text.size(), 0);
-    text.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
-    close(memory);
-    return text;
+    std::fclose(std::exchange(stdout, terminal));
+    const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
+    return {text, size};
 }
 
 void add_listing(host::Agent &agent, const std::string &name, Snapshot &snapshot)
 {
     std::string why;
-    std::string text = printed([&] { agent.run_debug_command(name, "", why); });
+    std::istringstream text(printed([&] { agent.run_debug_command(name, "", why); }));
     std::vector<std::string> &lines = snapshot[name];
     if (!why.empty()) {
         lines.push_back(why);
     }
-    for (size_t begin = 0; begin < text.size();) {
-        const size_t end = std::min(text.find('\n', begin), text.size());
-        std::string line = text.substr(begin, end - begin);
+    for (std::string line; std::getline(text, line);) {
         const size_t number_end = line.find("> ");
-        if (line.starts_with("  <") && number_end != std::string::npos) {
-            line.erase(0, number_end + 2);
-        }
-        lines.push_back(std::move(line));
-        begin = end + 1;
+        const bool numbered = line.starts_with("  <") && number_end != std::string::npos;
+        lines.push_back(line.substr(numbered ? number_end + 2 : 0));
     }
 }
 

@@ -23,4 +23,15 @@ Snapshot take_snapshot(host::Switch &network_switch);
 // marked by "-" (expected) and "+" (found).
 std::map<std::string, std::string> differences(const Snapshot &expected, const Snapshot &found);
 
+// The endings, in the order in which they are tried; each comes on top of the
+// one before it. What a restart alone repairs is not compared before it.
+enum class Ending {
+    reinitialisation, // every database was lost and is back
+    restart,          // the module was unloaded and loaded again
+    next_calls,       // every device was silent for so long that its port left, and has then called again
+};
+
+// Takes out of both what the module's contract allows to differ after this ending.
+void remove_allowed_differences(Ending ending, Snapshot &expected, Snapshot &found);
+
 } // namespace vvl::fault
