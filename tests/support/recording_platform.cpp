@@ -7,7 +7,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <regex>
 
@@ -73,103 +72,106 @@ std::string user_text(const void *user)
     return number < 0x10000 ? with_number("user", number) : "";
 }
 
-int note(const char *name, const void *ctx, uint32_t db, const ProtobufCMessage *message, const std::string &rest = "")
+std::string at(uint32_t db)
 {
-    return platform().call(std::string(name) + " " + std::to_string(db) +
-                           (message != nullptr ? " " + to_text(message) : "") + rest + platform().at(ctx));
+    return " " + std::to_string(db);
+}
+
+int note(const char *name, const void *ctx, uint32_t db, const ProtobufCMessage *message, const std::string &rest)
+{
+    return platform().call(name + at(db) + " " + to_text(message) + rest + platform().at(ctx));
 }
 
 // A write, of which the module wants no answer.
-int note_write(const char *name, const void *ctx, uint32_t db, const ProtobufCMessage *message,
-               tq_mom_callback_t callback, const void *user, uint64_t ow = 0)
+int note_write(const char *name, void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback,
+               void *user, uint64_t ow = 0)
 {
-    return note(name, ctx, db, message,
+    return note(name, ctx, db, object,
                 with_number("ow", ow) + (callback != nullptr || user != nullptr ? " answer!" : ""));
 }
 
 // A call that is answered later.
-int note_request(const char *name, const void *ctx, uint32_t db, const ProtobufCMessage *message,
-                 tq_mom_callback_t callback, void *user, const std::string &rest)
+int note_request(const char *name, void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags,
+                 tq_mom_callback_t callback, void *user)
 {
-    platform().subscribers[std::string(name) + " " + message->descriptor->name] = {callback, user};
-    return note(name, ctx, db, message, rest);
+    platform().subscribers[std::string(name) + " " + tmpl->descriptor->name] = {callback, user};
+    return note(name, ctx, db, tmpl, with_number("flags", flags) + user_text(user));
+}
+
+// The begin of a cycle, whose flags do not matter.
+int note_cycle(const char *name, void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t, uint64_t expiry,
+               tq_mom_callback_t callback = nullptr, void *user = nullptr, uint64_t ow = 0)
+{
+    platform().subscribers[std::string(name) + " " + tmpl->descriptor->name] = {callback, user};
+    return note(name, ctx, db, tmpl, with_number("expiry", expiry) + with_number("ow", ow));
+}
+
+int note_end(const char *name, void *ctx, uint32_t db, const ProtobufCMessage *object, uint32_t,
+             tq_mom_callback_t callback, void *user, uint64_t ow)
+{
+    return note_write(name, ctx, db, object, callback, user, ow);
+}
+
+// A step of a connection. What it leaves in the platform is in the row.
+int note_link(const char *name, void *ctx, uint32_t db)
+{
+    return platform().call(name + at(db) + platform().at(ctx));
+}
+
+int note_connect(const char *name, void *ctx, uint32_t db, tq_mom_connect_cb_t callback, void *user)
+{
+    platform().connect_cb = callback;
+    platform().connect_users[db] = user;
+    return note_link(name, ctx, db);
+}
+
+template <auto callback_member, typename Callback>
+int note_callback(const char *name, void *ctx, uint32_t db, Callback callback, void *)
+{
+    platform().*callback_member = callback;
+    return note_link(name, ctx, db);
 }
 
 } // namespace
 
 // ---- Object store ----------------------------------------------------------
 
-int tq_mom_client_connect_sync(void *ctx, uint32_t db)
-{
-    return note("connect_sync", ctx, db, nullptr);
-}
+// Defines a function of the platform: its arguments go to one of the above,
+// behind the name that the line begins with. The dynamic linker asks the
+// resolver for the function, so that its parameters need not be repeated here.
+#define RECORD(function, name, note)                                                                                   \
+    extern "C" decltype(&(function)) resolve_##function()                                                              \
+    {                                                                                                                  \
+        return [](auto... arguments) { return note(name, arguments...); };                                             \
+    }                                                                                                                  \
+    extern "C" decltype(function) function __attribute__((ifunc("resolve_" #function)))
 
-int tq_mom_client_connect(void *ctx, uint32_t db, tq_mom_connect_cb_t callback, void *user)
-{
-    platform().connect_cb = callback;
-    platform().connect_users[db] = user;
-    return note("connect", ctx, db, nullptr);
-}
-
-int tq_mom_client_set_disconnect_cb(void *ctx, uint32_t db, tq_mom_disconnect_cb_t callback, void *)
-{
-    platform().disconnect_cb = callback;
-    return note("set_disconnect_cb", ctx, db, nullptr);
-}
-
-int tq_mom_client_set_reconnect_cb(void *ctx, uint32_t db, tq_mom_reconnect_cb_t callback, void *)
-{
-    platform().reconnect_cb = callback;
-    return note("set_reconnect_cb", ctx, db, nullptr);
-}
-
-int tq_mom_set(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user)
-{
-    return note_write("set", ctx, db, object, callback, user);
-}
-
-int tq_mom_del(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user)
-{
-    return note_write("del", ctx, db, object, callback, user);
-}
-
-int tq_mom_clear_expire(void *ctx, uint32_t db, const ProtobufCMessage *key, tq_mom_callback_t callback, void *user)
-{
-    return note_write("clear_expire", ctx, db, key, callback, user);
-}
-
-int tq_mom_setow(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user,
-                 uint64_t ow)
-{
-    return note_write("setow", ctx, db, object, callback, user, ow);
-}
-
-int tq_mom_del_ow(void *ctx, uint32_t db, const ProtobufCMessage *object, tq_mom_callback_t callback, void *user,
-                  uint64_t ow)
-{
-    return note_write("del_ow", ctx, db, object, callback, user, ow);
-}
-
-int tq_mom_dsend_ow(void *ctx, uint32_t db, const ProtobufCMessage *object, uint32_t, tq_mom_callback_t callback,
-                    void *user, uint64_t ow)
-{
-    return note_write("dsend_ow", ctx, db, object, callback, user, ow);
-}
+RECORD(tq_mom_client_connect_sync, "connect_sync", note_link);
+RECORD(tq_mom_client_connect, "connect", note_connect);
+RECORD(tq_mom_client_set_disconnect_cb, "set_disconnect_cb", note_callback<&RecordingPlatform::disconnect_cb>);
+RECORD(tq_mom_client_set_reconnect_cb, "set_reconnect_cb", note_callback<&RecordingPlatform::reconnect_cb>);
+RECORD(tq_mom_set, "set", note_write);
+RECORD(tq_mom_del, "del", note_write);
+RECORD(tq_mom_clear_expire, "clear_expire", note_write);
+RECORD(tq_mom_setow, "setow", note_write);
+RECORD(tq_mom_del_ow, "del_ow", note_write);
+RECORD(tq_mom_dsend_ow, "dsend_ow", note_end);
+RECORD(tq_mom_scan, "scan", note_request);
+RECORD(tq_mom_subscribe, "subscribe", note_request);
+RECORD(tq_mom_unsubscribe, "unsubscribe", note_request);
+RECORD(tq_mom_dsend, "dsend", note_request);
+RECORD(tq_mom_dsbegin_sync, "dsbegin_sync", note_cycle);
+RECORD(tq_mom_dsbegin, "dsbegin", note_cycle);
+RECORD(tq_mom_dsbegin_ow, "dsbegin_ow", note_cycle);
 
 ProtobufCMessage *tq_mom_get_sync(void *ctx, uint32_t db, const ProtobufCMessage *key, uint32_t *)
 {
-    return note("get_sync", ctx, db, key) != 0 ? nullptr : platform().stored;
+    return note("get_sync", ctx, db, key, "") != 0 ? nullptr : platform().stored;
 }
 
 void tq_mom_tq_obj_free(ProtobufCMessage *object)
 {
     platform().call(object != nullptr ? "free" : "free null");
-}
-
-int tq_mom_scan(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
-                void *user)
-{
-    return note_request("scan", ctx, db, tmpl, callback, user, with_number("flags", flags) + user_text(user));
 }
 
 int tq_mom_scan_sync(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
@@ -182,51 +184,16 @@ int tq_mom_scan_sync(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint3
     return rv;
 }
 
-int tq_mom_subscribe(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
-                     void *user)
-{
-    return note_request("subscribe", ctx, db, tmpl, callback, user, with_number("flags", flags));
-}
-
-int tq_mom_unsubscribe(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, tq_mom_callback_t callback,
-                       void *user)
-{
-    return note_request("unsubscribe", ctx, db, tmpl, callback, user, with_number("flags", flags));
-}
-
 int tq_mom_subscribe_field(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, const uint32_t *fields,
                            const tq_mom_callback_t *callbacks, void *const *users, uint32_t count)
 {
     std::string rest = with_number("flags", flags);
     for (uint32_t i = 0; i < count; i++) {
-        rest += " " + std::to_string(fields[i]);
+        rest += at(fields[i]);
         const std::string key = std::string("subscribe ") + tmpl->descriptor->name + "/" + std::to_string(fields[i]);
         platform().subscribers[key] = {callbacks[i], users[i]};
     }
     return note("subscribe_field", ctx, db, tmpl, rest);
-}
-
-int tq_mom_dsbegin_sync(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t, uint64_t expiry)
-{
-    return note("dsbegin_sync", ctx, db, tmpl, with_number("expiry", expiry));
-}
-
-int tq_mom_dsbegin(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t, uint64_t expiry,
-                   tq_mom_callback_t callback, void *user)
-{
-    return note_request("dsbegin", ctx, db, tmpl, callback, user, with_number("expiry", expiry));
-}
-
-int tq_mom_dsend(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t, tq_mom_callback_t callback, void *user)
-{
-    return note_request("dsend", ctx, db, tmpl, callback, user, "");
-}
-
-int tq_mom_dsbegin_ow(void *ctx, uint32_t db, const ProtobufCMessage *object, uint32_t, uint64_t expiry,
-                      tq_mom_callback_t callback, void *user, uint64_t ow)
-{
-    return note_request("dsbegin_ow", ctx, db, object, callback, user,
-                        with_number("expiry", expiry) + with_number("ow", ow));
 }
 
 // ---- Host services ---------------------------------------------------------
@@ -294,32 +261,4 @@ int libddm_get_ifx_by_phyid(uint32_t phyid, uint32_t *ifx)
 {
     *ifx = phyid - 0x100;
     return platform().call("ddm.ifx_of " + std::to_string(phyid));
-}
-
-// ---- Memory ----------------------------------------------------------------
-
-// A variant of the module is linked so that its calls of the allocator come
-// here (the linker's --wrap), under every sanitizer alike; nothing else in the
-// process is affected.
-static bool memory_left()
-{
-    int &left = platform().allocations_left;
-    const bool any = left != 0;
-    left -= left > 0;
-    return any;
-}
-
-extern "C" void *__wrap_malloc(size_t size)
-{
-    return memory_left() ? malloc(size) : nullptr;
-}
-
-extern "C" void *__wrap_calloc(size_t count, size_t size)
-{
-    return memory_left() ? calloc(count, size) : nullptr;
-}
-
-extern "C" void *__wrap_realloc(void *block, size_t size)
-{
-    return memory_left() ? realloc(block, size) : nullptr;
 }

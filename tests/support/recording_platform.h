@@ -66,9 +66,8 @@ struct RecordingPlatform {
     std::map<std::string, ssat_handler_t> commands;
     fp_udp_mgr_t manager{};
     const fp_udp_acl_cb_tbl_t *outcomes = nullptr;
-    int objects_live = 0;      // ACE and apply objects that were not released
-    int allocations_left = -1; // then memory runs out; negative: never. For the module variant linked for it
-    bool echo = false;         // lines go to standard error too: all that a process leaves that ends
+    int objects_live = 0; // ACE and apply objects that were not released
+    bool echo = false;    // lines go to standard error too: all that a process leaves that ends
 };
 
 // The platform of the test that runs; reset makes a new one.

@@ -162,7 +162,7 @@ TEST_F(Macs, NotificationIsPrintedAndApplied)
     EXPECT_LOGS("warn", "warn receive a unexpected event.");
 }
 
-TEST_F(Macs, ScanOfOnePortPassesOverTheOthers)
+TEST_F(Macs, ScanOfOnePortSkipsTheOthers)
 {
     EXPECT_EQ(MODULE(udp_vvlan_mac_scan)(5), 0);
     EXPECT_CALLS(of_vid("scan", "100") + " user=5");

@@ -26,10 +26,10 @@ std::string join(const Lines &lines, const Lines &prefixes)
     return text;
 }
 
-ModuleTest::ModuleTest(const char *path) : path_(path)
+ModuleTest::ModuleTest()
 {
     reset_platform();
-    module_ = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    module_ = dlopen(VVLAN_MODULE, RTLD_NOW | RTLD_LOCAL);
     if (module_ == nullptr) {
         ADD_FAILURE() << dlerror();
         abort();
@@ -42,7 +42,7 @@ ModuleTest::~ModuleTest()
 {
     EXPECT_EQ(platform().objects_live, 0) << "ACE or apply objects were not released";
     dlclose(module_);
-    EXPECT_EQ(dlopen(path_, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the module cannot be unloaded";
+    EXPECT_EQ(dlopen(VVLAN_MODULE, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the module cannot be unloaded";
 }
 
 void ModuleTest::open()

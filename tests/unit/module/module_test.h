@@ -43,7 +43,7 @@ constexpr char mask24[] = "ffffff000000";
 class ModuleTest : public testing::Test
 {
   protected:
-    explicit ModuleTest(const char *path = VVLAN_MODULE);
+    ModuleTest();
     ~ModuleTest() override;
 
     template <typename T> T *symbol(const char *name)
@@ -115,7 +115,6 @@ class ModuleTest : public testing::Test
         return handler(add, static_cast<const Type *>(record(0, descriptor, fields).object));
     }
 
-    const char *path_;
     void *module_;
     Message message_; // of record
 };

@@ -83,7 +83,7 @@ TEST_F(Startup, ReconnectionOfTypeTwoOfTheMissingDatabaseInitialisesAgain)
     EXPECT_EQ(reconnect(6, 2), 0);
     EXPECT_CALLS(second_initialisation);
     EXPECT_EQ(*flags[0] + *flags[1] + *flags[2] + *flags[3], 0);
-    EXPECT_EQ(MODULE(udp_vvlan_get_recover_entry)(5), nullptr) << "read anew from the store";
+    EXPECT_EQ(MODULE(udp_vvlan_get_recover_entry)(5), nullptr) << "read again from the store";
     EXPECT_LOGS("warn", "warn <mom> mom(6) reconnected, type = 2.");
 }
 
