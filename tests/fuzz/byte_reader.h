@@ -2,7 +2,7 @@
 //
 // A target builds its records from the stream, so that nearly every input is
 // a record of some kind and no byte is spent on passing a parser that is not
-// under test. Behind its end the stream goes on with zeros.
+// under test. After its end the stream continues with zeros.
 #pragma once
 
 #include <algorithm>
@@ -56,10 +56,10 @@ class ByteReader
         return taken;
     }
 
-    // The rest of the input as text.
-    std::string text()
+    // At most size bytes of the input as text.
+    std::string text(size_t size = SIZE_MAX)
     {
-        const auto taken = bytes(rest_.size());
+        const auto taken = bytes(size);
         return {taken.begin(), taken.end()};
     }
 

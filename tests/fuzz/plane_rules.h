@@ -1,4 +1,4 @@
-// Rules, frames and ports for the plane's fuzz targets.
+// Rules from a stream of decisions, for the fuzz target and the differential test of the planes.
 #pragma once
 
 #include "fp_udp.h"

@@ -1,5 +1,5 @@
 // Stored objects with any bytes on their way to a subscriber: one that cannot
-// be built is counted and passed over, one that can be is a message that packs
+// be built is counted and skipped, one that can be is a message that packs
 // again. A keyless object taken apart into fields and joined is the same.
 #include "platform/base/log.h"
 #include "platform/mom/delivery.h"
@@ -22,17 +22,11 @@ int read_through(void *, tq_mom_record_t *record, void *)
     return 0;
 }
 
-std::string take(ByteReader &in, size_t size)
-{
-    const auto bytes = in.bytes(size);
-    return {bytes.begin(), bytes.end()};
-}
-
 void deliver(mom::Delivery &delivery, const mom::ObjectType &type, const mom::Object &object)
 {
     const uint64_t malformed = delivery.counters.malformed;
     mom::MessagePtr message = delivery.build(type, 4, object);
-    require((message == nullptr) == (delivery.counters.malformed == malformed + 1), "what is passed over is counted");
+    require((message == nullptr) == (delivery.counters.malformed == malformed + 1), "what is skipped is counted");
     if (message) {
         delivery.send_message({read_through, nullptr}, TQ_MOM_SET, *message);
     }
@@ -42,10 +36,10 @@ void deliver_keyed(ByteReader &in)
 {
     mom::Delivery delivery(nullptr, "fuzz");
     const mom::ObjectType &type = *mom::find_type(keyed[in.u8() % std::size(keyed)]);
-    mom::Object object{take(in, in.u8() % 32), {}};
+    mom::Object object{in.text(in.u8() % 32), {}};
     object.value.bytes = in.text();
     deliver(delivery, type, object);
-    // The same under its own key, where it has one: that one is not passed over.
+    // The same under its own key, where it has one: that one is not skipped.
     const mom::MessagePtr message = mom::unpack(type, object.value.bytes);
     if (message && mom::encode_key(type, *message, object.key)) {
         deliver(delivery, type, object);
@@ -61,7 +55,7 @@ void deliver_keyless(ByteReader &in)
     mom::Object object;
     for (uint32_t count = in.below(4); count > 0; count--) {
         const uint32_t number = in.one_of({5, 6, 7, 8, 9});
-        object.value.fields[number] = take(in, in.u8() % 16);
+        object.value.fields[number] = in.text(in.u8() % 16);
     }
     deliver(delivery, type, object);
 
