@@ -124,7 +124,7 @@ void measure_programs(const Programs &programs, fp::EbpfPlane &plane, VirtualLoo
     Samples times;
     for (unsigned round = 0; round < rounds; round++) {
         for (const unsigned masks : {1u, 8u}) {
-            plane.replace_all(state_with(masks));
+            plane.install(state_with(masks));
             loop.advance(0);
             const auto take = [&](const std::string &name, const char *program, const fp::test::Bytes &frame) {
                 times[name + (masks == 1 ? "" : "/8 masks")].push_back(run_ns(programs.fd(program), ifindex, frame));
@@ -251,7 +251,7 @@ void run()
     const Programs programs;
     measure_programs(programs, *plane, loop);
 
-    plane->replace_all(state_with(1));
+    plane->install(state_with(1));
     loop.advance(0);
     const uint32_t key = 0;
     const uint32_t target = if_nametoindex("uplink");

@@ -208,9 +208,11 @@ class WatchedPlane final : public fp::DataPlane
 {
   public:
     explicit WatchedPlane(Loop &loop) : plane_(loop) {}
-    int set_rules(fp::Acl acl, std::span<const fp::Rule> rules) override { return note(plane_.set_rules(acl, rules)); }
-    int set_binding(uint32_t phyid, uint8_t acls) override { return note(plane_.set_binding(phyid, acls)); }
-    int replace_all(const fp::PlaneState &state) override { return note(plane_.replace_all(state)); }
+    int install(const fp::PlaneState &state) override
+    {
+        bound_ports = state.binding.size();
+        return note(plane_.install(state));
+    }
     int set_trap(uint32_t phyid, bool on) override { return plane_.set_trap(phyid, on); }
     void forget(uint16_t vlan, const Mac &mac) override { plane_.forget(vlan, mac); }
     void set_events(fp::PlaneEvents *events) override { plane_.set_events(events); }
@@ -219,6 +221,7 @@ class WatchedPlane final : public fp::DataPlane
     fp::PortCounters counters(uint32_t phyid) const override { return plane_.counters(phyid); }
 
     Clock::time_point last{};
+    size_t bound_ports = 0; // of the last state
     std::function<void()> on_change;
 
   private:
@@ -366,7 +369,7 @@ StartUp start_up(const std::string &address)
         if (now - std::exchange(looked, now) > late_s || taken.settled < taken.plane) {
             taken.settled = now;
         }
-        const bool bound = agent.target->manager().desired().binding.size() == port_count;
+        const bool bound = agent.plane->bound_ports == port_count;
         if (bound && now - taken.settled > 0.5) {
             agent.loop.stop();
         } else {

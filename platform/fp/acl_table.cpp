@@ -1,36 +1,86 @@
-// The installed ACLs as a value, and the way from one state to the next. The
-// operation on the plane follows from the difference of two states instead of
-// from the request, so every request goes the same way.
 #include "platform/fp/acl_table.h"
 
 #include <algorithm>
-#include <set>
 
 namespace vvl::fp
 {
 namespace
 {
 
-uint8_t bound_acls(const PlaneState &state, uint32_t phyid)
+uint64_t key_of(const AceEntry &ace)
 {
-    auto found = state.binding.find(phyid);
-    return found == state.binding.end() ? 0 : found->second;
+    return ace.rule.id;
 }
 
-std::set<uint32_t> ports_that_differ(const PlaneState &from, const PlaneState &to)
+uint64_t key_of(const Binding &binding)
 {
-    std::set<uint32_t> ports;
-    for (const auto *side : {&from, &to}) {
-        for (const auto &[phyid, acls] : side->binding) {
-            if (bound_acls(from, phyid) != bound_acls(to, phyid)) {
-                ports.insert(phyid);
-            }
-        }
+    return binding.phyid;
+}
+
+// The place of the row with this key, or where it belongs.
+template <typename Row> auto find_place(std::vector<Row> &rows, uint64_t key)
+{
+    return std::ranges::lower_bound(rows, key, {}, [](const Row &row) { return key_of(row); });
+}
+
+template <typename Row>
+bool stands_at(const std::vector<Row> &rows, typename std::vector<Row>::iterator place, uint64_t key)
+{
+    return place != rows.end() && key_of(*place) == key;
+}
+
+template <typename Row> void set_row(std::vector<Row> &rows, const Row &row)
+{
+    const auto place = find_place(rows, key_of(row));
+    if (stands_at(rows, place, key_of(row))) {
+        *place = row;
+    } else {
+        rows.insert(place, row);
     }
-    return ports;
+}
+
+template <typename Row> void remove_row(std::vector<Row> &rows, uint64_t key)
+{
+    std::erase_if(rows, [key](const Row &row) { return key_of(row) == key; });
+}
+
+template <typename Row> void mark_all(std::vector<Row> &rows)
+{
+    for (Row &row : rows) {
+        row.marked = true;
+    }
+}
+
+template <typename Row> void remove_marked(std::vector<Row> &rows)
+{
+    std::erase_if(rows, [](const Row &row) { return row.marked; });
 }
 
 } // namespace
+
+void AclEntry::set_ace(const Rule &rule)
+{
+    set_row(aces, {rule, false});
+}
+
+void AclEntry::remove_ace(uint64_t ace_id)
+{
+    remove_row(aces, ace_id);
+}
+
+bool AclEntry::bind(uint32_t phyid)
+{
+    if (bindings.size() == bindings_max && !stands_at(bindings, find_place(bindings, phyid), phyid)) {
+        return false;
+    }
+    set_row(bindings, {phyid, false});
+    return true;
+}
+
+void AclEntry::unbind(uint32_t phyid)
+{
+    remove_row(bindings, phyid);
+}
 
 bool AclTable::empty() const
 {
@@ -45,14 +95,10 @@ void AclTable::mark(Acl acl, Kind kind)
         entry.marked = entry.present;
         break;
     case Kind::ace:
-        for (auto &[id, ace] : entry.aces) {
-            ace.marked = true;
-        }
+        mark_all(entry.aces);
         break;
     case Kind::binding:
-        for (auto &[phyid, marked] : entry.bindings) {
-            marked = true;
-        }
+        mark_all(entry.bindings);
         break;
     }
 }
@@ -67,10 +113,10 @@ void AclTable::sweep(Acl acl, Kind kind)
         }
         break;
     case Kind::ace:
-        std::erase_if(entry.aces, [](const auto &ace) { return ace.second.marked; });
+        remove_marked(entry.aces);
         break;
     case Kind::binding:
-        std::erase_if(entry.bindings, [](const auto &binding) { return binding.second; });
+        remove_marked(entry.bindings);
         break;
     }
 }
@@ -79,37 +125,18 @@ PlaneState AclTable::state() const
 {
     PlaneState state;
     for (size_t i = 0; i < acl_count; i++) {
-        for (const auto &[id, ace] : acls[i].aces) {
+        for (const AceEntry &ace : acls[i].aces) {
             state.rules[i].push_back(ace.rule);
         }
-        for (const auto &[phyid, marked] : acls[i].bindings) {
-            state.binding[phyid] |= acl_bit(static_cast<Acl>(i));
+        // Both are in ascending order: the place of one port is a hint at the next one's.
+        auto place = state.binding.begin();
+        for (const Binding &binding : acls[i].bindings) {
+            place = state.binding.try_emplace(place, binding.phyid, uint8_t{0});
+            place->second |= acl_bit(static_cast<Acl>(i));
+            ++place;
         }
     }
     return state;
-}
-
-int carry_out(Plane &plane, const PlaneState &from, const PlaneState &to)
-{
-    size_t changed_acls = 0;
-    size_t changed_acl = 0;
-    for (size_t i = 0; i < acl_count; i++) {
-        if (from.rules[i] != to.rules[i]) {
-            changed_acls++;
-            changed_acl = i;
-        }
-    }
-    const std::set<uint32_t> ports = ports_that_differ(from, to);
-    if (changed_acls + ports.size() == 0) {
-        return 0;
-    }
-    if (changed_acls + ports.size() > 1) {
-        return plane.replace_all(to);
-    }
-    if (changed_acls == 1) {
-        return plane.set_rules(static_cast<Acl>(changed_acl), to.rules[changed_acl]);
-    }
-    return plane.set_binding(*ports.begin(), bound_acls(to, *ports.begin()));
 }
 
 } // namespace vvl::fp

@@ -2,11 +2,11 @@
 // with its expiry mark, and the forwarding state that follows from them.
 #pragma once
 
-#include "platform/fp/plane.h"
+#include "platform/fp/rule.h"
 
 #include <array>
 #include <cstdint>
-#include <map>
+#include <vector>
 
 namespace vvl::fp
 {
@@ -23,16 +23,28 @@ struct AceEntry {
     bool marked = false;
 };
 
+struct Binding {
+    uint32_t phyid = 0;
+    bool marked = false;
+};
+
+// Its rows are in plain arrays, so that a copy of the table, which is made each
+// time the plane has taken it, costs microseconds even with thousands of ports.
 struct AclEntry {
     bool present = false;
     bool marked = false;
     uint32_t id = 0;
-    std::map<uint64_t, AceEntry> aces; // by ACE id
-    std::map<uint32_t, bool> bindings; // phyid -> marked
+    std::vector<AceEntry> aces;    // ascending ACE id
+    std::vector<Binding> bindings; // ascending phyid
+
+    // Each clears the mark of what it sets; what is absent is removed without an error.
+    void set_ace(const Rule &rule);
+    void remove_ace(uint64_t id);
+    // Returns false, with nothing changed, where bindings_max ports are bound.
+    bool bind(uint32_t phyid);
+    void unbind(uint32_t phyid);
 };
 
-// A plain value: a request is worked out on a copy, so that a refusal leaves
-// nothing to undo.
 struct AclTable {
     std::array<AclEntry, acl_count> acls; // by Acl; an app type holds one ACL at a time
 
@@ -43,9 +55,5 @@ struct AclTable {
     void sweep(Acl acl, Kind kind); // removes what is marked
     PlaneState state() const;
 };
-
-// Takes a plane from one state to another with the narrowest operation that
-// does it in one step; none where they are equal. Returns the plane's result.
-int carry_out(Plane &plane, const PlaneState &from, const PlaneState &to);
 
 } // namespace vvl::fp

@@ -92,11 +92,4 @@ bool Classifier::names_mac(uint64_t mac) const
     return ((set[0] & naming_[0]) | (set[1] & naming_[1])) != 0;
 }
 
-std::vector<Rule> Classifier::rules() const
-{
-    std::vector<Rule> sorted = rules_;
-    std::ranges::sort(sorted, {}, &Rule::id);
-    return sorted;
-}
-
 } // namespace vvl::fp

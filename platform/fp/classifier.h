@@ -30,8 +30,6 @@ class Classifier
     // for any source MAC do not count.
     bool names_mac(uint64_t mac) const;
 
-    std::vector<Rule> rules() const; // ascending id
-
     static constexpr size_t digit_count = 2 * mac_size; // hexadecimal digits of an address
 
     // A set of rules by their ranks, of which the lowest wins: bit n of word 0 is

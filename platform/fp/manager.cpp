@@ -1,25 +1,29 @@
-// The manager behind the operation table. A request is worked out on a copy of
-// the table of ACLs, a binding on its port alone; the plane is told the
-// difference; only what it accepts becomes the desired state.
+// The manager's requests. Each is checked completely and then changes the table
+// of what is asked for; apply() takes the table to the plane.
 //
-// A reconciliation takes the plane out of this: it keeps the state that it had
-// when the first mark was opened, requests change the desired state alone, and
-// the answer to the last open mark hands the whole over. The state that it had
-// is kept apart from what is being built, so an application that dies half-way
-// and starts again does not turn its own half into the state to go back to.
+// A reconciliation delays apply(): the plane keeps the state that it had when the
+// first mark was opened until the last open mark is answered. That state is also
+// what the manager goes back to where the plane refuses the new one, and it is
+// not replaced by an application that dies half-way and starts again.
 #include "platform/fp/manager.h"
 
 #include "platform/base/log.h"
 #include "platform/fp/ace.h"
-#include "platform/fp/acl_table.h"
 #include "platform/fp/error.h"
-#include "platform/fp/manager_impl.h"
 
 #include <cstring>
-#include <utility>
 
 namespace vvl::fp
 {
+
+// What a request is about, for its log line and its report.
+struct Manager::Request {
+    Kind kind;
+    const vvlan_acl_desc_t *desc; // as given; may be null or malformed
+    uint64_t subject;             // ACE id or phyid
+    bool reported = true;         // deletions are not
+};
+
 namespace
 {
 
@@ -34,20 +38,17 @@ bool has_app_type(const vvlan_acl_desc_t *desc)
     return desc && std::memchr(desc->app_type, '\0', sizeof desc->app_type);
 }
 
-std::string name_of(const Request &request)
+std::string name_of(const vvlan_acl_desc_t *desc, Kind kind, uint64_t subject)
 {
     std::string name = "ACL ";
-    name += has_app_type(request.desc) ? request.desc->app_type : "(unreadable descriptor)";
-    if (request.desc) {
+    name += has_app_type(desc) ? desc->app_type : "(unreadable descriptor)";
+    if (desc) {
         name += ' ';
-        name += std::to_string(request.desc->acl_id);
+        name += std::to_string(desc->acl_id);
     }
-    if (request.kind == Kind::ace) {
-        name += ": ACE ";
-        name += std::to_string(request.subject);
-    } else if (request.kind == Kind::binding) {
-        name += ": port ";
-        name += std::to_string(request.subject);
+    if (kind != Kind::acl) {
+        name += kind == Kind::ace ? ": ACE " : ": port ";
+        name += std::to_string(subject);
     }
     return name;
 }
@@ -67,25 +68,26 @@ int read_descriptor(const vvlan_acl_desc_t *desc, Acl &acl, std::string &why)
     return error_invalid;
 }
 
-void set_bound(PlaneState &state, uint32_t phyid, uint8_t acls)
+// Why an apply object cannot bind the ACL, or null.
+const char *fault_of(const vvlan_acl_desc_t &desc, Acl acl, uint8_t acl_kind, const vvlan_apply_t *apply)
 {
-    if (acls == 0) {
-        state.binding.erase(phyid);
-    } else {
-        state.binding[phyid] = acls;
+    if (!apply) {
+        return "no apply object";
     }
+    if (acl_kind != desc.acl_kind) {
+        return "another ACL kind than the descriptor's";
+    }
+    if (std::strncmp(apply->app_type, desc.app_type, sizeof apply->app_type) != 0) {
+        return "the apply object is for another app type";
+    }
+    return apply->apply_opt == (acl == Acl::mac_vlan ? 1u : 0u) ? nullptr : "the ACL cannot act at that stage";
 }
 
 } // namespace
 
-Manager::Impl::~Impl()
-{
-    if (reconciling_) {
-        loop_.cancel_timer(limit_timer_);
-    }
-}
+// ---- Requests that set something ------------------------------------------
 
-int Manager::Impl::acl_set(const vvlan_acl_desc_t *desc)
+int Manager::acl_set(const vvlan_acl_desc_t *desc)
 {
     const Request request{Kind::acl, desc, 0};
     Acl acl{};
@@ -93,8 +95,7 @@ int Manager::Impl::acl_set(const vvlan_acl_desc_t *desc)
     if (const int code = read_descriptor(desc, acl, why)) {
         return refuse(request, code, why);
     }
-    AclTable next = table_;
-    AclEntry &entry = next.at(acl);
+    AclEntry &entry = table_.at(acl);
     if (entry.present && entry.id != desc->acl_id) {
         if (!entry.marked) {
             return refuse(request, error_exists, "the app type holds ACL " + std::to_string(entry.id));
@@ -104,10 +105,10 @@ int Manager::Impl::acl_set(const vvlan_acl_desc_t *desc)
     entry.present = true;
     entry.marked = false;
     entry.id = desc->acl_id;
-    return adopt(request, std::move(next));
+    return accept(request);
 }
 
-int Manager::Impl::ace_set(const vvlan_acl_desc_t *desc, const fp_udp_ace_t *ace)
+int Manager::ace_set(const vvlan_acl_desc_t *desc, const fp_udp_ace_t *ace)
 {
     const Request request{Kind::ace, desc, ace ? ace->id : 0};
     Acl acl{};
@@ -122,12 +123,11 @@ int Manager::Impl::ace_set(const vvlan_acl_desc_t *desc, const fp_udp_ace_t *ace
     if (!read_ace(*ace, acl, rule, why)) {
         return refuse(request, error_invalid, why);
     }
-    AclTable next = table_;
-    next.at(acl).aces[rule.id] = {rule, false};
-    return adopt(request, std::move(next));
+    table_.at(acl).set_ace(rule);
+    return accept(request);
 }
 
-int Manager::Impl::apply_set(const vvlan_acl_desc_t *desc, uint8_t acl_kind, const vvlan_apply_t *apply)
+int Manager::apply_set(const vvlan_acl_desc_t *desc, uint8_t acl_kind, const vvlan_apply_t *apply)
 {
     const Request request{Kind::binding, desc, apply ? apply->phyid : 0};
     Acl acl{};
@@ -135,155 +135,16 @@ int Manager::Impl::apply_set(const vvlan_acl_desc_t *desc, uint8_t acl_kind, con
     if (const int code = locate(request, acl, why)) {
         return refuse(request, code, why);
     }
-    if (!apply || acl_kind != desc->acl_kind) {
-        return refuse(request, error_invalid, apply ? "another ACL kind than the descriptor's" : "no apply object");
+    if (const char *fault = fault_of(*desc, acl, acl_kind, apply)) {
+        return refuse(request, error_invalid, fault);
     }
-    if (std::strncmp(apply->app_type, desc->app_type, sizeof apply->app_type) != 0) {
-        return refuse(request, error_invalid, "the apply object is for another app type");
-    }
-    if (apply->apply_opt != (acl == Acl::mac_vlan ? 1u : 0u)) {
-        return refuse(request, error_invalid, "the ACL cannot act at that stage");
-    }
-    const auto &bindings = table_.at(acl).bindings;
-    if (bindings.size() == bindings_max && !bindings.contains(apply->phyid)) {
+    if (!table_.at(acl).bind(apply->phyid)) {
         return refuse(request, error_full, "the ACL is bound to too many ports");
     }
-    return bind(request, acl, true);
+    return accept(request);
 }
 
-// Finds the ACL of a request that removes something; none where code says why
-// there is nothing to do. An application may let go of what it never had, with
-// a descriptor that it has not filled in yet.
-std::optional<Acl> Manager::Impl::find_removed(const Request &request, int &code)
-{
-    Acl acl{};
-    code = 0;
-    if (!has_app_type(request.desc)) {
-        code = refuse(request, error_invalid, "descriptor is missing or its app type has no end");
-        return {};
-    }
-    if (!acl_of_app_type(request.desc->app_type, acl) || !table_.at(acl).present ||
-        table_.at(acl).id != request.desc->acl_id) {
-        return {};
-    }
-    return acl;
-}
-
-template <typename Remove> int Manager::Impl::remove(const Request &request, Remove &&how)
-{
-    int code = 0;
-    const std::optional<Acl> acl = find_removed(request, code);
-    if (!acl) {
-        return code;
-    }
-    AclTable next = table_;
-    how(next.at(*acl));
-    return adopt(request, std::move(next));
-}
-
-int Manager::Impl::acl_del(const vvlan_acl_desc_t *desc)
-{
-    return remove({Kind::acl, desc, 0, false}, [](AclEntry &entry) { entry = {}; });
-}
-
-int Manager::Impl::ace_del(const vvlan_acl_desc_t *desc, uint64_t ace_id)
-{
-    return remove({Kind::ace, desc, ace_id, false}, [&](AclEntry &entry) { entry.aces.erase(ace_id); });
-}
-
-int Manager::Impl::apply_del(const vvlan_acl_desc_t *desc, const vvlan_apply_t *record)
-{
-    if (!record) {
-        return refuse({Kind::binding, desc, 0, false}, error_invalid, "no apply record");
-    }
-    const Request request{Kind::binding, desc, record->phyid, false};
-    int code = 0;
-    const std::optional<Acl> acl = find_removed(request, code);
-    return acl ? bind(request, *acl, false) : code;
-}
-
-int Manager::Impl::expire(Kind kind, const char *app_type)
-{
-    Acl acl{};
-    if (!app_type || !acl_of_app_type(app_type, acl)) {
-        return refuse_app_type(app_type);
-    }
-    if (!reconciling_ && !table_.empty()) {
-        reconciling_ = true;
-        kept_ = table_;
-        start_limit();
-    } else if (reconciling_ && restarted_) {
-        loop_.cancel_timer(limit_timer_);
-        start_limit();
-    }
-    restarted_ = false;
-    open_marks_ |= mark_bit(acl, kind);
-    table_.mark(acl, kind);
-    counters_.accepted++;
-    return 0;
-}
-
-int Manager::Impl::del_expired(Kind kind, const char *app_type)
-{
-    Acl acl{};
-    if (!app_type || !acl_of_app_type(app_type, acl)) {
-        return refuse_app_type(app_type);
-    }
-    AclTable next = table_;
-    next.sweep(acl, kind);
-    vvlan_acl_desc_t desc{};
-    std::memcpy(desc.app_type, app_type, std::strlen(app_type));
-    desc.acl_id = table_.at(acl).id;
-    const int code = adopt({Kind::acl, &desc, 0, false}, std::move(next));
-    const uint32_t answered = open_marks_ & mark_bit(acl, kind);
-    open_marks_ &= ~answered;
-    if (answered == 0 || open_marks_ != 0) {
-        return code;
-    }
-    const int end_code = reconciling_ ? end_reconciliation(false) : code;
-    log_line(LogLevel::info, "forwarding plane: reconciliation ended");
-    return end_code;
-}
-
-void Manager::Impl::forget_module()
-{
-    reports_.forget();
-    open_marks_ = 0;
-    restarted_ = reconciling_;
-}
-
-void Manager::Impl::start_limit()
-{
-    limit_timer_ = loop_.add_timer(uint64_t{FP_UDP_RECONCILE_LIMIT_MS} * 1000, [this] {
-        log_line(LogLevel::warn, "forwarding plane: reconciliation not completed in time, taking over what there is");
-        end_reconciliation(true);
-    });
-}
-
-int Manager::Impl::end_reconciliation(bool timed_out)
-{
-    loop_.cancel_timer(limit_timer_);
-    reconciling_ = false;
-    restarted_ = false;
-    open_marks_ = 0;
-    counters_.timed_out += timed_out;
-    const int code = plane_.replace_all(desired_);
-    if (code < 0) {
-        log_line(LogLevel::error,
-                 "forwarding plane: reconciled state refused (" + std::to_string(code) + "), the earlier one stays");
-        counters_.refused++;
-        table_ = std::exchange(kept_, {});
-        desired_ = active_;
-    } else {
-        counters_.reconciled += !timed_out;
-        kept_ = {};
-        active_ = desired_;
-    }
-    reports_.release(code < 0 ? code : 0);
-    return code < 0 ? code : 0;
-}
-
-int Manager::Impl::locate(const Request &request, Acl &acl, std::string &why) const
+int Manager::locate(const Request &request, Acl &acl, std::string &why) const
 {
     if (const int code = read_descriptor(request.desc, acl, why)) {
         return code;
@@ -296,89 +157,204 @@ int Manager::Impl::locate(const Request &request, Acl &acl, std::string &why) co
     return 0;
 }
 
-int Manager::Impl::adopt(const Request &request, AclTable next)
+// ---- Requests that remove something ---------------------------------------
+
+int Manager::acl_del(const vvlan_acl_desc_t *desc)
 {
-    PlaneState state = next.state();
-    if (!reconciling_) {
-        if (const int code = carry_out(plane_, active_, state); code < 0) {
-            return refuse(request, code, "refused by the plane (" + std::to_string(code) + ")");
-        }
-        active_ = state;
+    const Request request{Kind::acl, desc, 0, false};
+    int code = 0;
+    const std::optional<Acl> acl = find_removed(request, code);
+    if (!acl) {
+        return code;
     }
-    table_ = std::move(next);
-    desired_ = std::move(state);
-    accept(request);
-    return 0;
+    table_.at(*acl) = {};
+    return accept(request);
 }
 
-// Worked out on the one port that it concerns: every port is bound at a
-// start-up, and copies of all ports for each would cost their square.
-int Manager::Impl::bind(const Request &request, Acl acl, bool bound)
+int Manager::ace_del(const vvlan_acl_desc_t *desc, uint64_t ace_id)
 {
-    const auto phyid = static_cast<uint32_t>(request.subject);
-    const auto found = desired_.binding.find(phyid);
-    const uint8_t before = found == desired_.binding.end() ? 0 : found->second;
-    const auto after = static_cast<uint8_t>(bound ? before | acl_bit(acl) : before & ~acl_bit(acl));
-    if (!reconciling_ && after != before) {
-        if (const int code = plane_.set_binding(phyid, after); code < 0) {
-            return refuse(request, code, "refused by the plane (" + std::to_string(code) + ")");
-        }
-        set_bound(active_, phyid, after);
+    const Request request{Kind::ace, desc, ace_id, false};
+    int code = 0;
+    const std::optional<Acl> acl = find_removed(request, code);
+    if (!acl) {
+        return code;
     }
-    set_bound(desired_, phyid, after);
-    auto &bindings = table_.at(acl).bindings;
-    if (bound) {
-        bindings[phyid] = false;
-    } else {
-        bindings.erase(phyid);
-    }
-    accept(request);
-    return 0;
+    table_.at(*acl).remove_ace(ace_id);
+    return accept(request);
 }
 
-void Manager::Impl::accept(const Request &request)
+int Manager::apply_del(const vvlan_acl_desc_t *desc, const vvlan_apply_t *record)
 {
+    const Request request{Kind::binding, desc, record ? record->phyid : 0, false};
+    if (!record) {
+        return refuse(request, error_invalid, "no apply record");
+    }
+    int code = 0;
+    const std::optional<Acl> acl = find_removed(request, code);
+    if (!acl) {
+        return code;
+    }
+    table_.at(*acl).unbind(record->phyid);
+    return accept(request);
+}
+
+// An application may remove what it never had, with a descriptor that it has
+// not filled in yet.
+std::optional<Acl> Manager::find_removed(const Request &request, int &code)
+{
+    Acl acl{};
+    if (!has_app_type(request.desc)) {
+        code = refuse(request, error_invalid, "descriptor is missing or its app type has no end");
+        return {};
+    }
+    if (!acl_of_app_type(request.desc->app_type, acl) || !table_.at(acl).present ||
+        table_.at(acl).id != request.desc->acl_id) {
+        return {};
+    }
+    return acl;
+}
+
+// ---- Reconciliation -------------------------------------------------------
+
+int Manager::expire(Kind kind, const char *app_type)
+{
+    Acl acl{};
+    if (!app_type || !acl_of_app_type(app_type, acl)) {
+        return refuse_app_type(app_type);
+    }
+    begin_reconciliation();
+    open_marks_ |= mark_bit(acl, kind);
+    table_.mark(acl, kind);
     counters_.accepted++;
-    if (request.reported) {
-        const Report report{request.kind, *request.desc, request.subject, 0};
-        if (!reconciling_) {
-            reports_.post(report);
-        } else if (!reports_.hold(report)) {
-            counters_.unreported++;
-        }
-    }
+    return 0;
 }
 
-int Manager::Impl::refuse(const Request &request, int code, const std::string &why)
+void Manager::begin_reconciliation()
 {
-    counters_.refused++;
-    log_line(LogLevel::error, name_of(request) + ": " + why);
-    if (request.reported && has_app_type(request.desc)) {
-        reports_.post({request.kind, *request.desc, request.subject, code});
+    if (turn_) {
+        apply(); // what came before the first mark belongs to the state that is kept
     }
+    if (!reconciling_ && !table_.empty()) {
+        reconciling_ = true;
+        start_limit();
+    } else if (reconciling_ && restarted_) {
+        loop_.cancel_timer(limit_timer_);
+        start_limit();
+    }
+    restarted_ = false;
+}
+
+int Manager::del_expired(Kind kind, const char *app_type)
+{
+    Acl acl{};
+    if (!app_type || !acl_of_app_type(app_type, acl)) {
+        return refuse_app_type(app_type);
+    }
+    table_.sweep(acl, kind);
+    counters_.accepted++;
+    apply_later();
+    const uint32_t answered = open_marks_ & mark_bit(acl, kind);
+    open_marks_ &= ~answered;
+    if (answered == 0 || open_marks_ != 0) {
+        return 0;
+    }
+    const int code = reconciling_ ? end_reconciliation(false) : 0;
+    log_line(LogLevel::info, "forwarding plane: reconciliation ended");
     return code;
 }
 
-int Manager::Impl::refuse_app_type(const char *app_type)
+void Manager::start_limit()
 {
-    counters_.refused++;
-    log_line(LogLevel::error, std::string("app type ") + (app_type ? app_type : "(none)") + ": unknown");
-    return error_invalid;
+    limit_timer_ = loop_.add_timer(uint64_t{FP_UDP_RECONCILE_LIMIT_MS} * 1000, [this] {
+        log_line(LogLevel::warn, "forwarding plane: reconciliation not completed in time, taking over what there is");
+        end_reconciliation(true);
+    });
+}
+
+int Manager::end_reconciliation(bool timed_out)
+{
+    loop_.cancel_timer(limit_timer_);
+    reconciling_ = false;
+    restarted_ = false;
+    open_marks_ = 0;
+    const int code = apply();
+    counters_.timed_out += timed_out;
+    counters_.reconciled += code == 0 && !timed_out;
+    return code;
 }
 
 void Manager::forget_module()
 {
-    impl_->forget_module();
+    reports_.forget();
+    open_marks_ = 0;
+    restarted_ = reconciling_;
 }
 
-const PlaneState &Manager::desired() const
+// ---- The way to the plane -------------------------------------------------
+
+// What an application changes in one callback belongs together: a device that is
+// added takes a rule that tags it and one that marks it, and frames come in all
+// the while. So the requests of one turn come into force together.
+void Manager::apply_later()
 {
-    return impl_->desired();
+    if (reconciling_ || turn_) {
+        return;
+    }
+    turn_ = std::make_shared<Turn>();
+    loop_.post([this, turn = std::weak_ptr<Turn>(turn_)] {
+        if (!turn.expired()) {
+            apply();
+        }
+    });
 }
 
-const ManagerCounters &Manager::counters() const
+int Manager::apply()
 {
-    return impl_->counters();
+    turn_.reset();
+    const int code = plane_.install(table_.state());
+    if (code == 0) {
+        accepted_ = table_;
+    } else {
+        log_line(LogLevel::error,
+                 "forwarding plane: new state refused (" + std::to_string(code) + "), the earlier one stays");
+        counters_.refused++;
+        table_ = accepted_;
+    }
+    reports_.release(code);
+    return code;
+}
+
+int Manager::accept(const Request &request)
+{
+    counters_.accepted++;
+    if (request.reported && !reports_.hold({request.kind, *request.desc, request.subject, 0})) {
+        counters_.unreported++;
+    }
+    apply_later();
+    return 0;
+}
+
+int Manager::refuse(const Request &request, int code, const std::string &why)
+{
+    counters_.refused++;
+    log_line(LogLevel::error, name_of(request.desc, request.kind, request.subject) + ": " + why);
+    if (!request.reported || !has_app_type(request.desc)) {
+        return code;
+    }
+    const Report report{request.kind, *request.desc, request.subject, code};
+    if (!turn_) {
+        reports_.post(report); // there is nothing before it that waits for the plane's answer
+    } else if (!reports_.hold(report)) {
+        counters_.unreported++;
+    }
+    return code;
+}
+
+int Manager::refuse_app_type(const char *app_type)
+{
+    counters_.refused++;
+    log_line(LogLevel::error, std::string("app type ") + (app_type ? app_type : "(none)") + ": unknown");
+    return error_invalid;
 }
 
 } // namespace vvl::fp

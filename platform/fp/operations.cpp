@@ -5,7 +5,7 @@
 #include "platform/base/log.h"
 #include "platform/fp/ace.h"
 #include "platform/fp/error.h"
-#include "platform/fp/manager_impl.h"
+#include "platform/fp/manager.h"
 
 #include <cassert>
 #include <memory>
@@ -19,66 +19,74 @@ struct fp_udp_apply {
 
 namespace vvl::fp
 {
+namespace
+{
 
-// Runs one member function of the manager, where there is one. A class only
-// so that the manager can make it a friend.
-struct Operations {
-    using Impl = Manager::Impl;
+Manager *the_manager = nullptr; // the process's
 
-    template <typename... Parameters, typename... Arguments>
-    static int run(int (Impl::*operation)(Parameters...), Arguments... arguments)
-    {
-        return Impl::current ? (Impl::current->*operation)(arguments...) : error_not_found;
-    }
+// Runs one operation of the manager, where there is one.
+template <typename... Parameters, typename... Arguments>
+int run(int (Manager::*operation)(Parameters...), Arguments... arguments)
+{
+    return the_manager ? (the_manager->*operation)(arguments...) : error_not_found;
+}
 
-    static int acl_set(void *, const vvlan_acl_desc_t *desc) { return run(&Impl::acl_set, desc); }
-    static int acl_del(void *, const vvlan_acl_desc_t *desc) { return run(&Impl::acl_del, desc); }
-    static int ace_set(void *, const vvlan_acl_desc_t *desc, fp_udp_ace_t *ace)
-    {
-        return run(&Impl::ace_set, desc, ace);
-    }
-    static int ace_del(void *, const vvlan_acl_desc_t *desc, uint64_t ace_id)
-    {
-        return run(&Impl::ace_del, desc, ace_id);
-    }
-    static fp_udp_ace_t *ace_alloc(uint64_t ace_id, uint32_t) { return make_ace(ace_id); }
-    static int apply_set(void *, const vvlan_acl_desc_t *desc, uint8_t acl_kind, fp_udp_apply_t *apply)
-    {
-        return run(&Impl::apply_set, desc, acl_kind, apply ? &apply->record : nullptr);
-    }
-    static int apply_del(void *, const vvlan_acl_desc_t *desc, const vvlan_apply_t *record)
-    {
-        return run(&Impl::apply_del, desc, record);
-    }
-    static fp_udp_apply_t *apply_alloc(const vvlan_apply_t *record)
-    {
-        return record ? new (std::nothrow) fp_udp_apply{*record} : nullptr;
-    }
-    static void apply_free(fp_udp_apply_t *apply) { delete apply; }
+int acl_set(void *, const vvlan_acl_desc_t *desc)
+{
+    return run(&Manager::acl_set, desc);
+}
 
-    template <Kind kind> static int expire(void *, const char *app_type) { return run(&Impl::expire, kind, app_type); }
-    template <Kind kind> static int del_expired(void *, const char *app_type)
-    {
-        return run(&Impl::del_expired, kind, app_type);
-    }
+int acl_del(void *, const vvlan_acl_desc_t *desc)
+{
+    return run(&Manager::acl_del, desc);
+}
 
-    static const fp_udp_mgr_ops_t table;
+int ace_set(void *, const vvlan_acl_desc_t *desc, fp_udp_ace_t *ace)
+{
+    return run(&Manager::ace_set, desc, ace);
+}
 
-    static int set_callbacks(uint32_t app, const fp_udp_acl_cb_tbl_t *callbacks)
-    {
-        if (!Impl::current || app != FP_UDP_APP_VVLAN || !callbacks) {
-            log_line(LogLevel::error, "application " + std::to_string(app) + ": ACL callbacks not registered: " +
-                                          (Impl::current ? "wrong id or no table" : "no forwarding plane"));
-            return Impl::current ? error_invalid : error_not_found;
-        }
-        Impl::current->set_callbacks(callbacks);
-        return 0;
-    }
+int ace_del(void *, const vvlan_acl_desc_t *desc, uint64_t ace_id)
+{
+    return run(&Manager::ace_del, desc, ace_id);
+}
 
-    static bool up() { return Impl::current != nullptr; }
-};
+fp_udp_ace_t *ace_alloc(uint64_t ace_id, uint32_t)
+{
+    return make_ace(ace_id);
+}
 
-const fp_udp_mgr_ops_t Operations::table = {
+int apply_set(void *, const vvlan_acl_desc_t *desc, uint8_t acl_kind, fp_udp_apply_t *apply)
+{
+    return run(&Manager::apply_set, desc, acl_kind, apply ? &apply->record : nullptr);
+}
+
+int apply_del(void *, const vvlan_acl_desc_t *desc, const vvlan_apply_t *record)
+{
+    return run(&Manager::apply_del, desc, record);
+}
+
+fp_udp_apply_t *apply_alloc(const vvlan_apply_t *record)
+{
+    return record ? new (std::nothrow) fp_udp_apply{*record} : nullptr;
+}
+
+void apply_free(fp_udp_apply_t *apply)
+{
+    delete apply;
+}
+
+template <Kind kind> int expire(void *, const char *app_type)
+{
+    return run(&Manager::expire, kind, app_type);
+}
+
+template <Kind kind> int del_expired(void *, const char *app_type)
+{
+    return run(&Manager::del_expired, kind, app_type);
+}
+
+const fp_udp_mgr_ops_t operation_table = {
     .acl_set = acl_set,
     .acl_del = acl_del,
     .acl_expire = expire<Kind::acl>,
@@ -101,26 +109,39 @@ const fp_udp_mgr_ops_t Operations::table = {
     .apply_free = apply_free,
 };
 
-// Defined here so that whoever links the manager links these functions too:
-// nobody but a module loaded later refers to them.
-Manager::Manager(Plane &plane, Loop &loop) : impl_(std::make_unique<Impl>(plane, loop))
+} // namespace
+
+// The manager's ends are here so that whoever links the manager links these
+// functions too: only a module that is loaded later refers to them.
+Manager::Manager(Plane &plane, Loop &loop)
+    : plane_(plane), loop_(loop), reports_(loop), reconciling_(plane.installed() != PlaneState{}),
+      restarted_(reconciling_)
 {
-    assert(Impl::current == nullptr);
-    Impl::current = impl_.get();
+    assert(the_manager == nullptr);
+    the_manager = this;
 }
 
 Manager::~Manager()
 {
-    Impl::current = nullptr;
+    the_manager = nullptr;
+    if (turn_) {
+        apply();
+    }
+    loop_.cancel_timer(limit_timer_);
 }
 
 } // namespace vvl::fp
 
-using vvl::fp::Operations;
-
 int fp_udp_register_acl_handler(void *, uint32_t app, const fp_udp_acl_cb_tbl_t *callbacks)
 {
-    return Operations::set_callbacks(app, callbacks);
+    using vvl::fp::the_manager;
+    if (!the_manager || app != FP_UDP_APP_VVLAN || !callbacks) {
+        vvl::log_line(vvl::LogLevel::error, "application " + std::to_string(app) + ": ACL callbacks not registered: " +
+                                                (the_manager ? "wrong id or no table" : "no forwarding plane"));
+        return the_manager ? vvl::fp::error_invalid : vvl::fp::error_not_found;
+    }
+    the_manager->set_callbacks(callbacks);
+    return 0;
 }
 
 // Frames leave the planes of this platform without a shared queue that could
@@ -137,6 +158,6 @@ int fp_udp_cgst_register(void *, uint32_t app, const char *name)
 
 fp_udp_mgr_t *fp_udp_get_mgr(void)
 {
-    static fp_udp_mgr_t manager = {&Operations::table};
-    return Operations::up() ? &manager : nullptr;
+    static fp_udp_mgr_t manager = {&vvl::fp::operation_table};
+    return vvl::fp::the_manager ? &manager : nullptr;
 }

@@ -1,8 +1,7 @@
 // A forwarding plane, as its manager and the switch's sides see it.
 //
-// The manager decides what is installed and when; a plane makes it act. What is
-// changed in one callback of the loop takes over with its end at the latest,
-// and in one step: no frame sees a part of it.
+// The manager decides what is installed and when, and always hands over a whole
+// state; the plane finds out what that changes and makes it act.
 #pragma once
 
 #include "platform/fp/rule.h"
@@ -14,16 +13,16 @@
 namespace vvl::fp
 {
 
-// Told by the plane from the loop; all may be called for the same frame.
+// What a plane tells, from the loop. All may be called for the same frame.
 class PlaneEvents
 {
   public:
     virtual ~PlaneEvents() = default;
 
     // A frame of a voice device came in on a trapped port. frame is as it came
-    // in and lives until the call returns. The frame's own way does not change:
-    // it is forwarded as well, or dropped where Acl::security denies it, which
-    // it does to a phone that tags its frames before its port has Acl::voice.
+    // in and lives until the call returns. The frame is forwarded as well, or
+    // dropped where Acl::security denies it (as it does to a phone that tags its
+    // frames before its port has Acl::voice).
     virtual void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) = 0;
 
     // A source MAC was seen in a VLAN on a port, after the ACLs: at once where
@@ -36,26 +35,27 @@ class Plane
   public:
     virtual ~Plane() = default;
 
-    // Replaces the rules of one ACL. rules: ascending id, at most
-    // FP_UDP_ACE_COUNT_MAX. Returns 0 or a negative code, with nothing changed.
-    virtual int set_rules(Acl acl, std::span<const Rule> rules) = 0;
-
-    // Replaces the set of ACLs that are bound to a port (acl_bit()s; 0: none).
-    virtual int set_binding(uint32_t phyid, uint8_t acls) = 0;
-
-    // Replaces everything in one step.
-    virtual int replace_all(const PlaneState &state) = 0;
+    // Forwards by this state from now on, in one step: no frame sees a part of
+    // it, and every frame that comes in after the call sees all of it. What the
+    // state does not change keeps its counters and learned addresses. Bindings
+    // may name ports that add_port() has not made known. state: copied.
+    // Returns 0, or a negative code with the earlier state still in force:
+    // error_invalid where check_state() refuses it, error_full where there is no
+    // room for its ports, or a code of the plane's own.
+    virtual int install(const PlaneState &state) = 0;
 
     // Copies voice frames of the port to the packet side, or stops it. A voice
     // frame is one whose source MAC matches a MAC rule of Acl::voice, in any
-    // VLAN, whether or not the ACL is bound to the port.
+    // VLAN, whether or not the ACL is bound to the port. Returns 0, or
+    // error_full where there is no room for the port.
     virtual int set_trap(uint32_t phyid, bool on) = 0;
 
     // Forgets a learned address; its next frame counts as new.
     virtual void forget(uint16_t vlan, const Mac &mac) = 0;
 
-    // What the plane forwards by. A plane that outlives the agent has what an
-    // earlier one left, which its manager then preserves until it knows better.
+    // What the plane forwards by: the state of the last install() that returned
+    // 0. A plane that outlives the agent has what an earlier one left, which its
+    // manager preserves until its first reconciliation ends.
     virtual PlaneState installed() const { return {}; }
 };
 
@@ -81,7 +81,7 @@ struct PortCounters {
 class DataPlane : public Plane
 {
   public:
-    // Where events go; null: nowhere. events outlives the plane or is taken out before.
+    // Where events go; null: nowhere. events outlives the plane, or is replaced before it ends.
     virtual void set_events(PlaneEvents *events) = 0;
 
     // Makes a port known, or changes it. On failure why names the port and the

@@ -52,15 +52,6 @@ void Reports::forget()
     held_.clear();
 }
 
-void Reports::post(const Report &report)
-{
-    loop_.post([report, weak = std::weak_ptr<Registration>(registration_)] {
-        if (auto registration = weak.lock()) {
-            deliver(*registration->callbacks, report);
-        }
-    });
-}
-
 bool Reports::hold(const Report &report)
 {
     if (held_.size() == held_reports_max) {
@@ -72,10 +63,25 @@ bool Reports::hold(const Report &report)
 
 void Reports::release(int error)
 {
-    for (Report &report : std::exchange(held_, {})) {
-        report.error = error;
-        post(report);
+    for (Report &report : held_) {
+        report.error = report.error == 0 ? error : report.error;
     }
+    post_all(std::exchange(held_, {}));
+}
+
+// A callback may end the registration, so each report looks at it again.
+void Reports::post_all(std::vector<Report> reports)
+{
+    if (reports.empty()) {
+        return;
+    }
+    loop_.post([reports = std::move(reports), weak = std::weak_ptr<Registration>(registration_)] {
+        for (const Report &report : reports) {
+            if (const auto registration = weak.lock()) {
+                deliver(*registration->callbacks, report);
+            }
+        }
+    });
 }
 
 } // namespace vvl::fp

@@ -13,9 +13,10 @@
 namespace vvl::fp
 {
 
-// Reports held back during one reconciliation. What comes beyond is not
-// reported, since a report only informs and the state does not depend on it.
-constexpr size_t held_reports_max = 4096;
+// Reports held until the plane has answered: one for each ACL, ACE and binding
+// that there can be. What comes beyond is not reported, since a report only
+// informs and the state does not depend on it.
+constexpr size_t held_reports_max = acl_count * (1 + FP_UDP_ACE_COUNT_MAX + bindings_max);
 
 struct Report {
     Kind kind;
@@ -35,16 +36,20 @@ class Reports
     // Drops the callbacks and every report that has not been delivered.
     void forget();
 
-    void post(const Report &report);
+    // Posts one report, before those that are held.
+    void post(const Report &report) { post_all({report}); }
     // Keeps the report until release. Returns false where the limit is reached.
     bool hold(const Report &report);
-    // Posts what was held, in order; error, if not 0, becomes its outcome.
+    // Posts what was held, in order; error, if not 0, becomes the outcome of
+    // each that was a success so far.
     void release(int error);
 
   private:
     struct Registration {
         const fp_udp_acl_cb_tbl_t *callbacks;
     };
+
+    void post_all(std::vector<Report> reports);
 
     Loop &loop_;
     std::shared_ptr<Registration> registration_; // posted tasks look at it weakly

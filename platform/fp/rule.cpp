@@ -2,6 +2,8 @@
 
 #include "fp_udp.h"
 
+#include <algorithm>
+
 namespace vvl::fp
 {
 namespace
@@ -43,6 +45,11 @@ bool check_rules(std::span<const Rule> rules, std::string &why)
         last_id = rule.id;
     }
     return true;
+}
+
+bool check_state(const PlaneState &state, std::string &why)
+{
+    return std::ranges::all_of(state.rules, [&](const std::vector<Rule> &rules) { return check_rules(rules, why); });
 }
 
 } // namespace vvl::fp

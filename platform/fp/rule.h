@@ -62,16 +62,19 @@ struct Rule {
     bool operator==(const Rule &) const = default;
 };
 
-// Whether a plane can take these rules: ascending ids from 1 to
-// FP_UDP_ACE_COUNT_MAX, every value in its range. Otherwise why names
-// the rule and the reason.
-bool check_rules(std::span<const Rule> rules, std::string &why);
-
 // A whole forwarding state.
 struct PlaneState {
     std::vector<Rule> rules[acl_count];  // by Acl, ascending id
     std::map<uint32_t, uint8_t> binding; // phyid -> acl_bit()s; ports without any are absent
     bool operator==(const PlaneState &) const = default;
 };
+
+// Whether a plane can take these rules: ascending ids from 1 to
+// FP_UDP_ACE_COUNT_MAX, every value in its range. Otherwise why names
+// the rule and the reason.
+bool check_rules(std::span<const Rule> rules, std::string &why);
+
+// The same for the rules of all ACLs.
+bool check_state(const PlaneState &state, std::string &why);
 
 } // namespace vvl::fp

@@ -1,11 +1,14 @@
 /* Forwarding-plane ACL library: ACLs, their entries (ACEs) and their bindings
  * to ports, through the operation table of one manager.
  *
- * Outcomes are reported through the registered callbacks, from the event loop,
- * never from inside the call that caused them. The results of the operations
- * themselves tell only whether the request was accepted (0) or malformed
- * (negative). An ACL's ACEs and bindings go when the ACL is deleted; an ACE or
- * a binding for an ACL that does not exist is refused.
+ * The results of the operations tell only whether the request was accepted (0),
+ * or refused (negative) because it is malformed, exceeds a limit or names an
+ * ACL that does not exist; a refused request changes nothing. What is requested
+ * in one callback of the event loop acts together, with the end of that
+ * callback. Where the plane refuses it, all of it is undone, deletions too, and
+ * every set request of it is reported as failed. Outcomes are reported through
+ * the registered callbacks, from the event loop, never from inside the call
+ * that caused them. An ACL's ACEs and bindings go when the ACL is deleted.
  *
  * Order for a frame that enters a bound port: "mac_vlan_app" first (may add
  * the voice tag), then on the resulting VLAN "vvlan_secu_pas_app", and only
@@ -13,8 +16,10 @@
  *
  * Reconciliation: from the first expire call to the del_expired call that
  * answers the last open one, the plane keeps forwarding by the state it had;
- * then the new state takes over at once. After FP_UDP_RECONCILE_LIMIT_MS it
- * takes over anyway. Where nothing was installed, changes act at once.
+ * then the new state takes over at once, or is undone as a whole where the plane
+ * refuses it (that del_expired call then returns the plane's code). After
+ * FP_UDP_RECONCILE_LIMIT_MS it takes over anyway. Where nothing was installed,
+ * there is no state to keep: changes act with the end of each callback.
  */
 #ifndef FP_UDP_H
 #define FP_UDP_H

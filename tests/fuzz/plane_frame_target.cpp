@@ -70,7 +70,7 @@ class Bench
         const uint32_t phyid = in.below(port_count + 1);
         switch (in.below(8)) {
         case 0:
-            plane_.replace_all(read_state(in));
+            plane_.install(read_state(in));
             break;
         case 1:
             plane_.set_trap(phyid, in.flag());

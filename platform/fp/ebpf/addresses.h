@@ -1,11 +1,11 @@
-// The addresses that the kernel's programs have seen, in their map.
+// The addresses that the kernel's programs have seen, in their map, and the
+// time that these programs count in.
 #pragma once
 
 #include "platform/fp/ebpf/layout.h"
 
 #include <cstdint>
 #include <functional>
-#include <set>
 
 namespace vvl::fp
 {
@@ -13,17 +13,25 @@ namespace vvl::fp
 class Addresses
 {
   public:
-    explicit Addresses(int map) : map_(map) {}
+    // map: of struct vv_seen; not owned. shared outlives this.
+    Addresses(int map, vv_shared &shared) : map_(map), shared_(shared) {}
 
-    // Forgets an address of a VLAN, in whatever form its frames came in.
-    // pvids: those of all ports, since a frame without a tag is kept by its port's.
-    void forget(uint16_t vlan, uint64_t mac, const std::set<uint16_t> &pvids);
+    // Forgets an address (as of to_u64) of a VLAN, in whatever form its frames came in.
+    void forget(uint16_t vlan, uint64_t mac);
 
-    // Forgets each address of which the function says so.
-    void forget_if(const std::function<bool(const vv_seen &)> &leaves);
+    // Forgets what was seen on a port, given by its index.
+    void forget_port(uint32_t port);
+
+    // To be called once a second: addresses are reported again, and now and then
+    // the ones that are long silent are forgotten.
+    void count_tick();
 
   private:
-    int map_; // not owned
+    void forget_if(const std::function<bool(const vv_seen &)> &leaves);
+    void begin_epoch() { __atomic_add_fetch(&shared_.epoch, 1, __ATOMIC_RELAXED); }
+
+    int map_;
+    vv_shared &shared_;
 };
 
 } // namespace vvl::fp

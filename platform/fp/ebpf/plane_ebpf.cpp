@@ -7,46 +7,21 @@
 #include "platform/fp/ebpf/addresses.h"
 #include "platform/fp/ebpf/attach.h"
 #include "platform/fp/ebpf/counters.h"
+#include "platform/fp/ebpf/events.h"
 #include "platform/fp/ebpf/kernel.h"
 #include "platform/fp/ebpf/states.h"
 #include "platform/fp/error.h"
 
-#include <bpf/bpf.h>
-#include <bpf/libbpf.h>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <net/if.h>
+#include <optional>
 #include <set>
 
 namespace vvl::fp
 {
 namespace
 {
-
-constexpr uint64_t tick_us = 1'000'000;
-constexpr uint32_t events_per_turn_max = 4096; // then other work of the loop has its turn
-constexpr uint32_t sweep_interval_ticks = 60;
-// An address that the agent did not have forgotten itself, since it died before
-// it could, goes after twice the usual aging time of a bridge (IEEE 802.1D: 300 s).
-constexpr uint32_t idle_ticks_max = 600;
-
-struct RingEnd {
-    void operator()(ring_buffer *ring) const { ring_buffer__free(ring); }
-};
-
-// The frame as it was on the wire: the tag that the kernel had taken out is back.
-std::vector<uint8_t> whole_frame(const vv_trapped &trapped)
-{
-    const vv_event &event = trapped.event;
-    std::vector<uint8_t> frame(trapped.bytes, trapped.bytes + std::min<size_t>(event.size, sizeof trapped.bytes));
-    if (event.tag_type != 0 && frame.size() >= 2 * mac_size) {
-        const uint8_t tag[] = {static_cast<uint8_t>(event.tag_type >> 8), static_cast<uint8_t>(event.tag_type),
-                               static_cast<uint8_t>(event.tag >> 8), static_cast<uint8_t>(event.tag)};
-        frame.insert(frame.begin() + 2 * mac_size, std::begin(tag), std::end(tag));
-    }
-    return frame;
-}
 
 // Agent and sides may be processes of their own, each with flags of its own.
 void set_flag(vv_port &port, uint32_t flag, bool on)
@@ -63,42 +38,18 @@ std::string name_of(const PlanePort &port)
 } // namespace
 
 struct EbpfPlane::Impl {
-    explicit Impl(Loop &the_loop) : loop(the_loop) {}
-    ~Impl()
-    {
-        flush();
-        stop_events();
-    }
-    Impl(const Impl &) = delete;
-    Impl &operator=(const Impl &) = delete;
+    explicit Impl(std::string folder) : pin_folder(std::move(folder)) {}
 
-    Loop &loop;
-    std::string pin_folder;
+    const std::string pin_folder;
     KernelSide side;
-    std::unique_ptr<States> states;
-    PlaneState in_force;
-    PlaneState wanted;             // in force with the end of the current callback
-    std::shared_ptr<bool> pending; // a flush is posted; posted tasks look at it weakly
-    std::unique_ptr<ring_buffer, RingEnd> ring;
-    PlaneEvents *events = nullptr;
-    LoopId watch = 0;
-    LoopId timer = 0;
-    uint32_t events_this_turn = 0;
+    // Made when the kernel's side is open.
+    std::optional<States> states;
+    std::optional<Addresses> addresses;
+    std::optional<EventReader> reader;
 
-    uint32_t port_for(uint32_t phyid, const std::map<uint32_t, uint8_t> *binding = nullptr);
+    uint32_t port_for(uint32_t phyid, const std::map<uint32_t, uint8_t> &binding = {});
     vv_port &port(uint32_t index) { return side.shared().ports[index]; }
     bool may_write();
-    int locate_all(const std::map<uint32_t, uint8_t> &binding);
-    void flush_later();
-    void flush();
-    bool start_events(std::string &why);
-    void stop_events();
-    void consume();
-    void tell(const void *record, size_t size);
-    void begin_epoch() { __atomic_add_fetch(&side.shared().epoch, 1, __ATOMIC_RELAXED); }
-    void arm_tick();
-    void tick();
-    std::set<uint16_t> pvids() const;
 };
 
 // The states belong to one process; a second agent must not work against the first.
@@ -112,8 +63,8 @@ bool EbpfPlane::Impl::may_write()
 }
 
 // The index of a port, made where it is new; VV_PORTS_MAX where all are in use.
-// binding: what is about to be wanted, beside what is.
-uint32_t EbpfPlane::Impl::port_for(uint32_t phyid, const std::map<uint32_t, uint8_t> *binding)
+// binding: of the state that is about to be installed.
+uint32_t EbpfPlane::Impl::port_for(uint32_t phyid, const std::map<uint32_t, uint8_t> &binding)
 {
     if (const uint32_t known = states->find_port(phyid); known < VV_PORTS_MAX) {
         return known;
@@ -123,127 +74,7 @@ uint32_t EbpfPlane::Impl::port_for(uint32_t phyid, const std::map<uint32_t, uint
     if (!turn) {
         log_line(LogLevel::error, why);
     }
-    return states->port_for(phyid, [&](uint32_t other) {
-        return wanted.binding.contains(other) || (binding != nullptr && binding->contains(other));
-    });
-}
-
-// ---- Events ---------------------------------------------------------------
-
-bool EbpfPlane::Impl::start_events(std::string &why)
-{
-    const auto sample = [](void *self, void *record, size_t size) {
-        auto *impl = static_cast<Impl *>(self);
-        impl->tell(record, size);
-        return ++impl->events_this_turn < events_per_turn_max ? 0 : -ECANCELED;
-    };
-    ring.reset(ring_buffer__new(side.events.get(), sample, this, nullptr));
-    if (ring == nullptr) {
-        why = side.folder + "/events: cannot be read: " + error_text(errno);
-        return false;
-    }
-    watch = loop.watch_fd(ring_buffer__epoll_fd(ring.get()), fd_readable, [this](unsigned) { consume(); });
-    arm_tick();
-    return true;
-}
-
-void EbpfPlane::Impl::stop_events()
-{
-    if (ring == nullptr) {
-        return;
-    }
-    loop.unwatch_fd(watch);
-    loop.cancel_timer(timer);
-    ring.reset();
-}
-
-void EbpfPlane::Impl::consume()
-{
-    events_this_turn = 0;
-    ring_buffer__consume(ring.get());
-}
-
-void EbpfPlane::Impl::tell(const void *record, size_t size)
-{
-    vv_trapped trapped{};
-    std::memcpy(&trapped, record, std::min(size, sizeof trapped));
-    const vv_event &event = trapped.event;
-    if (events == nullptr || event.port >= VV_PORTS_MAX || (port(event.port).flags & VV_PORT_USED) == 0) {
-        return;
-    }
-    const uint32_t phyid = port(event.port).phyid;
-    if (event.kind == VV_EVENT_SEEN) {
-        events->mac_seen(event.vlan, mac_of(event.mac), phyid);
-    } else if (event.kind == VV_EVENT_TRAPPED) {
-        events->voice_trapped(phyid, mac_of(event.mac), whole_frame(trapped));
-    }
-}
-
-void EbpfPlane::Impl::arm_tick()
-{
-    timer = loop.add_timer(tick_us, [this] { tick(); });
-}
-
-void EbpfPlane::Impl::tick()
-{
-    const uint32_t now = __atomic_add_fetch(&side.shared().tick, 1, __ATOMIC_RELAXED);
-    begin_epoch();
-    if (now % sweep_interval_ticks == 0) {
-        Addresses(side.seen.get()).forget_if([&](const vv_seen &seen) { return now - seen.tick > idle_ticks_max; });
-    }
-    arm_tick();
-}
-
-// ---- The plane ------------------------------------------------------------
-
-int EbpfPlane::Impl::locate_all(const std::map<uint32_t, uint8_t> &binding)
-{
-    for (const auto &[phyid, acls] : binding) {
-        if (port_for(phyid, &binding) >= VV_PORTS_MAX) {
-            return error_full;
-        }
-    }
-    return 0;
-}
-
-// What an application changes in one callback belongs together: a device that
-// is added takes a rule that tags it and one that marks it. Frames come in all
-// the while here, so the changes are put into force together.
-void EbpfPlane::Impl::flush_later()
-{
-    if (pending == nullptr) {
-        pending = std::make_shared<bool>(true);
-        loop.post([this, posted = std::weak_ptr<bool>(pending)] {
-            if (!posted.expired()) {
-                flush();
-            }
-        });
-    }
-}
-
-void EbpfPlane::Impl::flush()
-{
-    pending.reset();
-    if (wanted == in_force) {
-        return;
-    }
-    if (const int code = states->carry_over(in_force, wanted); code != 0) {
-        log_line(LogLevel::error, side.folder + ": a change cannot be put into force: " + error_text(code));
-        return;
-    }
-    in_force = wanted;
-}
-
-std::set<uint16_t> EbpfPlane::Impl::pvids() const
-{
-    std::set<uint16_t> all;
-    const vv_shared &shared = side.shared();
-    for (uint32_t index = 0; index < VV_PORTS_MAX; index++) {
-        if (shared.ports[index].flags & VV_PORT_USED) {
-            all.insert(VV_BIND_PVID(shared.states[shared.active % VV_STATES].bind[index]));
-        }
-    }
-    return all;
+    return states->port_for(phyid, [&](uint32_t other) { return binding.contains(other); });
 }
 
 EbpfPlane::EbpfPlane(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -252,64 +83,31 @@ EbpfPlane::~EbpfPlane() = default;
 
 std::unique_ptr<EbpfPlane> EbpfPlane::open(Loop &loop, const EbpfOptions &options, std::string &why)
 {
-    auto impl = std::make_unique<Impl>(loop);
-    impl->pin_folder = options.pin_folder;
+    auto impl = std::make_unique<Impl>(options.pin_folder);
     if (!open_kernel_side(options.pin_folder, impl->side, why)) {
         return nullptr;
     }
-    impl->states = std::make_unique<States>(&impl->side.shared(), impl->side.all_rules());
-    impl->wanted = impl->in_force = impl->states->installed();
+    impl->states.emplace(&impl->side.shared(), impl->side.all_rules());
+    impl->addresses.emplace(impl->side.seen.get(), impl->side.shared());
+    impl->reader.emplace(loop, impl->side, *impl->addresses);
     return std::unique_ptr<EbpfPlane>(new EbpfPlane(std::move(impl)));
 }
 
-int EbpfPlane::set_rules(Acl acl, std::span<const Rule> rules)
+int EbpfPlane::install(const PlaneState &state)
 {
     std::string why;
-    if (!check_rules(rules, why)) {
+    if (!check_state(state, why)) {
         return error_invalid;
     }
     if (!impl_->may_write()) {
         return -EBUSY;
     }
-    impl_->wanted.rules[static_cast<size_t>(acl)].assign(rules.begin(), rules.end());
-    impl_->flush_later();
-    return 0;
-}
-
-int EbpfPlane::set_binding(uint32_t phyid, uint8_t acls)
-{
-    if (!impl_->may_write()) {
-        return -EBUSY;
-    }
-    if (impl_->port_for(phyid) >= VV_PORTS_MAX) {
-        return error_full;
-    }
-    if (acls != 0) {
-        impl_->wanted.binding[phyid] = acls;
-    } else {
-        impl_->wanted.binding.erase(phyid);
-    }
-    impl_->flush_later();
-    return 0;
-}
-
-int EbpfPlane::replace_all(const PlaneState &state)
-{
-    std::string why;
-    for (const auto &rules : state.rules) {
-        if (!check_rules(rules, why)) {
-            return error_invalid;
+    for (const auto &[phyid, acls] : state.binding) {
+        if (impl_->port_for(phyid, state.binding) >= VV_PORTS_MAX) {
+            return error_full;
         }
     }
-    if (!impl_->may_write()) {
-        return -EBUSY;
-    }
-    if (const int code = impl_->locate_all(state.binding); code != 0) {
-        return code;
-    }
-    impl_->wanted = state;
-    impl_->flush_later();
-    return 0;
+    return impl_->states->install(state);
 }
 
 int EbpfPlane::set_trap(uint32_t phyid, bool on)
@@ -326,22 +124,20 @@ int EbpfPlane::set_trap(uint32_t phyid, bool on)
 
 void EbpfPlane::forget(uint16_t vlan, const Mac &mac)
 {
-    Addresses(impl_->side.seen.get()).forget(vlan, to_u64(mac.data()), impl_->pvids());
-    impl_->begin_epoch();
+    impl_->addresses->forget(vlan, to_u64(mac.data()));
 }
 
 PlaneState EbpfPlane::installed() const
 {
-    return impl_->wanted;
+    return impl_->states->installed();
 }
 
 void EbpfPlane::set_events(PlaneEvents *events)
 {
-    impl_->events = events;
     std::string why;
     if (events == nullptr) {
-        impl_->stop_events();
-    } else if (impl_->ring == nullptr && !impl_->start_events(why)) {
+        impl_->reader->stop();
+    } else if (!impl_->reader->start(*events, why)) {
         log_line(LogLevel::error, why);
     }
 }
@@ -383,8 +179,7 @@ void EbpfPlane::set_link(uint32_t phyid, bool up)
 {
     const uint32_t index = impl_->states->find_port(phyid);
     if (!up && index < VV_PORTS_MAX) {
-        Addresses(impl_->side.seen.get()).forget_if([&](const vv_seen &seen) { return seen.port == index; });
-        impl_->begin_epoch();
+        impl_->addresses->forget_port(index);
     }
 }
 

@@ -26,14 +26,13 @@ namespace vvl::fp
 class EbpfPlane final : public DataPlane
 {
   public:
-    // Takes over what is pinned, or loads the programs anew. Null on failure;
+    // Takes over what is pinned, or loads the programs. Null on failure;
     // why names the object and the reason.
     static std::unique_ptr<EbpfPlane> open(Loop &loop, const EbpfOptions &options, std::string &why);
     ~EbpfPlane() override; // the programs go on
 
-    int set_rules(Acl acl, std::span<const Rule> rules) override;
-    int set_binding(uint32_t phyid, uint8_t acls) override;
-    int replace_all(const PlaneState &state) override;
+    // Refuses with -EBUSY while another agent controls the plane.
+    int install(const PlaneState &state) override;
     int set_trap(uint32_t phyid, bool on) override;
     void forget(uint16_t vlan, const Mac &mac) override;
     PlaneState installed() const override;

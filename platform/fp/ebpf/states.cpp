@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <linux/membarrier.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-#include <vector>
 
 namespace vvl::fp
 {
@@ -173,32 +173,36 @@ void States::store_bind(uint32_t port, uint16_t pvid, uint8_t acls)
     __atomic_store_n(&active().bind[port], bind_word(next_generation(), pvid, acls), __ATOMIC_RELEASE);
 }
 
-int States::carry_over(const PlaneState &from, const PlaneState &to)
+int States::install(const PlaneState &state)
 {
-    // Ports that differ, each with what it is to be bound to.
-    std::map<uint32_t, uint8_t> changed;
-    for (const auto &[phyid, acls] : from.binding) {
-        changed.emplace(phyid, 0);
-    }
-    for (const auto &[phyid, acls] : to.binding) {
-        changed[phyid] = acls;
-    }
-    std::erase_if(changed, [&](const auto &port) {
-        const auto before = from.binding.find(port.first);
-        return (before != from.binding.end() ? before->second : 0) == port.second;
-    });
-    if (!std::ranges::equal(from.rules, to.rules) || changed.size() > 1) {
-        return replace_all(to);
-    }
-    for (const auto &[phyid, acls] : changed) {
+    Bound bound(VV_PORTS_MAX);
+    for (const auto &[phyid, acls] : state.binding) {
         if (const uint32_t port = find_port(phyid); port < VV_PORTS_MAX) {
-            store_bind(port, VV_BIND_PVID(active().bind[port]), acls);
+            bound[port] = acls;
         }
+    }
+    size_t changed_count = 0;
+    uint32_t changed = 0; // the last of them
+    for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
+        if (VV_BIND_BOUND(active().bind[port]) != bound[port]) {
+            changed_count++;
+            changed = port;
+        }
+    }
+    bool has_same_rules = true;
+    for (size_t i = 0; i < acl_count; i++) {
+        has_same_rules = has_same_rules && rules_in_force(i) == state.rules[i];
+    }
+    if (!has_same_rules || changed_count > 1) {
+        return switch_state(state, bound);
+    }
+    if (changed_count == 1) {
+        store_bind(changed, VV_BIND_PVID(active().bind[changed]), bound[changed]);
     }
     return 0;
 }
 
-int States::replace_all(const PlaneState &to)
+int States::switch_state(const PlaneState &to, const Bound &bound)
 {
     if (free_states_ == 0) {
         if (syscall(SYS_membarrier, MEMBARRIER_CMD_GLOBAL, 0, 0) != 0) {
@@ -213,12 +217,7 @@ int States::replace_all(const PlaneState &to)
     }
     const uint32_t generation = next_generation();
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
-        state.bind[port] = bind_word(generation, VV_BIND_PVID(active().bind[port]), 0);
-    }
-    for (const auto &[phyid, acls] : to.binding) {
-        if (const uint32_t port = find_port(phyid); port < VV_PORTS_MAX) {
-            state.bind[port] |= acls;
-        }
+        state.bind[port] = bind_word(generation, VV_BIND_PVID(active().bind[port]), bound[port]);
     }
     free_states_--;
     __atomic_store_n(&shared_->active, next, __ATOMIC_RELEASE);
@@ -232,20 +231,25 @@ void States::set_pvid(uint32_t port, uint16_t pvid)
     }
 }
 
+std::vector<Rule> States::rules_in_force(size_t acl) const
+{
+    std::vector<Rule> out;
+    const vv_rule *rules = &rules_[first_rule(shared_->active % VV_STATES, acl)];
+    const uint32_t count = std::min<uint32_t>(active().acls[acl].count, VV_RANK_NONE);
+    std::transform(rules, rules + count, std::back_inserter(out), user_rule);
+    std::ranges::sort(out, {}, &Rule::id);
+    return out;
+}
+
 PlaneState States::installed() const
 {
     PlaneState out;
-    const vv_state &state = active();
     for (size_t i = 0; i < acl_count; i++) {
-        const vv_rule *rules = &rules_[first_rule(shared_->active % VV_STATES, i)];
-        for (uint32_t rank = 0; rank < state.acls[i].count && rank < VV_RANK_NONE; rank++) {
-            out.rules[i].push_back(user_rule(rules[rank]));
-        }
-        std::ranges::sort(out.rules[i], {}, &Rule::id);
+        out.rules[i] = rules_in_force(i);
     }
-    for (const auto &[phyid, port] : port_by_phyid_) {
-        if (const uint8_t bound = VV_BIND_BOUND(state.bind[port]); bound != 0) {
-            out.binding.emplace(phyid, bound);
+    for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
+        if (const uint8_t bound = VV_BIND_BOUND(active().bind[port]); bound != 0) {
+            out.binding.emplace(shared_->ports[port].phyid, bound);
         }
     }
     return out;

@@ -1,7 +1,7 @@
 // The forwarding states in the shared map: what the kernel's programs work from.
 //
-// A change of rules fills a state that is not in force and puts it into force
-// with one store. A change of one port is one store into the state in force. A
+// A change fills a state that is not in force and puts it into force with one
+// store; a change of one port alone is one store into the state in force. A
 // state is filled again only when no program can still be reading it: each
 // program runs in an RCU read section, and membarrier() waits for those that
 // have begun.
@@ -14,7 +14,7 @@
 #include <functional>
 #include <map>
 #include <span>
-#include <string>
+#include <vector>
 
 namespace vvl::fp
 {
@@ -33,12 +33,12 @@ class States
     using IsNeeded = std::function<bool(uint32_t phyid)>;
     uint32_t port_for(uint32_t phyid, const IsNeeded &is_needed);
 
-    // Puts a state into force instead of the one that is, in one step. Rules
-    // are such that check_rules accepts them; ports were all made before.
+    // Puts a state into force in one step; writes only what differs from the
+    // one that is. check_state() accepts it, and all its ports were made before.
     // Returns 0, or a negative system error with nothing changed.
-    int carry_over(const PlaneState &from, const PlaneState &to);
+    int install(const PlaneState &state);
     void set_pvid(uint32_t port, uint16_t pvid);
-    PlaneState installed() const;
+    PlaneState installed() const; // read from the map
 
     // Makes an interface's frames those of the port, and no other interface's.
     // False where its places are taken by others.
@@ -47,7 +47,10 @@ class States
 
   private:
     uint32_t find_place(const IsNeeded &is_needed) const;
-    int replace_all(const PlaneState &state);
+    // How each port is bound (VV_PORTS_MAX acl_bit() sets, by index).
+    using Bound = std::vector<uint8_t>;
+    std::vector<Rule> rules_in_force(size_t acl) const;
+    int switch_state(const PlaneState &state, const Bound &bound);
     vv_state &active() const { return shared_->states[shared_->active % VV_STATES]; }
     void store_bind(uint32_t port, uint16_t pvid, uint8_t acls);
     uint32_t next_generation();

@@ -18,6 +18,7 @@
 #include "platform/fp/soft/mac_table.h"
 #include "platform/fp/soft/pipeline.h"
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <utility>
@@ -48,7 +49,8 @@ struct SoftPlane::Impl {
     Loop &loop;
     PlaneEvents *events = nullptr;
     FrameOutput output;
-    AclSet acls;
+    std::vector<Rule> rules[acl_count]; // by Acl, as installed
+    AclSet acls;                        // compiled from them
     MacTable macs;
     std::map<uint32_t, Port> ports; // by phyid; never erased, so references stay
     uint64_t stray = 0;             // frames for unknown ports
@@ -148,45 +150,29 @@ SoftPlane::SoftPlane(Loop &loop) : impl_(std::make_unique<Impl>(loop)) {}
 
 SoftPlane::~SoftPlane() = default;
 
-int SoftPlane::set_rules(Acl acl, std::span<const Rule> rules)
+int SoftPlane::install(const PlaneState &state)
 {
     std::string why;
-    if (!check_rules(rules, why)) {
+    if (!check_state(state, why)) {
         return error_invalid;
     }
-    impl_->acls.acls[static_cast<size_t>(acl)] = Classifier(rules);
-    return 0;
-}
-
-int SoftPlane::set_binding(uint32_t phyid, uint8_t acls)
-{
-    Port *port = impl_->port_for_policy(phyid);
-    if (!port) {
+    auto &ports = impl_->ports;
+    const auto new_ports =
+        std::ranges::count_if(state.binding, [&](const auto &binding) { return !ports.contains(binding.first); });
+    if (ports.size() + static_cast<size_t>(new_ports) > ports_max) {
         return error_full;
     }
-    port->acls = acls;
-    return 0;
-}
-
-int SoftPlane::replace_all(const PlaneState &state)
-{
-    std::string why;
-    AclSet acls;
     for (size_t i = 0; i < acl_count; i++) {
-        if (!check_rules(state.rules[i], why)) {
-            return error_invalid;
+        if (impl_->rules[i] != state.rules[i]) {
+            impl_->rules[i] = state.rules[i];
+            impl_->acls.acls[i] = Classifier(state.rules[i]);
         }
-        acls.acls[i] = Classifier(state.rules[i]);
+    }
+    for (auto &[phyid, port] : ports) {
+        port.acls = 0;
     }
     for (const auto &[phyid, bound] : state.binding) {
-        if (!impl_->port_for_policy(phyid)) {
-            return error_full;
-        }
-    }
-    impl_->acls = std::move(acls);
-    for (auto &[phyid, port] : impl_->ports) {
-        const auto found = state.binding.find(phyid);
-        port.acls = found == state.binding.end() ? 0 : found->second;
+        ports[phyid].acls = bound;
     }
     return 0;
 }
@@ -209,9 +195,7 @@ void SoftPlane::forget(uint16_t vlan, const Mac &mac)
 PlaneState SoftPlane::installed() const
 {
     PlaneState state;
-    for (size_t i = 0; i < acl_count; i++) {
-        state.rules[i] = impl_->acls.acls[i].rules();
-    }
+    std::ranges::copy(impl_->rules, state.rules);
     for (const auto &[phyid, port] : impl_->ports) {
         if (port.acls != 0) {
             state.binding.emplace(phyid, port.acls);

@@ -2,8 +2,7 @@
 // in this process.
 //
 // Limits: ports_max ports, with those that are only bound or trapped so far;
-// set_binding, replace_all and set_trap refuse what goes beyond. Learned
-// addresses: mac_table.h.
+// install and set_trap refuse what goes beyond. Learned addresses: mac_table.h.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -26,9 +25,7 @@ class SoftPlane final : public DataPlane
     explicit SoftPlane(Loop &loop); // the loop's clock paces mac_seen
     ~SoftPlane() override;
 
-    int set_rules(Acl acl, std::span<const Rule> rules) override;
-    int set_binding(uint32_t phyid, uint8_t acls) override;
-    int replace_all(const PlaneState &state) override;
+    int install(const PlaneState &state) override;
     int set_trap(uint32_t phyid, bool on) override;
     void forget(uint16_t vlan, const Mac &mac) override;
     PlaneState installed() const override;

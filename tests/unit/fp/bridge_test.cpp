@@ -88,11 +88,10 @@ TEST_P(BridgeTest, AddressIsReportedWhenNewMovedForgottenOrDue)
 
 TEST_P(BridgeTest, AddressIsLearnedInTheResultingVlanAndNotFromDeniedFrames)
 {
-    PlaneState state;
-    state.rules[0] = {voice_tag_rule(5)};
-    state.rules[2] = {deny_rule()};
-    state.binding = {{1, acl_bit(Acl::mac_vlan)}, {2, acl_bit(Acl::security)}};
-    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    state_.rules[0] = {voice_tag_rule(5)};
+    state_.rules[2] = {deny_rule()};
+    state_.binding = {{1, acl_bit(Acl::mac_vlan)}, {2, acl_bit(Acl::security)}};
+    install();
     rig_->send(1, frame_to(broadcast, phone));
     rig_->send(2, frame_to(broadcast, stranger, {0x8100, voice_vlan}));
     rig_->send(1, frame_to(broadcast, Mac{3, 0, 0, 0, 0, 1})); // a group address

@@ -97,9 +97,8 @@ TEST(EbpfDifferential, KernelAndClassifierTreatEveryFrameAlike)
         const PlaneState state = random_state(dice);
         const auto pvid = static_cast<uint16_t>(dice.below(2) == 0 ? 100 : 1 + dice.below(4094));
         std::string why;
-        ASSERT_EQ(0, rig.plane().replace_all(state));
+        ASSERT_EQ(0, rig.plane().install(state));
         ASSERT_TRUE(rig.plane().add_port({.phyid = 1, .pvid = pvid, .interface = "port1"}, why)) << why;
-        rig.advance(0);
         AclSet acls;
         for (size_t i = 0; i < acl_count; i++) {
             acls.acls[i] = Classifier(state.rules[i]);

@@ -5,6 +5,7 @@
 #include "platform/fp/error.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <linux/capability.h>
@@ -37,9 +38,10 @@ class EbpfTest : public ::testing::Test, public PlaneEvents
         state_.rules[1] = {voice_mark_rule(5)};
         state_.rules[2] = {deny_rule()};
         state_.binding = {{1, all_acls}};
-        ASSERT_EQ(0, rig_->plane().replace_all(state_));
-        rig_->advance(0);
+        install();
     }
+
+    void install() { ASSERT_EQ(0, rig_->plane().install(state_)); }
 
     static Bytes from_phone() { return ethernet(server, phone, {}, 0x0800, ipv4(1)); }
     static Bytes to(const Mac &mac, std::initializer_list<unsigned> tags = {0x8100, 0xc064})
@@ -99,10 +101,9 @@ TEST_F(EbpfTest, EveryStateIsReusedWhole)
 {
     const Bytes frame = from_phone();
     for (unsigned i = 0; i < 40; i++) {
-        Rule mark = voice_mark_rule(5);
-        mark.cos = static_cast<uint8_t>(i % 8);
-        ASSERT_EQ(0, rig_->plane().set_rules(Acl::voice, std::vector<Rule>{mark}));
-        ASSERT_EQ(0, rig_->plane().set_binding(2, i % 2 == 0 ? all_acls : 0));
+        state_.rules[1][0].cos = static_cast<uint8_t>(i % 8);
+        state_.binding[2] = i % 2 == 0 ? all_acls : 0;
+        install();
         const Bytes marked = ethernet(server, phone, {0x8100, (i % 8) << 13 | voice_vlan}, 0x0800, ipv4(46 << 2 | 1));
         EXPECT_EQ(Sent({{uplink, marked}}), rig_->send(1, frame));
         EXPECT_EQ(Sent({{uplink, i % 2 == 0 ? marked : frame}}), rig_->send(2, frame));
@@ -112,17 +113,20 @@ TEST_F(EbpfTest, EveryStateIsReusedWhole)
 TEST_F(EbpfTest, PlacesOfPortsThatNobodyHasAnyMoreAreTakenAgain)
 {
     const uint32_t first = 1000;
-    uint32_t next = first;
-    while (rig_->plane().set_binding(next, all_acls) == 0) {
-        next++;
+    const uint32_t end = first + VV_PORTS_MAX - std::size(ports_under_test);
+    for (uint32_t phyid = first; phyid < end; phyid++) {
+        state_.binding[phyid] = all_acls;
     }
-    EXPECT_EQ(VV_PORTS_MAX, static_cast<int>(next - first + std::size(ports_under_test)));
-    EXPECT_EQ(error_full, rig_->plane().set_trap(next, true));
-    rig_->advance(0);
-    ASSERT_EQ(0, rig_->plane().set_binding(first, 0));
-    rig_->advance(0);
-    EXPECT_EQ(0, rig_->plane().set_trap(next, true));
-    EXPECT_EQ(error_full, rig_->plane().set_binding(first, all_acls));
+    install();
+    PlaneState more = state_;
+    more.binding[end] = all_acls;
+    EXPECT_EQ(error_full, rig_->plane().install(more));
+    EXPECT_EQ(state_, rig_->plane().installed());
+    EXPECT_EQ(error_full, rig_->plane().set_trap(end, true));
+    state_.binding.erase(first);
+    install();
+    EXPECT_EQ(0, rig_->plane().set_trap(end, true));
+    EXPECT_EQ(error_full, rig_->plane().install(more));
 }
 
 TEST_F(EbpfTest, FramesLeaveABoundPortAsItsDeviceTalks)
@@ -147,7 +151,8 @@ TEST_F(EbpfTest, FramesLeaveABoundPortAsItsDeviceTalks)
     rig_->send(1, from_phone());
     rig_->plane().forget(voice_vlan, phone);
     EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame); // aged, its port still knows
-    ASSERT_EQ(0, rig_->plane().set_binding(1, 0));
+    state_.binding.clear();
+    install();
     EXPECT_EQ(to(phone), rig_->leave(1, to(phone)).frame);
 }
 
@@ -201,7 +206,7 @@ TEST_F(EbpfTest, SecondAgentAndStrangersAreRefused)
     const auto second = EbpfPlane::open(loop, {.pin_folder = pin_folder}, why);
     ASSERT_NE(nullptr, second) << why;
     EXPECT_EQ(state_, second->installed()); // to read is free
-    EXPECT_GT(0, second->set_binding(1, 0));
+    EXPECT_EQ(-EBUSY, second->install({}));
     EXPECT_EQ(state_, rig_->plane().installed());
 
     make_interface(78);

@@ -107,11 +107,14 @@ class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneE
         rig_->plane().set_events(this);
     }
 
+    void install() { ASSERT_EQ(0, rig_->plane().install(state_)); }
+
     // Replaces the rules of an ACL, and what is bound to port 1.
     void install(Acl acl, const std::vector<Rule> &rules, uint8_t bound)
     {
-        ASSERT_EQ(0, rig_->plane().set_rules(acl, rules));
-        ASSERT_EQ(0, rig_->plane().set_binding(1, bound));
+        state_.rules[static_cast<size_t>(acl)] = rules;
+        state_.binding[1] = bound;
+        install();
     }
 
     // The frame as it leaves the uplink, where nothing is learned, or nothing.
@@ -122,6 +125,7 @@ class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneE
     }
 
     std::unique_ptr<Rig> rig_ = GetParam().make();
+    PlaneState state_; // as last installed
     std::vector<Trapped> trapped_;
     std::vector<Seen> seen_;
 };

@@ -1,6 +1,7 @@
 // What every plane makes of rules and bindings: each rule matches, its
 // neighbours do not, and after its removal it no longer matches.
 #include "fp_udp.h"
+#include "platform/fp/error.h"
 #include "tests/unit/fp/plane_fixture.h"
 
 namespace vvl::fp::test
@@ -36,7 +37,7 @@ TEST_P(PlaneTest, MacVlanRuleTagsUntaggedFramesOfItsDevices)
     EXPECT_EQ(untagged(stranger), through(1, untagged(stranger)));
     EXPECT_EQ(untagged(phone), through(2, untagged(phone)));
 
-    ASSERT_EQ(0, rig_->plane().set_rules(Acl::mac_vlan, {}));
+    install(Acl::mac_vlan, {}, acl_bit(Acl::mac_vlan));
     EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
     EXPECT_EQ(2u, rig_->plane().counters(1).tagged);
     EXPECT_EQ(0u, rig_->plane().counters(1).remarked);
@@ -57,7 +58,7 @@ TEST_P(PlaneTest, VoiceRuleMarksItsDevicesInTheVoiceVlan)
     EXPECT_EQ(untagged(phone), through(1, untagged(phone))); // in VLAN 1
     EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
 
-    ASSERT_EQ(0, rig_->plane().set_binding(1, 0));
+    install(Acl::voice, {voice_mark_rule(5)}, 0);
     EXPECT_EQ(tagged(phone, 100), through(1, tagged(phone, 100)));
 }
 
@@ -79,8 +80,8 @@ TEST_P(PlaneTest, MarksOnlyWhatTheFrameHas)
 TEST_P(PlaneTest, SecurityRuleJudgesOnlyWhatTheVoiceAclLeaves)
 {
     install(Acl::voice, {voice_mark_rule(5)}, 0);
+    state_.binding[2] = acl_bit(Acl::security);
     install(Acl::security, {deny_rule()}, acl_bit(Acl::voice) | acl_bit(Acl::security));
-    ASSERT_EQ(0, rig_->plane().set_binding(2, acl_bit(Acl::security)));
 
     EXPECT_TRUE(through(1, tagged(stranger, 100)).empty());
     EXPECT_TRUE(through(2, tagged(phone, 100)).empty()); // no voice ACL there
@@ -89,19 +90,16 @@ TEST_P(PlaneTest, SecurityRuleJudgesOnlyWhatTheVoiceAclLeaves)
     EXPECT_FALSE(through(1, tagged(stranger, 101)).empty());
     EXPECT_FALSE(through(3, tagged(stranger, 100)).empty());
 
-    ASSERT_EQ(0, rig_->plane().set_rules(Acl::security, {}));
+    install(Acl::security, {}, acl_bit(Acl::voice) | acl_bit(Acl::security));
     EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
     EXPECT_EQ(1u, rig_->plane().counters(1).dropped);
 }
 
 TEST_P(PlaneTest, UntaggedVoiceFrameIsTaggedThenMarked)
 {
-    PlaneState state;
-    state.rules[0] = {voice_tag_rule(5)};
-    state.rules[1] = {voice_mark_rule(5)};
-    state.rules[2] = {deny_rule()};
-    state.binding = {{1, all_acls}};
-    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    state_.rules[0] = {voice_tag_rule(5)};
+    state_.rules[1] = {voice_mark_rule(5)};
+    install(Acl::security, {deny_rule()}, all_acls);
     EXPECT_EQ(tagged(phone, 0xc064, 46 << 2 | 1), through(1, untagged(phone)));
     EXPECT_EQ(untagged(stranger), through(1, untagged(stranger)));
 }
@@ -121,10 +119,10 @@ TEST_P(PlaneTest, RefusedRulesChangeNothing)
     const std::vector<Rule> bad_lists[] = {
         {cos}, {dscp}, {vid}, {tag}, {voice_mark_rule(0)}, {voice_mark_rule(2), voice_mark_rule(2)}, too_many};
     for (const std::vector<Rule> &bad : bad_lists) {
-        EXPECT_GT(0, rig_->plane().set_rules(Acl::voice, bad));
         PlaneState state;
         state.rules[2] = bad;
-        EXPECT_GT(0, rig_->plane().replace_all(state));
+        EXPECT_EQ(error_invalid, rig_->plane().install(state));
+        EXPECT_EQ(state_, rig_->plane().installed());
         EXPECT_EQ(tagged(phone, 0xc064, 46 << 2), through(1, tagged(phone, 100, 0)));
     }
 }
@@ -133,11 +131,10 @@ TEST_P(PlaneTest, RefusedRulesChangeNothing)
 // security ACL denies it.
 TEST_P(PlaneTest, TrapCopiesFramesOfVoiceDevicesAsTheyCameIn)
 {
-    PlaneState state;
-    state.rules[1] = {voice_mark_rule(5)};
-    state.rules[2] = {deny_rule()};
-    state.binding = {{2, acl_bit(Acl::security)}};
-    ASSERT_EQ(0, rig_->plane().replace_all(state));
+    state_.rules[1] = {voice_mark_rule(5)};
+    state_.rules[2] = {deny_rule()};
+    state_.binding = {{2, acl_bit(Acl::security)}};
+    install();
     through(1, untagged(phone));
     EXPECT_TRUE(trapped_.empty());
     ASSERT_EQ(0, rig_->plane().set_trap(1, true));
@@ -155,7 +152,7 @@ TEST_P(PlaneTest, TrapCopiesFramesOfVoiceDevicesAsTheyCameIn)
 
     ASSERT_EQ(0, rig_->plane().set_trap(1, false));
     through(1, untagged(phone));
-    ASSERT_EQ(0, rig_->plane().set_rules(Acl::voice, {}));
+    install(Acl::voice, {}, 0);
     through(2, untagged(phone));
     EXPECT_EQ(3u, trapped_.size());
 }

@@ -17,9 +17,7 @@ class TellingPlane final : public fp::DataPlane
 {
   public:
     explicit TellingPlane(std::string &told) : told_(told) {}
-    int set_rules(fp::Acl, std::span<const fp::Rule>) override { return 0; }
-    int set_binding(uint32_t, uint8_t) override { return 0; }
-    int replace_all(const fp::PlaneState &) override { return 0; }
+    int install(const fp::PlaneState &) override { return 0; }
     int set_trap(uint32_t, bool) override { return 0; }
     void forget(uint16_t, const Mac &) override {}
     void set_events(fp::PlaneEvents *) override {}

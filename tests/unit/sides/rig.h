@@ -37,7 +37,9 @@ class Rig : public testing::Test
         voice.id = 1;
         voice.mac = {0x00, 0x04, 0x76};
         voice.mask = prefix_mask(24);
-        plane.set_rules(fp::Acl::voice, {&voice, 1});
+        fp::PlaneState state;
+        state.rules[static_cast<size_t>(fp::Acl::voice)] = {voice};
+        plane.install(state);
         EXPECT_EQ(mom::attach(&probe, *store, loop, "probe"), 0);
         for (uint32_t db : {0, 6, 8}) {
             EXPECT_EQ(tq_mom_client_connect_sync(&probe, db), 0);
