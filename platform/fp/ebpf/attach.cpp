@@ -1,6 +1,6 @@
-// A program of ours is known by its number, where it is pinned, and else by its
-// name; to ask for the name takes CAP_SYS_ADMIN. What stands at our place in the
-// filters' order and is not ours stays.
+// A program of ours is recognised by its number where it is pinned, and by its
+// name otherwise; to ask for the name takes CAP_SYS_ADMIN. Another program that
+// has our place in the filters' order stays there.
 #include "platform/fp/ebpf/attach.h"
 
 #include <algorithm>

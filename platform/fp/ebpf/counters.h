@@ -16,7 +16,7 @@ namespace vvl::fp
 vv_port_counters read_port_counters(const KernelSide &side, uint32_t index);
 PortCounters user_counters(const vv_port_counters &counters);
 
-// Frames that an ACE acted on; zero for an id that cannot be.
+// Frames that an ACE acted on; zero for an id that is out of range.
 uint64_t read_ace_counter(const KernelSide &side, Acl acl, uint64_t id);
 
 // The counters of what is pinned, whether or not an agent runs: one line per port,

@@ -1,8 +1,8 @@
-// The kernel's half as the agent holds it: maps and programs, loaded anew or
-// taken over from the agent before, and pinned so that they outlive this one.
+// The kernel's half as the agent holds it: maps and programs, loaded or taken
+// over from the previous agent, and pinned so that they outlive this one.
 //
-// In the pin folder everything stands in one sub-folder per layout of the maps.
-// It is filled under another name and renamed, so it is whole or not there.
+// The pin folder has one sub-folder for each layout of the maps. It is filled
+// under another name and then renamed, so it is complete or does not exist.
 #pragma once
 
 #include "platform/fp/ebpf/layout.h"
@@ -72,30 +72,30 @@ struct KernelSide {
 };
 
 // Takes over what is pinned in the folder, with the programs of this build, or
-// makes it. On failure why names the object and the reason.
+// makes them. On failure why names the object and the reason.
 bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
 
-// Opens what is pinned for reading alone. False with an empty why where nothing
-// is, and with the reason where it cannot be read.
+// Opens what is pinned, for reading only. Returns false, with an empty why where
+// nothing is pinned and with the reason where it cannot be read.
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
 
-// Keeps other processes of the switch out until the result goes; they wait.
-// Empty, with the reason, on failure.
+// Makes other processes of the switch wait until the result is destroyed. Empty,
+// with the reason, on failure.
 UniqueFd take_turn(const std::string &pin_folder, std::string &why);
 
-// Makes this process the one that writes states. False where another one is.
+// Makes this process the one that writes states. Returns false where another process is.
 bool lock_states(KernelSide &side);
 
 // Removes the pins; maps and programs go with their last user. Returns false
 // with the reason where a pin stays.
 bool remove_pins(const std::string &pin_folder, std::string &why);
 
-// Whether the kernel takes the programs: loads and drops them. why holds the
-// kernel's last words.
+// Whether the kernel accepts the programs: loads and drops them. why holds the
+// end of the kernel's log.
 bool try_programs(std::string &why);
 
-// Whether the folder is on a BPF file system, which is mounted where that is
-// missing at its usual place.
+// Whether the folder is on a BPF file system. Mounts one at its usual place
+// where that is missing and the folder is below it.
 bool prepare_pin_folder(const std::string &pin_folder, std::string &why);
 
 // The kernel's number of a program; 0 where it cannot be told.

@@ -1,6 +1,5 @@
-// The agent's half of the plane in the kernel. What the kernel works from is in
-// its maps and in them alone; this process keeps nothing that a restart would
-// lose.
+// The agent's half of the plane in the kernel. The state that the kernel works
+// from is in its maps alone; this process keeps nothing that a restart would lose.
 #include "platform/fp/ebpf/plane_ebpf.h"
 
 #include "platform/base/log.h"
@@ -52,7 +51,7 @@ struct EbpfPlane::Impl {
     bool may_write();
 };
 
-// The states belong to one process; a second agent must not work against the first.
+// One process writes the states; a second agent must not work against the first.
 bool EbpfPlane::Impl::may_write()
 {
     const bool mine = lock_states(side);

@@ -126,8 +126,8 @@ uint32_t States::find_port(uint32_t phyid)
     return port_by_phyid_[phyid] = static_cast<uint32_t>(found - ports.begin());
 }
 
-// A free one; failing that, one of a port that was taken out of the configuration:
-// neither bound nor trapped, without an interface, and nobody is about to bind it.
+// A free place; otherwise that of a port that was taken out of the configuration:
+// neither bound nor trapped, without an interface, and not about to be bound.
 uint32_t States::find_place(const IsNeeded &is_needed) const
 {
     uint32_t left_over = VV_PORTS_MAX;
@@ -265,7 +265,7 @@ bool States::place_interface(uint32_t port, uint32_t ifindex)
             return true;
         }
         if (at >> 32 == ifindex) {
-            // Of another port until now; its frames are this one's with the one store below.
+            // It was another port's; the one store below gives its frames to this one.
             if (static_cast<uint32_t>(at) != port) {
                 shared_->ports[at % VV_PORTS_MAX].ifindex = 0;
             }

@@ -27,9 +27,10 @@ class States
 
     // The index of a physical port; VV_PORTS_MAX where there is none.
     uint32_t find_port(uint32_t phyid);
-    // The same, made where it is new; VV_PORTS_MAX where all are in use. A port
-    // is new to one process at a time; see take_turn. Where there is no room, the
-    // place of a port that has nothing any more is taken, if it is not needed.
+    // The same; makes a port that is new. VV_PORTS_MAX where all are in use. One
+    // process at a time makes ports; see take_turn. Where there is no room, takes
+    // the place of a port without an interface, bindings and trap, unless
+    // is_needed names it.
     using IsNeeded = std::function<bool(uint32_t phyid)>;
     uint32_t port_for(uint32_t phyid, const IsNeeded &is_needed);
 
@@ -40,8 +41,8 @@ class States
     void set_pvid(uint32_t port, uint16_t pvid);
     PlaneState installed() const; // read from the map
 
-    // Makes an interface's frames those of the port, and no other interface's.
-    // False where its places are taken by others.
+    // Makes this interface the port's only one. Returns false where other
+    // interfaces have all places that it may stand in.
     bool place_interface(uint32_t port, uint32_t ifindex);
     void remove_interface(uint32_t port);
 

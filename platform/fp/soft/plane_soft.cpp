@@ -6,7 +6,7 @@
 // A port in automatic mode has that ACL, and not yet the voice ACL, until its
 // device is noticed, so a phone that tags its own frames could otherwise never
 // be noticed. The trap asks for a known voice address, hence no denied
-// stranger comes in this way.
+// stranger is trapped this way.
 //
 // Events and outputs may call back into the plane. Everything that is needed of
 // a table or a port is therefore read before one of them is called, or again
@@ -57,6 +57,7 @@ struct SoftPlane::Impl {
     std::vector<uint8_t> scratch;   // storage of the frame in work, kept between frames
 
     Port *port_for_policy(uint32_t phyid);
+    bool has_room_for(const std::map<uint32_t, uint8_t> &binding) const;
     void handle(uint32_t phyid, Port &port, std::span<const uint8_t> original, std::vector<uint8_t> &frame);
     void learn(uint16_t vlan, uint64_t source, uint32_t phyid);
     void trap(uint32_t phyid, Port &port, uint64_t source, std::span<const uint8_t> original);
@@ -72,6 +73,15 @@ Port *SoftPlane::Impl::port_for_policy(uint32_t phyid)
         return &found->second;
     }
     return ports.size() < ports_max ? &ports[phyid] : nullptr;
+}
+
+bool SoftPlane::Impl::has_room_for(const std::map<uint32_t, uint8_t> &binding) const
+{
+    if (ports.size() + binding.size() <= ports_max) {
+        return true; // even if all of them are new
+    }
+    const auto new_ports = std::ranges::count_if(binding, [&](const auto &row) { return !ports.contains(row.first); });
+    return ports.size() + static_cast<size_t>(new_ports) <= ports_max;
 }
 
 void SoftPlane::Impl::handle(uint32_t phyid, Port &port, std::span<const uint8_t> original, std::vector<uint8_t> &frame)
@@ -100,8 +110,8 @@ void SoftPlane::Impl::handle(uint32_t phyid, Port &port, std::span<const uint8_t
 
 void SoftPlane::Impl::learn(uint16_t vlan, uint64_t source, uint32_t phyid)
 {
-    // A group address is no sender, and an all-zero one is a sender without an
-    // address: either would redirect frames that are meant for others.
+    // A group address cannot be a sender, and an all-zero one is not an address:
+    // to learn either would redirect frames that are meant for others.
     if (source == 0 || (source & group_bit)) {
         return;
     }
@@ -156,10 +166,7 @@ int SoftPlane::install(const PlaneState &state)
     if (!check_state(state, why)) {
         return error_invalid;
     }
-    auto &ports = impl_->ports;
-    const auto new_ports =
-        std::ranges::count_if(state.binding, [&](const auto &binding) { return !ports.contains(binding.first); });
-    if (ports.size() + static_cast<size_t>(new_ports) > ports_max) {
+    if (!impl_->has_room_for(state.binding)) {
         return error_full;
     }
     for (size_t i = 0; i < acl_count; i++) {
@@ -168,11 +175,14 @@ int SoftPlane::install(const PlaneState &state)
             impl_->acls.acls[i] = Classifier(state.rules[i]);
         }
     }
-    for (auto &[phyid, port] : ports) {
+    for (auto &[phyid, port] : impl_->ports) {
         port.acls = 0;
     }
+    auto place = impl_->ports.begin(); // both are in ascending order
     for (const auto &[phyid, bound] : state.binding) {
-        ports[phyid].acls = bound;
+        place = impl_->ports.try_emplace(place, phyid);
+        place->second.acls = bound;
+        ++place;
     }
     return 0;
 }
