@@ -173,8 +173,7 @@ void RedisLink::subscribe()
             text_of(*reply.element[0]) == "subscribe") {
             fence_ = std::to_string(random_()) + "-" + std::to_string(random_());
             start_.reset();
-            requests_->send({"FCALL", "vvlan2_state", "0", server_.prefix, db_text_, fence_},
-                            [this](const redisReply &answer) { read_state(answer); });
+            send_request("state", {fence_}, [this](const redisReply &answer) { read_state(answer); });
         } else {
             take_message(reply);
         }

@@ -5,6 +5,7 @@
 #include "platform/mom/redis/link.h"
 
 #include "platform/base/log.h"
+#include "platform/mom/redis/library.h"
 #include "platform/mom/redis/sentinels.h"
 
 #include <hiredis/hiredis.h>
@@ -65,7 +66,7 @@ int RedisLink::admit(Done done)
 void RedisLink::send_request(const char *function, const std::vector<std::string_view> &arguments,
                              RedisConnection::OnReply on_reply)
 {
-    const std::string name = std::string("vvlan2_") + function;
+    const std::string name = std::string(redis_library_name) + "_" + function;
     std::vector<std::string_view> words{"FCALL", name, "0", server_.prefix, db_text_};
     words.insert(words.end(), arguments.begin(), arguments.end());
     requests_->send(words, std::move(on_reply));

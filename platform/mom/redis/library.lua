@@ -1,22 +1,17 @@
-// Lua, run by the server. Of every (prefix, database) there is one line of
-// changes, counted by "seq" in the hash PREFIX#state and published on one
-// channel, so that a client sees from the numbers alone whether it has missed
-// one. What one call changes goes out as one message. Stale marks are cycle numbers: what carries an older number than
-// its cycle is stale, so opening a cycle costs the same for any number of objects.
-//
-// Per type, PREFIXTYPE#meta holds for each key "NUMBER UNOWNED[ OWNER=NUMBER]...",
-// and under "#" and "#OWNER" the numbers of the cycles themselves.
-#include "platform/mom/redis/library.h"
-
-namespace vvl::mom
-{
-
-const char redis_library[] = R"lua(#!lua name=vvlan2
+#!lua name=vvlan2
+-- Of every (prefix, database) there is one line of changes, counted by "seq" in
+-- the hash PREFIX#state and published on one channel, so that a client sees from
+-- the numbers alone whether it has missed one. What one call changes goes out as
+-- one message. Stale marks are cycle numbers: an object with an older number than
+-- its cycle is stale, so opening a cycle costs the same for any number of objects.
+--
+-- Per type, PREFIXTYPE#meta holds for each key "NUMBER UNOWNED[ OWNER=NUMBER]...",
+-- and under "#" and "#OWNER" the numbers of the cycles themselves.
 
 local object_count_max = 65536
 local chunk = 1000 -- of keys that unpack() may hand over at once, with their values
 
--- Sizes as text: Lua prints a number anew each time that it is joined.
+-- Sizes as text: otherwise Lua prints a number each time that it is joined.
 local texts = {}
 for i = 0, 1024 do texts[i] = '' .. i end
 
@@ -106,7 +101,7 @@ local function field_list(touched)
     return #numbers == 0 and '-' or table.concat(numbers, ',')
 end
 
--- What stands in the place of a keyless object and is none goes.
+-- Removes a value of the wrong type that stands in the place of a keyless object.
 local function fields_of(key)
     if redis.call('TYPE', key).ok ~= 'hash' then
         redis.call('DEL', key)
@@ -115,9 +110,9 @@ local function fields_of(key)
     return redis.call('HGETALL', key)
 end
 
--- Marks the objects as written and clears what the write clears. Returns the
--- places of those that the database has no room for (nil: none). Most writes
--- find the mark that they would make.
+-- Marks the objects as written and clears their stale marks. Returns the places of
+-- those that the database has no room for (nil: none). Most writes find the mark
+-- that they would make, and then change nothing here.
 local function hold(a, owner, keys)
     local n = #keys
     keys[n + 1], keys[n + 2] = '#' .. owner, '#'
@@ -156,8 +151,8 @@ local function hold(a, owner, keys)
     return refused
 end
 
--- Removes an object, its notification being left to the caller. Returns the
--- numbers of a keyless object's fields.
+-- Removes an object; the caller notifies. Returns the numbers of a keyless object's
+-- fields.
 local function erase(a, key)
     local place = value_key(a, key)
     local touched = {}
@@ -169,8 +164,8 @@ local function erase(a, key)
 end
 
 -- write PREFIX DB TYPE OWNER KEY VALUE [KEY VALUE]...: the last number, or where
--- some are refused {last number, their places}. As few calls of the server as
--- there can be for any number of objects: they are what a write costs.
+-- some are refused {last number, their places}. It calls the server as rarely as
+-- possible, since these calls are what a write costs.
 local function write(_, args)
     local a = open(args)
     local keys, k = {}, 0
@@ -254,8 +249,8 @@ local function read(_, args)
 end
 
 -- scan PREFIX DB TYPE [NUMBER]: {sequence, key, value, ...} in no order; value is nil
--- where a value of a foreign kind stands in its place, or the key is a cycle's.
--- The sequence alone where that is the NUMBER: nothing has changed since.
+-- where the stored value has the wrong type, or the key is a cycle's. The sequence
+-- alone where it equals NUMBER: nothing has changed since.
 local function scan(_, args)
     local a = open(args)
     if args[4] and sequence(a) == tonumber(args[4]) then return sequence(a) end
@@ -327,8 +322,8 @@ local function finish(_, args)
 end
 
 -- state PREFIX DB [ID]: {sequence, id of the data set}. With an ID, a data set
--- that has none gets this one, and "= ID" is published: behind it every change
--- has a higher number.
+-- without an id gets this one, and "= ID" is published: every change behind that
+-- message has a higher number.
 local function state(_, args)
     local key = args[1] .. '#state'
     if args[3] then
@@ -349,6 +344,3 @@ redis.register_function('vvlan2_begin', begin)
 redis.register_function('vvlan2_unmark', unmark)
 redis.register_function('vvlan2_finish', finish)
 redis.register_function('vvlan2_state', state)
-)lua";
-
-} // namespace vvl::mom
