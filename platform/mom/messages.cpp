@@ -1,7 +1,6 @@
-// The registry of object types, and the little of protobuf's wire format that
-// keyless objects need: such an object is kept field by field, so its packed
-// form is taken apart at the tags and put together again. Values are never
-// interpreted here.
+// The registry of object types, and the packed forms of their objects. A keyless
+// object is kept field by field: protobuf-c takes its packed form apart as
+// unknown fields, so that no value is interpreted here.
 #include "platform/mom/messages.h"
 
 #include "p_bridge.pb-c.h"
@@ -30,57 +29,25 @@ const ProtobufCMessageDescriptor *const object_descriptors[] = {
     &u_bridge__mac_vid_reg__descriptor,     &u_bridge__mac_vid_reg_noti__descriptor,
 };
 
-// Wire types, the low three bits of a tag.
-enum WireType : uint64_t { wire_varint = 0, wire_64bit = 1, wire_bytes = 2, wire_32bit = 5 };
-
-constexpr size_t varint_size_max = 10;
-
-// Reads a varint at offset and moves past it. False where it does not end.
-bool read_varint(const std::string &bytes, size_t &offset, uint64_t &value)
-{
-    value = 0;
-    for (size_t i = 0; i < varint_size_max && offset < bytes.size(); i++) {
-        const auto byte = static_cast<uint8_t>(bytes[offset++]);
-        value |= uint64_t{byte & 0x7fu} << (7 * i);
-        if (byte < 0x80) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// Moves from a field's tag past its value.
-bool skip_field(const std::string &bytes, size_t &offset, uint32_t &number)
-{
-    uint64_t tag = 0;
-    uint64_t size = 0;
-    if (!read_varint(bytes, offset, tag) || tag >> 3 == 0 || tag >> 32 != 0) {
-        return false;
-    }
-    number = static_cast<uint32_t>(tag >> 3);
-    switch (tag & 7) {
-    case wire_varint:
-        return read_varint(bytes, offset, size);
-    case wire_64bit:
-        size = sizeof(uint64_t);
-        break;
-    case wire_32bit:
-        size = sizeof(uint32_t);
-        break;
-    case wire_bytes:
-        if (!read_varint(bytes, offset, size)) {
-            return false;
-        }
-        break;
-    default:
-        return false;
-    }
-    if (size > bytes.size() - offset) {
-        return false;
-    }
-    offset += size;
-    return true;
-}
+// A message type without fields: whatever is unpacked as one are unknown fields,
+// each with its number, its wire type and its bytes.
+constexpr ProtobufCMessageDescriptor any_fields = {
+    .magic = PROTOBUF_C__MESSAGE_DESCRIPTOR_MAGIC,
+    .name = "any_fields",
+    .short_name = "any_fields",
+    .c_name = "AnyFields",
+    .package_name = "",
+    .sizeof_message = sizeof(ProtobufCMessage),
+    .n_fields = 0,
+    .fields = nullptr,
+    .fields_sorted_by_name = nullptr,
+    .n_field_ranges = 0,
+    .field_ranges = nullptr,
+    .message_init = nullptr,
+    .reserved1 = nullptr,
+    .reserved2 = nullptr,
+    .reserved3 = nullptr,
+};
 
 ObjectType describe(const ProtobufCMessageDescriptor *descriptor)
 {
@@ -164,14 +131,20 @@ const ProtobufCMessage *MessagePool::unpack(const std::string &bytes)
 
 bool split_fields(const std::string &bytes, FieldMap &fields)
 {
-    size_t offset = 0;
-    while (offset < bytes.size()) {
-        const size_t start = offset;
-        uint32_t number = 0;
-        if (!skip_field(bytes, offset, number)) {
+    const auto *data = reinterpret_cast<const uint8_t *>(bytes.data());
+    const MessagePtr message(protobuf_c_message_unpack(&any_fields, nullptr, bytes.size(), data));
+    if (!message) {
+        return false;
+    }
+    for (unsigned i = 0; i < message->n_unknown_fields; i++) {
+        ProtobufCMessageUnknownField &field = message->unknown_fields[i];
+        if (field.tag == 0) { // protobuf-c lets the reserved number pass
             return false;
         }
-        fields[number].append(bytes, start, offset - start);
+        const ProtobufCMessage part{&any_fields, 1, &field};
+        std::string packed(protobuf_c_message_get_packed_size(&part), '\0');
+        protobuf_c_message_pack(&part, reinterpret_cast<uint8_t *>(packed.data()));
+        fields[field.tag] += packed;
     }
     return true;
 }
