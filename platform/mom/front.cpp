@@ -298,8 +298,8 @@ int Front::scan(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Recei
         return result;
     }
     Match match(*request.type, *request.message, flags);
-    auto deliver = [db, type = request.type, match, to](Front &front, int result,
-                                                        const std::shared_ptr<Snapshot> &snapshot) {
+    auto deliver = [db, type = request.type, match, to,
+                    cache = scan_cache(db, *request.type)](Front &front, int result, const Snapshot &snapshot) {
         const uint64_t epoch = front.databases_[db].epoch;
         // No end record after a failure: whoever got one would take what it
         // has seen for everything there is, and sweep the rest.
@@ -307,7 +307,7 @@ int Front::scan(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Recei
             front.delivery_.send_plain(to, TQ_MOM_SET, TQ_MOM_RECORD, result);
             return;
         }
-        front.deliver_objects(db, *type, match, *snapshot, to);
+        front.deliver_objects(db, *type, cache->choose(front.delivery_, db, snapshot, match), to);
         if (front.going(db, epoch)) {
             front.delivery_.send_plain(to, TQ_MOM_SET, TQ_MOM_SCAN_OVER, TQ_MOM_OK);
         }
@@ -321,52 +321,34 @@ int Front::scan_sync(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, 
     if (const int result = read_match(db, tmpl, flags, to, request); result != TQ_MOM_OK) {
         return result;
     }
-    Snapshot snapshot;
-    const int result = session_->scan_now(db, request.name.type, snapshot.objects);
+    std::vector<Object> objects;
+    const int result = session_->scan_now(db, request.name.type, objects);
     if (result == TQ_MOM_OK) {
-        deliver_objects(db, *request.type, Match(*request.type, *request.message, flags), snapshot, to);
+        const auto snapshot = std::make_shared<const std::vector<Object>>(std::move(objects));
+        ScanCache cache(*request.type);
+        const Match match(*request.type, *request.message, flags);
+        deliver_objects(db, *request.type, cache.choose(delivery_, db, snapshot, match), to);
     }
     return result;
 }
 
-Front::Decoded &Front::decode(uint32_t db, const ObjectType &type, Snapshot &snapshot)
+std::shared_ptr<ScanCache> Front::scan_cache(uint32_t db, const ObjectType &type)
 {
-    if (snapshot.made == nullptr) {
-        auto decoded = std::make_shared<Decoded>(type, snapshot.objects.size());
-        decoded->messages.reserve(snapshot.objects.size());
-        for (const Object &object : snapshot.objects) {
-            decoded->messages.push_back(delivery_.build_in(decoded->pool, type, db, object));
-        }
-        snapshot.made = decoded;
+    std::weak_ptr<ScanCache> &known = scan_caches_[{db, &type}];
+    std::shared_ptr<ScanCache> cache = known.lock();
+    if (!cache) {
+        cache = std::make_shared<ScanCache>(type);
+        known = cache;
     }
-    return *static_cast<Decoded *>(snapshot.made.get());
-}
-
-// A start-up asks the same of one snapshot as often as there are ports.
-Front::Chosen &Front::choose(const Snapshot &snapshot, Decoded &decoded, const Match &match)
-{
-    for (Chosen &chosen : decoded.chosen) {
-        if (chosen.match == match) {
-            return chosen;
-        }
-    }
-    Chosen &chosen = decoded.chosen.emplace_back(Chosen{match, {}, {}, 0});
-    for (size_t i = 0; i < decoded.messages.size(); i++) {
-        if (decoded.messages[i] != nullptr && match.matches(*decoded.messages[i])) {
-            chosen.messages.push_back(decoded.messages[i]);
-            chosen.objects.push_back(&snapshot.objects[i]);
-        }
-    }
-    return chosen;
+    return cache;
 }
 
 // Whoever has scanned an object counts as having been told of it, so it is
 // remembered before anybody is called: the callbacks change subscriptions.
-void Front::deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to)
+void Front::deliver_objects(uint32_t db, const ObjectType &type, ScanCache::Chosen &chosen, Receiver to)
 {
     const uint64_t epoch = databases_[db].epoch;
     const uint64_t changes_before = subscription_changes_;
-    Chosen &chosen = choose(snapshot, decode(db, type, snapshot), match);
     for (size_t i = 0; i < chosen.messages.size(); i++) {
         if (!going(db, epoch)) {
             return;

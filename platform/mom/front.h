@@ -8,10 +8,12 @@
 #pragma once
 
 #include "platform/mom/delivery.h"
+#include "platform/mom/scan_cache.h"
 
 #include <array>
-#include <deque>
+#include <map>
 #include <memory>
+#include <utility>
 
 namespace vvl::mom
 {
@@ -122,27 +124,8 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     void prepare(uint32_t db);
     bool going(uint32_t db, uint64_t epoch) const { return session_ && databases_[db].epoch == epoch; }
 
-    // The objects of a snapshot that one template asks for.
-    struct Chosen {
-        Match match;
-        std::vector<const ProtobufCMessage *> messages;
-        std::vector<const Object *> objects; // of these messages
-        uint64_t remembered = 0; // subscription_changes_ of the list of subscriptions that remember them; 0: none
-    };
-    // What the receivers of a snapshot share: its objects as messages (null:
-    // malformed), and what has been chosen of them. Stays where it is when it
-    // grows, as a callback may make it do while its objects are delivered.
-    struct Decoded {
-        Decoded(const ObjectType &type, size_t count) : pool(type, count) {}
-
-        MessagePool pool;
-        std::vector<const ProtobufCMessage *> messages = {};
-        std::deque<Chosen> chosen = {};
-    };
-
-    Decoded &decode(uint32_t db, const ObjectType &type, Snapshot &snapshot);
-    static Chosen &choose(const Snapshot &snapshot, Decoded &decoded, const Match &match);
-    void deliver_objects(uint32_t db, const ObjectType &type, const Match &match, Snapshot &snapshot, Receiver to);
+    std::shared_ptr<ScanCache> scan_cache(uint32_t db, const ObjectType &type);
+    void deliver_objects(uint32_t db, const ObjectType &type, ScanCache::Chosen &chosen, Receiver to);
     void remember(uint32_t db, const ObjectType &type, const ProtobufCMessage &message, const Object &object);
 
     SubscriptionPtr find_subscription(const Subscription &wanted) const;
@@ -157,6 +140,8 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     const Preparation prepare_;        // may be empty
     std::unique_ptr<Session> session_; // null once the client has ended
     std::array<Database, database_count> databases_;
+    // Of the scans that are under way.
+    std::map<std::pair<uint32_t, const ObjectType *>, std::weak_ptr<ScanCache>> scan_caches_;
     uint64_t subscription_changes_ = 1;          // moves on with each change of the list
     std::vector<SubscriptionPtr> subscriptions_; // in the order in which they were made first
 };

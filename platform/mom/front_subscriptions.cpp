@@ -186,9 +186,9 @@ void Front::find_missed_deletions(const SubscriptionPtr &subscription)
         log_line(LogLevel::warn,
                  name + ": missed deletions of " + type + " are not made good, result " + std::to_string(result));
     };
-    auto listed = [subscription, report](Front &front, int result, const std::shared_ptr<Snapshot> &present) {
+    auto listed = [subscription, report](Front &front, int result, const Snapshot &present) {
         if (result == TQ_MOM_OK) {
-            front.make_good_deletions(subscription, present->objects);
+            front.make_good_deletions(subscription, *present);
         } else {
             report(result);
         }

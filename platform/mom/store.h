@@ -73,14 +73,10 @@ using Owner = std::optional<uint64_t>;
 using Done = std::function<void(int result)>;
 
 // The objects of a type at one point. Scans that waited at the same time may
-// share one, and with it what a receiver has made of it; a receiver changes
-// nothing but made.
-struct Snapshot {
-    std::vector<Object> objects;
-    std::shared_ptr<void> made; // the receivers'; null at first
-};
+// share one.
+using Snapshot = std::shared_ptr<const std::vector<Object>>;
 // The snapshot is null where the result is not 0.
-using Listed = std::function<void(int result, const std::shared_ptr<Snapshot> &snapshot)>;
+using Listed = std::function<void(int result, const Snapshot &snapshot)>;
 
 enum class WriteMode {
     replace, // the object is the value, whole

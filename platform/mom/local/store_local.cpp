@@ -73,7 +73,7 @@ class LocalSession final : public Session
     void post(uint32_t db, std::function<void()> task);
     void post_always(std::function<void()> task);
     void post_connected(uint32_t db);
-    std::shared_ptr<Snapshot> snapshot_of(uint32_t db, const std::string &type);
+    Snapshot snapshot_of(uint32_t db, const std::string &type);
 
     LocalStore &store_;
     Loop &loop_;
@@ -81,7 +81,7 @@ class LocalSession final : public Session
     // Shared with posted tasks, which hold it weakly: gone, they are silent.
     std::shared_ptr<Links> links_ = std::make_shared<Links>();
     // The last snapshot of each type, and the store's change count at it.
-    std::map<std::pair<uint32_t, std::string>, std::pair<uint64_t, std::weak_ptr<Snapshot>>> snapshots_;
+    std::map<std::pair<uint32_t, std::string>, std::pair<uint64_t, Snapshot::weak_type>> snapshots_;
 };
 
 std::unique_ptr<Session> LocalStore::open(Loop &loop, SessionEvents &events, const std::string &)
@@ -232,12 +232,12 @@ int LocalSession::read_now(const Name &name, std::optional<Value> &value)
 
 // Scans with no change between them share a snapshot for as long as one of them
 // is on its way.
-std::shared_ptr<Snapshot> LocalSession::snapshot_of(uint32_t db, const std::string &type)
+Snapshot LocalSession::snapshot_of(uint32_t db, const std::string &type)
 {
     auto &[change_count, last] = snapshots_[{db, type}];
-    std::shared_ptr<Snapshot> snapshot = last.lock();
+    Snapshot snapshot = last.lock();
     if (!snapshot || change_count != store_.objects.change_count()) {
-        snapshot = std::make_shared<Snapshot>(Snapshot{store_.objects.list(db, type), {}});
+        snapshot = std::make_shared<const std::vector<Object>>(store_.objects.list(db, type));
         change_count = store_.objects.change_count();
         last = snapshot;
     }

@@ -74,7 +74,7 @@ class RedisSession final : public Session
     struct Scans {
         bool reading = false;
         std::vector<Listed> waiting;
-        std::weak_ptr<Snapshot> last;
+        Snapshot::weak_type last;
         uint64_t last_number = 0;
     };
     struct Database {
@@ -95,10 +95,8 @@ class RedisSession final : public Session
     template <typename Ask> int ask(uint32_t db, Ask &&how);
     int let_in(int result);
     int read_for_scans(uint32_t db, const std::string &type);
-    std::shared_ptr<Snapshot> take_snapshot(uint32_t db, const std::string &type, const redisReply &reply,
-                                            const std::shared_ptr<Snapshot> &last);
-    void tell_listed(uint32_t db, const std::vector<Listed> &served, int result,
-                     const std::shared_ptr<Snapshot> &snapshot);
+    Snapshot take_snapshot(uint32_t db, const std::string &type, const redisReply &reply, const Snapshot &last);
+    void tell_listed(uint32_t db, const std::vector<Listed> &served, int result, const Snapshot &snapshot);
 
     RedisStore &store_;
     Loop &loop_;
@@ -358,12 +356,12 @@ int RedisSession::read_for_scans(uint32_t db, const std::string &type)
     scans.reading = true;
     const std::string known = std::to_string(scans.last_number);
     std::vector<std::string_view> arguments{type};
-    const std::shared_ptr<Snapshot> last = scans.last.lock();
+    const Snapshot last = scans.last.lock();
     if (last != nullptr) {
         arguments.push_back(known);
     }
     return link(db).request("scan", arguments, [this, db, type, served, last](const redisReply &reply) {
-        const std::shared_ptr<Snapshot> snapshot = take_snapshot(db, type, reply, last);
+        const Snapshot snapshot = take_snapshot(db, type, reply, last);
         const int failure = link(db).result_of(reply, "scan");
         const int result = failure == TQ_MOM_OK && snapshot == nullptr ? TQ_MOM_E_UNREACHABLE : failure;
         databases_[db].scans[type].reading = false;
@@ -374,21 +372,20 @@ int RedisSession::read_for_scans(uint32_t db, const std::string &type)
     });
 }
 
-std::shared_ptr<Snapshot> RedisSession::take_snapshot(uint32_t db, const std::string &type, const redisReply &reply,
-                                                      const std::shared_ptr<Snapshot> &last)
+Snapshot RedisSession::take_snapshot(uint32_t db, const std::string &type, const redisReply &reply,
+                                     const Snapshot &last)
 {
     if (reply.type != REDIS_REPLY_ARRAY) {
         return last;
     }
-    auto snapshot = std::make_shared<Snapshot>(Snapshot{reader_.read(link(db).name(), type, reply), {}});
+    auto snapshot = std::make_shared<const std::vector<Object>>(reader_.read(link(db).name(), type, reply));
     Scans &scans = databases_[db].scans[type];
     scans.last = snapshot;
     scans.last_number = static_cast<uint64_t>(reply.element[0]->integer);
     return snapshot;
 }
 
-void RedisSession::tell_listed(uint32_t db, const std::vector<Listed> &served, int result,
-                               const std::shared_ptr<Snapshot> &snapshot)
+void RedisSession::tell_listed(uint32_t db, const std::vector<Listed> &served, int result, const Snapshot &snapshot)
 {
     // Any of them may end the session or cut the link.
     const std::weak_ptr<bool> still = alive_;

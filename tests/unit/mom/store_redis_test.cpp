@@ -219,12 +219,12 @@ TEST_F(RedisStoreTest, AScanThatFindsNothingChangedSharesTheOneBefore)
     Returns events;
     const auto session = store->open(loop, events, "session");
     ASSERT_EQ(session->connect_now(4), 0);
-    std::vector<std::shared_ptr<Snapshot>> seen;
-    const Listed listed = [&](int, const std::shared_ptr<Snapshot> &snapshot) {
+    std::vector<Snapshot> seen;
+    const Listed listed = [&](int, const Snapshot &snapshot) {
         seen.push_back(snapshot);
         if (seen.size() == 2) {
             session->write({4, "t.x", "2"}, {"v", {}}, WriteMode::replace, {}, {});
-            session->scan(4, "t.x", [&](int, const std::shared_ptr<Snapshot> &later) {
+            session->scan(4, "t.x", [&](int, const Snapshot &later) {
                 seen.push_back(later);
                 loop.stop();
             });
@@ -238,8 +238,8 @@ TEST_F(RedisStoreTest, AScanThatFindsNothingChangedSharesTheOneBefore)
     loop.run();
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[0], seen[1]);
-    EXPECT_EQ(seen[1]->objects.size(), 1u);
-    EXPECT_EQ(seen[2]->objects.size(), 2u);
+    EXPECT_EQ(seen[1]->size(), 1u);
+    EXPECT_EQ(seen[2]->size(), 2u);
 }
 
 TEST(RedisAddress, AcceptsThreeFormsAndNamesWhatItRefuses)
