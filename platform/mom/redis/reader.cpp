@@ -1,7 +1,7 @@
 #include "platform/mom/redis/reader.h"
 
 #include "platform/base/log.h"
-#include "platform/mom/redis/words.h"
+#include "platform/mom/redis/changes.h"
 
 #include <hiredis/hiredis.h>
 
@@ -10,21 +10,6 @@
 
 namespace vvl::mom
 {
-
-bool parse_redis_fields(std::string_view text, FieldMap &fields)
-{
-    while (!text.empty()) {
-        uint32_t number = 0;
-        size_t size = 0;
-        if (!parse_number(take_word(text, ' '), number) || !parse_number(take_word(text, '\n'), size) ||
-            size > text.size()) {
-            return false;
-        }
-        fields[number] = text.substr(0, size);
-        text.remove_prefix(size);
-    }
-    return true;
-}
 
 std::vector<Object> RedisReader::read(const std::string &link, const std::string &type, const redisReply &reply)
 {

@@ -19,10 +19,6 @@ namespace vvl::mom
 
 constexpr size_t redis_bad_values_logged_max = 256; // values that are remembered as logged
 
-// Fields of a keyless object, as the server's functions write them: for each
-// "NUMBER SIZE\n" and its bytes. False where the text is something else.
-bool parse_redis_fields(std::string_view text, FieldMap &fields);
-
 class RedisReader
 {
   public:
