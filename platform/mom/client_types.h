@@ -16,7 +16,7 @@ struct ClientCounters {
     uint64_t delivered = 0;         // records given to callbacks
     uint64_t callback_failures = 0; // callbacks of any kind that returned non-zero
     uint64_t refused = 0;           // calls that returned non-zero, and reads that failed
-    uint64_t malformed = 0;         // stored objects that could not be built and were skipped
+    uint64_t malformed = 0;         // stored objects that could not be decoded and were skipped
 };
 
 class Session; // store.h

@@ -11,7 +11,7 @@ namespace vvl::mom
 namespace
 {
 
-// The object's packed form; false where its fields are none.
+// The object's packed form. False where its fields are malformed.
 bool packed_form(const ObjectType &type, const Object &object, std::string &joined, const std::string *&bytes)
 {
     bytes = type.key == nullptr ? &joined : &object.value.bytes;
@@ -64,7 +64,7 @@ void Delivery::count_malformed(const ObjectType &type, uint32_t db, const std::s
     counters.malformed++;
     const std::string object = std::to_string(db) + " " + type.descriptor->name + ":" + key;
     if (malformed_logged_.size() < malformed_logged_max && malformed_logged_.insert(object).second) {
-        log_line(LogLevel::error, name_ + ": object in database " + object + " is malformed and passed over");
+        log_line(LogLevel::error, name_ + ": object in database " + object + " is malformed and skipped");
     }
 }
 

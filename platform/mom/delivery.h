@@ -1,10 +1,10 @@
 // Records on their way to a client's callbacks: built from what the store
 // holds, delivered, and counted.
 //
-// Objects are kept packed and built anew for each callback, so that no
+// Objects are kept packed and decoded again for each callback, so that no
 // callback sees what another has done to its object. What the store holds may
-// come from another process and is not trusted: an object that cannot be built
-// is logged once with its key and never delivered.
+// come from another process and is not trusted: an object that cannot be decoded
+// is logged once with its key and skipped.
 #pragma once
 
 #include "platform/mom/client_types.h"
@@ -53,7 +53,7 @@ class Delivery
     ClientCounters counters;
 
   private:
-    // Here for the scans of a start-up, which send millions of records.
+    // Inline, since the scans of a start-up send millions of records.
     void send(const Receiver &to, tq_mom_record_t &record)
     {
         if (to.callback == nullptr) {

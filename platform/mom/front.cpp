@@ -79,7 +79,7 @@ int Front::read_object(uint32_t db, const ProtobufCMessage *object, Request &req
 {
     const int result = read_template(db, object, request);
     if (result == TQ_MOM_OK && !encode_key(*request.type, *request.message, request.name.key)) {
-        return refuse(*object, "comes without its key, or with one that is too long, and is refused");
+        return refuse(*object, "has no key, or one that is too long, and is refused");
     }
     return result;
 }
@@ -301,8 +301,8 @@ int Front::scan(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, Recei
     auto deliver = [db, type = request.type, match, to,
                     cache = scan_cache(db, *request.type)](Front &front, int result, const Snapshot &snapshot) {
         const uint64_t epoch = front.databases_[db].epoch;
-        // No end record after a failure: whoever got one would take what it
-        // has seen for everything there is, and sweep the rest.
+        // No end record after a failure: its receiver would take what it has
+        // seen as complete, and sweep the rest.
         if (result != TQ_MOM_OK) {
             front.delivery_.send_plain(to, TQ_MOM_SET, TQ_MOM_RECORD, result);
             return;
@@ -343,8 +343,8 @@ std::shared_ptr<ScanCache> Front::scan_cache(uint32_t db, const ObjectType &type
     return cache;
 }
 
-// Whoever has scanned an object counts as having been told of it, so it is
-// remembered before anybody is called: the callbacks change subscriptions.
+// A scanned object counts as delivered to the client's subscriptions. It is
+// remembered before its callback runs, since callbacks change subscriptions.
 void Front::deliver_objects(uint32_t db, const ObjectType &type, ScanCache::Chosen &chosen, Receiver to)
 {
     const uint64_t epoch = databases_[db].epoch;

@@ -1,10 +1,9 @@
 // The front: one client of a store, in the terms of tq_mom.h.
 //
-// It turns messages into names and values, templates into matches, and what a
-// session tells it into records for callbacks. It knows no store in
-// particular. Any callback may end the client or cut a connection, so after
-// each one the front looks whether there is anything left to go on with:
-// Front::going() and Subscription::ended are what it looks at.
+// It turns messages into names and values, templates into matches, and a session's
+// events into records for callbacks. It works with any store. Any callback may
+// end the client or cut a connection, so the front checks after each one whether
+// it may go on: Front::going() and Subscription::ended.
 #pragma once
 
 #include "platform/mom/delivery.h"
@@ -19,7 +18,7 @@ namespace vvl::mom
 {
 
 struct Subscription {
-    // Its identity.
+    // What identifies it.
     uint32_t db;
     const ObjectType *type;
     Match match;
@@ -29,7 +28,7 @@ struct Subscription {
     bool established = false; // changes are delivered from here on, until the link is lost
     bool ended = false;       // unsubscribed
     // The objects that were delivered to it, by its own records or by a scan of
-    // the same client, and whose removal was not: key to packed form as last
+    // the same client, and whose removal was not yet: key to packed form as last
     // delivered (empty: keyless). A removal is delivered with that form.
     std::map<std::string, std::string> delivered = {};
 };
@@ -42,7 +41,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     {
     }
 
-    // Opens the session. close() ends it: nothing is delivered any more.
+    // Opens the session. close() ends it: nothing is delivered afterwards.
     void open(Store &store, Loop &loop);
     void close();
 
@@ -88,7 +87,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
         bool asked_for = false;      // a connect call was made
         bool refusal_logged = false; // that operations on it are refused
         uint32_t refused = 0;        // which request from now on is refused; 0: none
-        uint64_t epoch = 0;          // moves on at each cut; a delivery of an earlier one stops
+        uint64_t epoch = 0;          // counts the cuts; a delivery that began before a cut stops
         tq_mom_disconnect_cb_t on_disconnect = nullptr;
         tq_mom_reconnect_cb_t on_reconnect = nullptr;
     };
@@ -132,7 +131,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     int add_subscription(Subscription wanted);
     void subscription_watched(const SubscriptionPtr &subscription, int result);
     void find_missed_deletions(const SubscriptionPtr &subscription);
-    void make_good_deletions(const SubscriptionPtr &subscription, const std::vector<Object> &present);
+    void deliver_missed_deletions(const SubscriptionPtr &subscription, const std::vector<Object> &present);
     void deliver_change(const SubscriptionPtr &subscription, const Change &change);
     void deliver_removal(const SubscriptionPtr &subscription, const std::string &key, std::vector<uint32_t> fields);
 
@@ -142,7 +141,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     std::array<Database, database_count> databases_;
     // Of the scans that are under way.
     std::map<std::pair<uint32_t, const ObjectType *>, std::weak_ptr<ScanCache>> scan_caches_;
-    uint64_t subscription_changes_ = 1;          // moves on with each change of the list
+    uint64_t subscription_changes_ = 1;          // counts the changes of the list
     std::vector<SubscriptionPtr> subscriptions_; // in the order in which they were made first
 };
 

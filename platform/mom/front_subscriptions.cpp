@@ -1,11 +1,10 @@
 // The front: subscriptions of one client, and the changes that reach them.
 //
-// A subscription is silent until its watch has completed, because a change
-// before that point shows in the scan that its client makes next. It remembers
-// which objects it was told of; when it is made again, a snapshot taken right
-// behind the watch says which of them were removed unseen. A change in between
-// reaches the subscription in the ordinary way, so the two never contradict
-// each other.
+// A subscription is silent until its watch has completed: a change before that
+// point shows in the scan that its client makes next. It remembers which objects
+// were delivered to it. When it is made again, a snapshot taken right after the
+// watch says which of them were removed meanwhile. Later changes reach the
+// subscription in the ordinary way, so the two never contradict each other.
 #include "platform/mom/front.h"
 
 #include "platform/base/log.h"
@@ -138,8 +137,8 @@ int Front::unsubscribe(uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags
             front.delivery_.send_plain(to, TQ_MOM_WITHDRAWN, TQ_MOM_RECORD, result);
         }
     });
-    // Watching what is watched anyway completes in its turn, and so keeps the
-    // record in order.
+    // Watching a watched type changes nothing and completes in its turn, which
+    // keeps the record in order.
     const int result = is_watched ? session_->watch(db, request.name.type, std::move(withdraw))
                                   : session_->unwatch(db, request.name.type, std::move(withdraw));
     if (result == TQ_MOM_OK) {
@@ -177,18 +176,18 @@ void Front::remember(uint32_t db, const ObjectType &type, const ProtobufCMessage
     }
 }
 
-// Asked for right behind the watch, so that the deletions come before the
-// answers to whatever the client asks for once it is established.
+// Requested right after the watch, so that the deletions are delivered before the
+// answers to what the client requests once it is established.
 void Front::find_missed_deletions(const SubscriptionPtr &subscription)
 {
     const char *type = subscription->type->descriptor->name;
     auto report = [name = delivery_.name(), type](int result) {
         log_line(LogLevel::warn,
-                 name + ": missed deletions of " + type + " are not made good, result " + std::to_string(result));
+                 name + ": missed deletions of " + type + " cannot be delivered, result " + std::to_string(result));
     };
     auto listed = [subscription, report](Front &front, int result, const Snapshot &present) {
         if (result == TQ_MOM_OK) {
-            front.make_good_deletions(subscription, *present);
+            front.deliver_missed_deletions(subscription, *present);
         } else {
             report(result);
         }
@@ -198,7 +197,7 @@ void Front::find_missed_deletions(const SubscriptionPtr &subscription)
     }
 }
 
-void Front::make_good_deletions(const SubscriptionPtr &subscription, const std::vector<Object> &present)
+void Front::deliver_missed_deletions(const SubscriptionPtr &subscription, const std::vector<Object> &present)
 {
     auto gone = subscription->delivered;
     for (const Object &object : present) {

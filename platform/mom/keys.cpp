@@ -78,7 +78,7 @@ void append_mac(std::string &text, const ProtobufCBinaryData &bytes)
     }
 }
 
-// Into the text at hand, as every object of a scan has its key written.
+// Appends, since a scan writes the key of every object.
 void append_field(std::string &text, const ProtobufCMessage &key, const ProtobufCFieldDescriptor &field)
 {
     const size_t before = text.size();

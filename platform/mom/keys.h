@@ -10,7 +10,7 @@
 //                   ':'; an absent one is "-"                 "00:04:76:00:00:00"
 // and an empty string or an empty MAC is two quotation marks. Each key has
 // one text and each text one key; fields of other kinds cannot be in a key.
-// The mask of an OUI is why "/" reads well:
+// An OUI and its mask, for example:
 //   p_bridge.vvlan_oui_cfg  00:04:76:00:00:00/ff:ff:ff:00:00:00
 #pragma once
 

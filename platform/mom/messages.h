@@ -42,9 +42,9 @@ bool pack(const ProtobufCMessage &message, std::string &bytes);
 // Null where the bytes are too many or not a message of the type.
 MessagePtr unpack(const ObjectType &type, const std::string &bytes);
 
-// Messages of one type that live and end together. They stand one behind the
-// other, and their parts apart from them: whoever goes through many and looks
-// at little of each finds it in a cache.
+// Messages of one type that are freed together. They are contiguous in memory and
+// their parts are elsewhere, so that a walk that reads little of each message
+// stays in the cache.
 class MessagePool
 {
   public:
@@ -59,7 +59,7 @@ class MessagePool
     const ObjectType &type_;
     std::pmr::monotonic_buffer_resource messages_;
     std::pmr::monotonic_buffer_resource parts_;
-    bool is_part_ = false; // of a message: its own memory is asked for first
+    bool is_part_ = false; // protobuf-c allocates a message first, then its parts
     ProtobufCAllocator allocator_;
 };
 

@@ -4,14 +4,14 @@
 // templates and subscriptions are the front's. It is shaped for a store in
 // another process, which can be slow or lost: a request is accepted now and
 // completes later, changes arrive as events, and a scan completes with a
-// snapshot. The synchronous forms stand apart, since they overtake what is on
-// its way.
+// snapshot. The synchronous forms are the exception: they overtake what is on its
+// way.
 //
 // One order per session and database: completions and changes come in the
 // order in which the store carried the requests and changes out. A snapshot is
 // one point of that order: a change made before it comes before it and shows
-// in it, a later one comes after it and does not. This is what lets a client
-// follow a scan with the changes and miss none.
+// in it, a later one comes after it and does not. So a client that scans and then
+// follows the changes misses none.
 #pragma once
 
 #include "platform/base/loop.h"

@@ -155,7 +155,7 @@ bool check_redis_prefix(const std::string &prefix, std::string &why)
                           return std::isalnum(c) != 0 || std::strchr("._-:", c) != nullptr;
                       });
     if (!good) {
-        why = "store prefix \"" + prefix + "\": not at most 64 of letters, digits and \"._-:\"";
+        why = "store prefix \"" + prefix + "\": longer than 64 characters, or not of letters, digits and \"._-:\"";
     }
     return good;
 }

@@ -1,8 +1,8 @@
 // The objects in a server's replies.
 //
-// Values come from another process and are checked here as far as a store can:
-// their kind and their size. What does not pass is logged once with its key
-// and left out, so that one bad value costs one object.
+// Values come from another process, so their Redis type and their size are checked
+// here. A bad value is logged once with its key and skipped, so that it costs one
+// object only.
 #pragma once
 
 #include "platform/mom/store.h"
@@ -22,8 +22,8 @@ constexpr size_t redis_bad_values_logged_max = 256; // values that are remembere
 class RedisReader
 {
   public:
-    // The objects of a read or a scan, by key; none where the reply is something
-    // else. link: its name, for log lines.
+    // The objects in the reply to a read or a scan, by key; none where it is
+    // another reply. link: its name, for log lines.
     std::vector<Object> read(const std::string &link, const std::string &type, const redisReply &reply);
 
   private:

@@ -13,8 +13,8 @@ class RedisSentinels
   public:
     // Asks at once. done is called from the loop, once: with the primary, or
     // with null and the reason where no Sentinel knows one. It may destroy this
-    // object. A Sentinel that is silent is the caller's to give up on: next()
-    // asks the one after it.
+    // object. The caller gives up on a silent Sentinel: next() asks the one after
+    // it.
     using Found = std::function<void(const RedisEndpoint *primary, const std::string &why)>;
     RedisSentinels(Loop &loop, const RedisAddress &address, Found done);
 

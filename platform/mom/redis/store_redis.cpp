@@ -1,5 +1,5 @@
 // Sessions on a Redis server: each request becomes one call of the function
-// library, each reply a completion; redis_link.h has connections and order.
+// library, each reply a completion. link.h has the connections and the order.
 #include "platform/mom/redis/store_redis.h"
 
 #include "platform/mom/redis/link.h"
@@ -69,8 +69,8 @@ class RedisSession final : public Session
 
   private:
     // Scans of one type. Those that come while a read is on its way wait for
-    // the next one, which serves all of them. It need not read what has not
-    // changed since the one before, if somebody still has that.
+    // the next one, which serves all of them. It transfers no objects where
+    // nothing has changed since the last snapshot and somebody still has that.
     struct Scans {
         bool reading = false;
         std::vector<Listed> waiting;
@@ -173,8 +173,8 @@ void RedisSession::answer_waiting(uint32_t db)
     }
 }
 
-// What has befallen one database has befallen the server of all. Losing them
-// together spares the client a time in which some of them work.
+// All databases are on one server, so where one is lost all are given up. The
+// client then has no time in which some of them work.
 void RedisSession::fail_all()
 {
     for (Database &database : databases_) {
@@ -184,8 +184,8 @@ void RedisSession::fail_all()
     }
 }
 
-// A client that is told of a return goes to work with all of its databases, so
-// it is told when the last one is there. Those that are cut do not count.
+// A client that is told of a return uses all of its databases, so it is told when
+// the last one is back. Those that are cut do not count.
 void RedisSession::tell_returns()
 {
     for (const Database &database : databases_) {
@@ -194,8 +194,8 @@ void RedisSession::tell_returns()
             return;
         }
     }
-    // One that has missed changes counts for all: the client resynchronises its
-    // databases together or not at all. Whoever is told may end the session.
+    // Where one has missed changes all count as such: the client resynchronises
+    // its databases together or not at all. Whoever is told may end the session.
     const std::weak_ptr<bool> still = alive_;
     bool missed = false;
     for (Database &database : databases_) {

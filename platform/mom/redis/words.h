@@ -1,4 +1,4 @@
-// Words and numbers of what the server's functions write.
+// Words and numbers in the text that the server's functions write.
 #pragma once
 
 #include <charconv>
@@ -15,7 +15,7 @@ template <typename Number> bool parse_number(std::string_view text, Number &numb
     return error == std::errc() && end == text.data() + text.size();
 }
 
-// What stands before the next separator; text goes on behind it.
+// Takes the text up to the next separator, and the separator.
 inline std::string_view take_word(std::string_view &text, char separator)
 {
     const size_t end = text.find(separator);

@@ -1,6 +1,5 @@
 // The front against what a store of other processes may do to it: objects that
 // are not what they should be, and requests that fail late.
-#include "platform/mom/keys.h"
 #include "tests/unit/mom/store_harness.h"
 
 namespace vvl::mom
@@ -18,15 +17,15 @@ using StoreForeignObjects = StoreTest;
 INSTANTIATE_TEST_SUITE_P(Stores, StoreForeignObjects, testing::ValuesIn(stores_under_test()),
                          testing::PrintToStringParamName());
 
-TEST_P(StoreForeignObjects, MalformedOnesAreLoggedOnceAndPassedOver)
+TEST_P(StoreForeignObjects, MalformedOnesAreLoggedOnceAndSkipped)
 {
     LogCapture log;
     Deaf deaf;
     auto raw = store_->open(loop_, deaf, "raw");
     ASSERT_EQ(raw->connect_now(4), 0);
-    reader_.subscribe(4, PortCfg(0), seen_);
+    play_("r subscribe 4 port 0 > a");
     std::string other_key;
-    ASSERT_TRUE(pack(*PortCfg(8), other_key));
+    ASSERT_TRUE(pack(*make("port 8"), other_key));
     const std::string type = "p_bridge.vvlan_port_cfg";
     auto write = [&](const Name &name, const Value &value) {
         ASSERT_EQ(raw->write(name, value, WriteMode::replace, {}, {}), 0);
@@ -38,17 +37,16 @@ TEST_P(StoreForeignObjects, MalformedOnesAreLoggedOnceAndPassedOver)
     write({4, "p_bridge.vvlan_glb_cfg", ""}, {{}, {{7, "\x30\x01"}}});
     write({4, "other.type", "1"}, {"?", {}});
     ASSERT_EQ(raw->remove({4, type, "07"}, {}, {}), 0);
-    writer_.set(4, PortCfg(8));
-    run();
-    EXPECT_EQ(seen_.take(), (Lines{"established", "set vvlan_port_cfg 8"}));
-    EXPECT_EQ(reader_.scan_now(4, PortCfg(0)), Lines{"set vvlan_port_cfg 8"});
-    EXPECT_EQ(reader_.scan_now(4, GlbCfg()), Lines{});
-    uint32_t out = 0;
-    EXPECT_EQ(tq_mom_get_sync(reader_.ctx(), 4, PortCfg(7), &out), nullptr);
-    EXPECT_EQ(static_cast<int32_t>(out), TQ_MOM_E_INVALID);
+    play_(R"(w set 4 port 8
+        a: established, set port 8
+        r list 4 port 0 > a
+        a! set port 8
+        r list 4 glb > a
+        r get 4 port 7 > a = -4
+        a! none)");
     EXPECT_EQ(log.count("p_bridge.vvlan_port_cfg:7 "), 1u);
     EXPECT_EQ(log.count("malformed"), 5u);
-    EXPECT_GT(counters(reader_.ctx()).malformed, 5u);
+    EXPECT_GT(counters(play_.ctx("r")).malformed, 5u);
 }
 
 // Accepts every request and fails it when the loop runs.
@@ -98,17 +96,12 @@ TEST(FrontLateFailures, AreToldAsErrorsAndNeverAsTheEndOfAScanOrAnOpenCycle)
 {
     VirtualLoop loop;
     LateFailure store;
-    Recorder told;
-    void *ctx = &told;
-    ASSERT_EQ(attach(ctx, store, loop, "late"), 0);
-    ASSERT_EQ(tq_mom_client_connect_sync(ctx, 4), 0);
-    EXPECT_EQ(tq_mom_scan(ctx, 4, PortCfg(0), 0, Recorder::callback, &told), 0);
-    EXPECT_EQ(tq_mom_subscribe(ctx, 4, PortCfg(0), 0, Recorder::callback, &told), 0);
-    EXPECT_EQ(tq_mom_dsbegin(ctx, 4, PortCfg(0), 0, 1000, Recorder::callback, &told), 0);
-    EXPECT_EQ(tq_mom_set(ctx, 4, PortCfg(1), Recorder::callback, &told), 0);
-    loop.run_pending();
-    EXPECT_EQ(told.take(), (Lines{"error -11 ", "error -11 ", "error -11 done", "error -11 done"}));
-    detach(ctx);
+    Play play(store, loop);
+    play(R"(w scan 4 port 0 > a
+        w subscribe 4 port 0 > a
+        w begin 4 port 0 > a
+        w set 4 port 1 > a
+        a: error -11 , error -11 , error -11 done, error -11 done)");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "platform/mom/keys.h"
-#include "tests/unit/mom/store_messages.h"
+
+#include "p_bridge.pb-c.h"
 
 #include <gtest/gtest.h>
 
@@ -8,34 +9,42 @@ namespace vvl::mom
 namespace
 {
 
-const std::string mac("\x00\x04\x76\x0a\xff\x17", 6);
-
-std::string text_of(const ProtobufCMessage *message)
-{
-    const ObjectType *type = find_type(message->descriptor->name);
-    std::string key;
-    EXPECT_TRUE(encode_key(*type, *message, key));
-    // Every text leads back to a message with the same key.
-    const MessagePtr again = decode_key(*type, key);
-    std::string second;
-    EXPECT_TRUE(again && encode_key(*type, *again, second));
-    EXPECT_EQ(second, key);
-    return key;
-}
+using namespace std::string_literals;
 
 TEST(Keys, TextNamesEveryShapeOfKeyApart)
 {
-    EXPECT_EQ(text_of(PortCfg(0)), "0");
-    EXPECT_EQ(text_of(PortCfg(4294967295)), "4294967295");
-    EXPECT_EQ(text_of(OuiCfg(mac, mac)), "00:04:76:0a:ff:17/00:04:76:0a:ff:17");
-    EXPECT_EQ(text_of(OuiCfg(mac, "")), "00:04:76:0a:ff:17/-");
-    EXPECT_EQ(text_of(OuiCfg("", mac.substr(0, 1))), "\"\"/00");
-    EXPECT_EQ(text_of(Learned(10, 2, mac)), "10/2/00:04:76:0a:ff:17");
-    EXPECT_EQ(text_of(PacketLibrary("pkt_vvlan", "")), "pkt_vvlan");
-    EXPECT_EQ(text_of(PacketLibrary("", "")), "\"\"");
-    EXPECT_EQ(text_of(PacketLibrary("-", "")), "-");
-    EXPECT_EQ(text_of(PacketLibrary("a/b%\"\xc3\xa4 ", "")), "a%2fb%25%22%c3%a4%20");
-    EXPECT_EQ(text_of(GlbCfg()), "");
+    const std::string mac("\x0a\x06\x00\x04\x76\x0a\xff\x17", 8);
+    const struct {
+        const char *type;
+        std::string packed; // the key
+        const char *text;
+    } rows[] = {
+        {"p_bridge.vvlan_port_cfg", "", "0"},
+        {"p_bridge.vvlan_port_cfg", "\x08\xff\xff\xff\xff\x0f", "4294967295"},
+        {"p_bridge.vvlan_oui_cfg", "\x0a\x08" + mac + "\x12\x08" + mac, "00:04:76:0a:ff:17/00:04:76:0a:ff:17"},
+        {"p_bridge.vvlan_oui_cfg", "\x0a\x08" + mac, "00:04:76:0a:ff:17/-"},
+        {"p_bridge.vvlan_oui_cfg", "\x0a\x00\x12\x03\x0a\x01\x00"s, "\"\"/00"},
+        {"u_bridge.mac_vid_reg_noti", "\x08\x0a\x10\x02\x1a\x08" + mac, "10/2/00:04:76:0a:ff:17"},
+        {"s_cluster.reg_pkt_info", "\x0a\x09pkt_vvlan", "pkt_vvlan"},
+        {"s_cluster.reg_pkt_info", "", "\"\""},
+        {"s_cluster.reg_pkt_info", "\x0a\x01-", "-"},
+        {"s_cluster.reg_pkt_info",
+         "\x0a\x08"
+         "a/b%\"\xc3\xa4 ",
+         "a%2fb%25%22%c3%a4%20"},
+    };
+    for (const auto &row : rows) {
+        const ObjectType &type = *find_type(row.type);
+        const MessagePtr object = unpack(type, "\x2a"s + static_cast<char>(row.packed.size()) + row.packed);
+        ASSERT_NE(object, nullptr) << row.text;
+        std::string key;
+        EXPECT_TRUE(encode_key(type, *object, key));
+        EXPECT_EQ(key, row.text);
+        // Every text leads back to a message with the same key.
+        const MessagePtr again = decode_key(type, key);
+        EXPECT_TRUE(again && encode_key(type, *again, key));
+        EXPECT_EQ(key, row.text);
+    }
 }
 
 TEST(Keys, TextOfAnotherWritingIsRefused)
@@ -58,11 +67,12 @@ TEST(Keys, TextOfAnotherWritingIsRefused)
 TEST(Fields, PackedMessageIsTakenApartAndPutTogether)
 {
     PBridge__BQos qos = P_BRIDGE__B_QOS__INIT; // present though empty
-    GlbCfg cfg(300);
-    cfg.object.qos = &qos;
+    PBridge__VvlanGlbCfg cfg = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    cfg.secu_mode = 300;
+    cfg.qos = &qos;
     std::string bytes;
     FieldMap fields;
-    ASSERT_TRUE(pack(*cfg, bytes) && split_fields(bytes, fields));
+    ASSERT_TRUE(pack(cfg.base, bytes) && split_fields(bytes, fields));
     EXPECT_EQ(fields, (FieldMap{{6, "\x30\xac\x02"}, {8, std::string("\x42\x00", 2)}}));
     std::string joined;
     EXPECT_TRUE(join_fields(fields, joined));
@@ -71,7 +81,6 @@ TEST(Fields, PackedMessageIsTakenApartAndPutTogether)
 
 TEST(Fields, MalformedBytesAreRefused)
 {
-    using namespace std::string_literals;
     // A tag alone, an endless varint, a length past the end, field 0, groups,
     // a fixed value cut short.
     const std::string malformed[] = {"\x30"s,

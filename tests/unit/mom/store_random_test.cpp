@@ -4,6 +4,8 @@
 // exactly that. The seed is printed and can be given in STORE_TEST_SEED.
 #include "tests/unit/mom/store_harness.h"
 
+#include "p_bridge.pb-c.h"
+
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -85,10 +87,10 @@ struct Mirror {
     // What a client does at its start and after a lost connection.
     void follow()
     {
-        EXPECT_EQ(tq_mom_subscribe(client.ctx(), db, PortCfg(0), 0, callback, this), 0);
-        EXPECT_EQ(tq_mom_scan(client.ctx(), db, PortCfg(0), 0, callback, this), 0);
+        EXPECT_EQ(tq_mom_subscribe(ctx, db, make("port 0").get(), 0, callback, this), 0);
+        EXPECT_EQ(tq_mom_scan(ctx, db, make("port 0").get(), 0, callback, this), 0);
     }
-    Client &client;
+    void *ctx;
     View view = {};
     bool up = true;
 };
@@ -103,7 +105,7 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
     auto pick = [&](uint32_t count) { return std::uniform_int_distribution<uint32_t>(0, count - 1)(random); };
 
     Model model;
-    Mirror mirrors[] = {{writer_}, {reader_}};
+    Mirror mirrors[] = {{play_.ctx("w")}, {play_.ctx("r")}};
     mirrors[0].follow();
     mirrors[1].follow();
     for (int i = 0; i < step_count && !HasFailure(); i++) {
@@ -114,14 +116,14 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
         }
         if (!mirror.up || kind == 0) {
             mirror.up = !mirror.up;
-            ASSERT_EQ(set_link(mirror.client.ctx(), db, mirror.up), 0);
+            ASSERT_EQ(set_link(mirror.ctx, db, mirror.up), 0);
             if (mirror.up) {
                 mirror.follow();
             }
         } else if (kind == 1) {
             mirror.follow();
         } else if (kind <= 3) {
-            run();
+            loop_.run_pending();
             for (const Mirror &checked : mirrors) {
                 ASSERT_TRUE(!checked.up || checked.view == model.view()) << "step " << i;
             }
@@ -129,9 +131,11 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
             const char operation = life_operations[pick(std::size(life_operations))];
             const bool is_cycle = operation == '[' || operation == ']';
             const uint64_t owner = is_cycle ? pick(3) : 1 + pick(2);
-            const PortCfg object(1 + pick(5), 1 + pick(1000));
-            model.apply(object.index.ifx, object.object.mode, operation, owner);
-            apply(mirror.client, object, operation, owner);
+            const uint32_t ifx = 1 + pick(5);
+            const uint32_t mode = 1 + pick(1000);
+            model.apply(ifx, mode, operation, owner);
+            const MessagePtr object = make("port " + std::to_string(ifx) + " mode=" + std::to_string(mode));
+            apply(mirror.ctx, object.get(), operation, owner);
         }
     }
 }

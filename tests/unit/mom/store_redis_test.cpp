@@ -40,14 +40,16 @@ class RedisStoreTest : public testing::Test
     VirtualLoop loop_;
 };
 
-TEST_F(RedisStoreTest, ValuesThatAreNoneAreLoggedOnceAndPassedOver)
+TEST_F(RedisStoreTest, ForeignValuesAreLoggedOnceAndSkipped)
 {
     const auto store = make("sw1:");
-    Client client(*store, loop_, "client");
-    for (uint32_t ifx = 1; ifx <= 5; ifx++) {
-        client.set(4, PortCfg(ifx, ifx));
-    }
-    loop_.run_pending();
+    Play play(*store, loop_);
+    play(R"(r set 4 port 1 mode=1
+        r set 4 port 2 mode=2
+        r set 4 port 3 mode=3
+        r set 4 port 4 mode=4
+        r set 4 glb secu_mode=1
+        a:)");
     const std::string key = "sw1:p_bridge.vvlan_port_cfg:";
     cli({"SET", key + "1", "\xff\xff"});
     cli({"DEL", key + "2"});
@@ -55,33 +57,28 @@ TEST_F(RedisStoreTest, ValuesThatAreNoneAreLoggedOnceAndPassedOver)
     cli({"SET", key + "3", std::string(object_size_max + 1, 'x')});
     cli({"HSET", "sw1:p_bridge.vvlan_port_cfg#meta", "not/a/key", "0 1"});
     cli({"SET", key + "not/a/key", "x"});
+    cli({"HSET", "sw1:p_bridge.vvlan_glb_cfg", "x", "y"});
     LogCapture log;
-    for (int round = 0; round < 2; round++) {
-        EXPECT_EQ(client.scan_now(4, PortCfg(0)),
-                  (Lines{"set vvlan_port_cfg 4 mode=4", "set vvlan_port_cfg 5 mode=5"}));
-    }
+    play("r list 4 port 0 > a\nr list 4 port 0 > a\na! set port 4 mode=4, set port 4 mode=4");
+    play("r list 4 glb > a\na!");
     for (const char *bad :
-         {"vvlan_port_cfg:1 ", "vvlan_port_cfg:2 ", "vvlan_port_cfg:3 ", "vvlan_port_cfg:not/a/key "}) {
+         {"port_cfg:1 ", "port_cfg:2 has the wrong Redis type", "port_cfg:3 is larger than 65536 bytes",
+          "port_cfg:not/a/key ", "glb_cfg has malformed fields and is skipped"}) {
         EXPECT_EQ(log.count(bad), 1u) << bad;
     }
-    client.set(4, PortCfg(2, 22)); // takes the place of what is foreign
-    EXPECT_EQ(client.scan_now(4, PortCfg(0)).front(), "set vvlan_port_cfg 2 mode=22");
+    // A write takes the place of what is foreign.
+    play("r set 4 port 2 mode=22\nr list 4 port 0 > a\na: set port 2 mode=22, set port 4 mode=4");
 }
 
 TEST_F(RedisStoreTest, PrefixesKeepSwitchesApart)
 {
     const auto first = make("sw1:");
     const auto second = make("sw2:");
-    Client writer(*first, loop_, "writer");
-    Client other(*second, loop_, "other");
-    Recorder told;
-    other.subscribe(4, PortCfg(0), told);
-    loop_.run_pending();
-    told.take();
-    writer.set(4, PortCfg(1, 1));
-    loop_.run_pending();
-    EXPECT_EQ(told.take(), Lines{});
-    EXPECT_EQ(other.scan_now(4, PortCfg(0)), Lines{});
+    Play writer(*first, loop_);
+    Play other(*second, loop_);
+    other("r subscribe 4 port 0 > a\na: established");
+    writer("w set 4 port 1 mode=1");
+    other("a:\nr list 4 port 0 > a\na!");
 }
 
 TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
@@ -96,9 +93,8 @@ TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
     EXPECT_EQ(why, "credentials file " + file + ": everybody can read it; chmod o-r");
     chmod(file.c_str(), 0600);
     const auto store = make("sw1:", file);
-    Client client(*store, loop_, "client");
-    client.set(4, PortCfg(1, 1));
-    EXPECT_EQ(client.scan_now(4, PortCfg(0)), (Lines{"set vvlan_port_cfg 1 mode=1"}));
+    Play play(*store, loop_);
+    play("r set 4 port 1 mode=1\nr list 4 port 0 > a\na! set port 1 mode=1");
     LogCapture log;
     const auto stranger = make("sw1:");
     int ctx = 0; // its address names the client
@@ -151,11 +147,10 @@ TEST_F(RedisStoreTest, ConnectingWhileOthersWriteIsNoLoss)
 TEST_F(RedisStoreTest, ReconnectionTellsWhetherAnythingWasMissed)
 {
     const auto store = make("sw1:");
-    const auto elsewhere = make("sw1:");
     Returns events;
     Returns ignored;
     const auto session = store->open(loop_, events, "session");
-    const auto writer = elsewhere->open(loop_, ignored, "writer");
+    const auto writer = store->open(loop_, ignored, "writer");
     ASSERT_EQ(session->connect_now(4), 0);
     ASSERT_EQ(writer->connect_now(4), 0);
     const auto write = [&](const char *key) { writer->write({4, "t.x", key}, {"v", {}}, WriteMode::replace, {}, {}); };
