@@ -2,14 +2,11 @@
 // than it must, in one run: writes, notifications, a start-up on a full store,
 // and the time from a control side's write to the plane.
 //
-// The peer writes with MULTI, SET, PUBLISH and EXEC, pipelined: what an atomic
-// write with its notification takes without a function library. It does less
-// than the store: it has no number from which a reader learns that it missed a
-// change, no owners or stale marks, no limit, and its readers count messages
-// instead of reading them. Both sides have a window of the same number of
-// writes on their way. Two other peers are for comparison: one whose
-// transactions count their writes too, and one that gathers writes in a
-// transaction as the store gathers those of one turn of the loop in a call.
+// The peer is raw_client.h. Both sides have a window of the same number of writes
+// on their way. Two other peers are for comparison: the transactions of one count
+// their writes too, and the other gathers writes in a transaction as the store
+// gathers those of one turn of the loop in a call.
+#include "bench/raw_client.h"
 #include "platform/fp/soft/plane_soft.h"
 #include "platform/host/switch.h"
 #include "platform/host/uv_loop.h"
@@ -20,8 +17,6 @@
 #include "p_bridge.pb-c.h"
 #include "u_bridge.pb-c.h"
 
-#include <hiredis/hiredis.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -31,13 +26,13 @@
 #include <vector>
 
 using namespace vvl;
+using namespace vvl::bench;
 
 namespace
 {
 
 constexpr size_t write_count = 20'000;
 constexpr size_t window = 500; // writes on their way at a time
-constexpr size_t key_count = 1'000;
 constexpr int repetitions = 5;
 constexpr uint32_t port_count = 1'000;
 constexpr uint32_t oui_count = 127;
@@ -58,73 +53,6 @@ double median(std::vector<double> values)
     std::ranges::sort(values);
     return values[values.size() / 2];
 }
-
-struct ReplyFree {
-    void operator()(redisReply *reply) const { freeReplyObject(reply); }
-};
-using ReplyPtr = std::unique_ptr<redisReply, ReplyFree>;
-
-// How a client that uses hiredis alone writes.
-struct Peer {
-    const char *name;
-    size_t gathered; // writes in a transaction; divides write_count
-    bool is_counted; // each write adds one to a number
-};
-constexpr Peer peers[] = {{"raw", 1, false}, {"raw with a number", 1, true}, {"raw, 250 in a transaction", 250, false}};
-constexpr const Peer &peer_of_bars = peers[0];
-
-class Raw
-{
-  public:
-    explicit Raw(const std::string &socket) : context_(redisConnectUnix(socket.c_str())) { run("SELECT 4"); }
-    ~Raw() { redisFree(context_); }
-    Raw(const Raw &) = delete;
-    Raw &operator=(const Raw &) = delete;
-
-    ReplyPtr next()
-    {
-        void *reply = nullptr;
-        if (redisGetReply(context_, &reply) != REDIS_OK) {
-            std::fprintf(stderr, "bench_store: %s\n", context_->errstr);
-            std::exit(1);
-        }
-        return ReplyPtr(static_cast<redisReply *>(reply));
-    }
-    template <typename... Arguments> void send(const char *format, Arguments... arguments)
-    {
-        redisAppendCommand(context_, format, arguments...);
-    }
-    void run(const char *command)
-    {
-        send(command);
-        next();
-    }
-    void write(const Peer &peer, size_t index, const std::string &value)
-    {
-        const std::string key = "raw:p_bridge.vvlan_port_cfg:" + std::to_string(index % key_count);
-        if (index % peer.gathered == 0) {
-            send("MULTI");
-        }
-        send("SET %b %b", key.data(), key.size(), value.data(), value.size());
-        if (peer.is_counted) {
-            send("HINCRBY raw#state seq 1");
-        }
-        send("PUBLISH raw#4 %b", value.data(), value.size());
-        if ((index + 1) % peer.gathered == 0) {
-            send("EXEC");
-        }
-    }
-    void take_write(const Peer &peer, size_t index)
-    {
-        const int replies = 2 + peer.is_counted + (index % peer.gathered == 0) + ((index + 1) % peer.gathered == 0);
-        for (int i = 0; i < replies; i++) {
-            next();
-        }
-    }
-
-  private:
-    redisContext *context_;
-};
 
 struct Counter final : mom::SessionEvents {
     void link_lost(uint32_t) override {}
@@ -177,7 +105,7 @@ double our_writes(mom::Store &store, bool is_watched)
     size_t done = 0;
     std::function<void()> fill = [&] {
         for (; sent < write_count && sent < done + window; sent++) {
-            const mom::Name name{4, "p_bridge.vvlan_port_cfg", std::to_string(sent % key_count)};
+            const mom::Name name{4, "p_bridge.vvlan_port_cfg", std::to_string(sent % raw_key_count)};
             writer->write(name, {port_value(static_cast<uint32_t>(sent % 100)), {}}, mom::WriteMode::replace, {},
                           [&](int) {
                               done++;

@@ -101,12 +101,13 @@ std::string describe(const tq_mom_record_t &record, bool is_field)
     for (uint32_t i = 0; i < hash.count; i++) {
         fields += " " + std::to_string(hash.fields[i]);
     }
-    return operation + " " + describe_message(*hash.message, " fields" + fields + ";");
+    return operation + " " + describe_message(*hash.message, " fields" + fields);
 }
 
 struct Step {
     void *ctx;
     uint32_t db;
+    uint64_t owner; // 0: none
     const ProtobufCMessage *object;
     std::vector<uint32_t> fields; // that the object's text names
     Recorder *to;
@@ -143,9 +144,19 @@ const std::map<std::string, std::function<int(const Step &s)>> operations = {
     {"publish", [](const Step &s) { return publish(s.ctx, s.db, s.object); }},
     {"get", get},
     {"clear_expire", [](const Step &s) { return tq_mom_clear_expire(s.ctx, s.db, s.object, s.callback, s.to); }},
-    {"begin", [](const Step &s) { return tq_mom_dsbegin(s.ctx, s.db, s.object, 0, 1000, s.callback, s.to); }},
+    {"setow", [](const Step &s) { return tq_mom_setow(s.ctx, s.db, s.object, s.callback, s.to, s.owner); }},
+    {"del_ow", [](const Step &s) { return tq_mom_del_ow(s.ctx, s.db, s.object, s.callback, s.to, s.owner); }},
+    {"begin",
+     [](const Step &s) {
+         return s.owner == 0 ? tq_mom_dsbegin(s.ctx, s.db, s.object, 0, 1000, s.callback, s.to)
+                             : tq_mom_dsbegin_ow(s.ctx, s.db, s.object, 0, 1000, s.callback, s.to, s.owner);
+     }},
     {"begin_sync", [](const Step &s) { return tq_mom_dsbegin_sync(s.ctx, s.db, s.object, 0, 1000); }},
-    {"end", [](const Step &s) { return tq_mom_dsend(s.ctx, s.db, s.object, 0, s.callback, s.to); }},
+    {"end",
+     [](const Step &s) {
+         return s.owner == 0 ? tq_mom_dsend(s.ctx, s.db, s.object, 0, s.callback, s.to)
+                             : tq_mom_dsend_ow(s.ctx, s.db, s.object, 0, s.callback, s.to, s.owner);
+     }},
     {"scan", [](const Step &s) { return tq_mom_scan(s.ctx, s.db, s.object, 0, s.callback, s.to); }},
     {"scan_match", [](const Step &s) { return tq_mom_scan(s.ctx, s.db, s.object, 2, s.callback, s.to); }},
     {"list", [](const Step &s) { return tq_mom_scan_sync(s.ctx, s.db, s.object, 0, s.callback, s.to); }},
@@ -260,8 +271,10 @@ int Play::on_back(void *ctx, uint32_t db, int32_t type)
 
 void Play::operator()(const std::string &script)
 {
-    std::istringstream lines(script);
-    for (std::string line; std::getline(lines, line);) {
+    std::string lines = script;
+    std::ranges::replace(lines, '\n', ';');
+    std::istringstream steps(lines);
+    for (std::string line; std::getline(steps, line, ';');) {
         line.erase(0, line.find_first_not_of(' '));
         const size_t name_end = line.find_first_of(" :!");
         if (name_end == std::string::npos || line[name_end] == ' ') {
@@ -281,6 +294,7 @@ void Play::perform(const std::string &step)
     std::string text = step;
     const std::string result = cut_off(text, " = ");
     const std::string recorder = cut_off(text, " > ");
+    const std::string owner = cut_off(text, " @");
     std::istringstream words(text);
     std::string client;
     std::string operation;
@@ -289,37 +303,12 @@ void Play::perform(const std::string &step)
     words >> client >> operation >> s.db >> std::ws;
     std::getline(words, object);
     s.ctx = ctx(client);
+    s.owner = owner.empty() ? 0 : std::stoul(owner);
     s.to = recorder.empty() ? nullptr : &told(recorder);
     s.callback = recorder.empty() ? nullptr : Recorder::callback;
     const MessagePtr message = object.empty() ? nullptr : read_object(object, s.fields);
     s.object = message.get();
     EXPECT_EQ(operations.at(operation)(s), result.empty() ? 0 : std::stoi(result)) << step;
-}
-
-void apply(void *ctx, const ProtobufCMessage *object, char operation, uint64_t owner)
-{
-    constexpr uint32_t db = life_db;
-    const auto perform = [&] {
-        switch (operation) {
-        case 's':
-            return tq_mom_set(ctx, db, object, nullptr, nullptr);
-        case 'd':
-            return tq_mom_del(ctx, db, object, nullptr, nullptr);
-        case 'c':
-            return tq_mom_clear_expire(ctx, db, object, nullptr, nullptr);
-        case '+':
-            return tq_mom_setow(ctx, db, object, nullptr, nullptr, owner);
-        case '-':
-            return tq_mom_del_ow(ctx, db, object, nullptr, nullptr, owner);
-        case '[':
-            return owner == 0 ? tq_mom_dsbegin_sync(ctx, db, object, 0, 1000)
-                              : tq_mom_dsbegin_ow(ctx, db, object, 0, 1000, nullptr, nullptr, owner);
-        default:
-            return owner == 0 ? tq_mom_dsend(ctx, db, object, 0, nullptr, nullptr)
-                              : tq_mom_dsend_ow(ctx, db, object, 0, nullptr, nullptr, owner);
-        }
-    };
-    EXPECT_EQ(perform(), 0) << operation << owner;
 }
 
 } // namespace vvl::mom

@@ -40,7 +40,7 @@ MessagePtr make(const std::string &text);
 using Lines = std::vector<std::string>;
 
 // Collects records as lines of text:
-//   "set port 5 mode=1", "del port 5", "publish ...", "hset glb fields 6 7; age_time=30",
+//   "set port 5 mode=1", "del port 5", "publish ...", "hset glb fields 6 7 age_time=30",
 //   "established", "withdrawn", "over", "open", "done", "error -11 "
 class Recorder
 {
@@ -71,11 +71,11 @@ class Play
     Play(const Play &) = delete;
     Play &operator=(const Play &) = delete;
 
-    // Runs a script, a step a line:
-    //   CLIENT OPERATION DB [OBJECT] [> RECORDER] [= RESULT]   expects 0 unless another result stands there;
-    //                                                          the operations are in store_harness.cpp
+    // Runs a script of steps, each on a line or before a semicolon:
+    //   CLIENT OPERATION DB [OBJECT] [@OWNER] [> RECORDER] [= RESULT]   expects RESULT (0 where it is left out);
+    //                                                                   store_harness.cpp has the operations
     //   RECORDER: TEXT   runs the loop, then expects what the recorder has been told
-    //   RECORDER! TEXT   the same without the loop
+    //   RECORDER! TEXT   the same without running the loop
     void operator()(const std::string &script);
 
     void *ctx(const std::string &client);
@@ -95,13 +95,6 @@ class Play
     std::map<std::string, Recorder> recorders_;
     std::map<std::string, Client> clients_; // the addresses are their contexts
 };
-
-// The operations on which an object's life depends, as letters: s set, d del,
-// c clear_expire, + setow, - del_ow, [ begin and ] end of a cycle of its type.
-// owner 0 with a bracket is the plain cycle. Expects success.
-constexpr uint32_t life_db = 4;
-constexpr char life_operations[] = {'s', 'd', 'c', '+', '-', '[', ']'};
-void apply(void *ctx, const ProtobufCMessage *object, char operation, uint64_t owner);
 
 class StoreTest : public testing::TestWithParam<StoreUnderTest>
 {

@@ -19,7 +19,8 @@ using StoreRandom = StoreTest;
 INSTANTIATE_TEST_SUITE_P(Stores, StoreRandom, testing::ValuesIn(stores_under_test()),
                          testing::PrintToStringParamName());
 
-constexpr uint32_t db = life_db;
+constexpr uint32_t db = 4;
+constexpr const char *operations[] = {"set", "del", "clear_expire", "setow", "del_ow", "begin", "end"};
 constexpr int step_count = 4000;
 
 using View = std::map<uint32_t, uint32_t>; // ifx to mode
@@ -33,29 +34,28 @@ struct ModelObject {
 };
 
 struct Model {
-    void apply(uint32_t ifx, uint32_t mode, char operation, uint64_t owner)
+    void apply(uint32_t ifx, uint32_t mode, const std::string &operation, uint64_t owner)
     {
-        if (operation == 's' || operation == '+') {
+        if (operation.starts_with("set")) {
             objects[ifx].mode = mode;
             objects[ifx].stale = false;
-            objects[ifx].holds[operation == 's' ? 0 : owner] = false;
+            objects[ifx].holds[operation == "set" ? 0 : owner] = false;
         }
         for (auto &[key, object] : objects) {
             const bool is_it = key == ifx;
-            if (operation == '[' && owner == 0) {
+            const auto hold = owner != 0 ? object.holds.find(owner) : object.holds.end();
+            const bool is_held = hold != object.holds.end();
+            if (operation == "begin" && owner == 0) {
                 object.stale = true;
-            } else if (operation == '[' && object.holds.contains(owner)) {
-                object.holds[owner] = true;
-            } else if (operation == 'c' && is_it) {
+            } else if (operation == "begin" && is_held) {
+                hold->second = true;
+            } else if (operation == "clear_expire" && is_it) {
                 object.stale = false;
-                for (auto &hold : object.holds) {
-                    hold.second = false;
-                }
-            } else if ((operation == 'd' && is_it) || (operation == ']' && owner == 0 && object.stale)) {
+                std::ranges::for_each(object.holds, [](auto &each) { each.second = false; });
+            } else if ((operation == "del" && is_it) || (operation == "end" && owner == 0 && object.stale)) {
                 object.holds.clear();
-            } else if ((operation == '-' && is_it) ||
-                       (operation == ']' && owner != 0 && object.holds.contains(owner) && object.holds[owner])) {
-                object.holds.erase(owner);
+            } else if (is_held && ((operation == "del_ow" && is_it) || (operation == "end" && hold->second))) {
+                object.holds.erase(hold);
             }
         }
         std::erase_if(objects, [](const auto &entry) { return entry.second.holds.empty(); });
@@ -87,10 +87,11 @@ struct Mirror {
     // What a client does at its start and after a lost connection.
     void follow()
     {
-        EXPECT_EQ(tq_mom_subscribe(ctx, db, make("port 0").get(), 0, callback, this), 0);
-        EXPECT_EQ(tq_mom_scan(ctx, db, make("port 0").get(), 0, callback, this), 0);
+        EXPECT_EQ(tq_mom_subscribe(play.ctx(name), db, make("port 0").get(), 0, callback, this), 0);
+        EXPECT_EQ(tq_mom_scan(play.ctx(name), db, make("port 0").get(), 0, callback, this), 0);
     }
-    void *ctx;
+    Play &play;
+    const char *name;
     View view = {};
     bool up = true;
 };
@@ -105,7 +106,7 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
     auto pick = [&](uint32_t count) { return std::uniform_int_distribution<uint32_t>(0, count - 1)(random); };
 
     Model model;
-    Mirror mirrors[] = {{play_.ctx("w")}, {play_.ctx("r")}};
+    Mirror mirrors[] = {{play_, "w"}, {play_, "r"}};
     mirrors[0].follow();
     mirrors[1].follow();
     for (int i = 0; i < step_count && !HasFailure(); i++) {
@@ -116,7 +117,7 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
         }
         if (!mirror.up || kind == 0) {
             mirror.up = !mirror.up;
-            ASSERT_EQ(set_link(mirror.ctx, db, mirror.up), 0);
+            ASSERT_EQ(set_link(play_.ctx(mirror.name), db, mirror.up), 0);
             if (mirror.up) {
                 mirror.follow();
             }
@@ -128,14 +129,14 @@ TEST_P(StoreRandom, ClientsAreToldWhatTheStoreHolds)
                 ASSERT_TRUE(!checked.up || checked.view == model.view()) << "step " << i;
             }
         } else {
-            const char operation = life_operations[pick(std::size(life_operations))];
-            const bool is_cycle = operation == '[' || operation == ']';
+            const std::string operation = operations[pick(std::size(operations))];
+            const bool is_cycle = operation == "begin" || operation == "end";
             const uint64_t owner = is_cycle ? pick(3) : 1 + pick(2);
             const uint32_t ifx = 1 + pick(5);
             const uint32_t mode = 1 + pick(1000);
             model.apply(ifx, mode, operation, owner);
-            const MessagePtr object = make("port " + std::to_string(ifx) + " mode=" + std::to_string(mode));
-            apply(mirror.ctx, object.get(), operation, owner);
+            const std::string object = std::to_string(ifx) + " mode=" + std::to_string(mode);
+            play_(mirror.name + (" " + operation) + " 4 port " + object + " @" + std::to_string(owner));
         }
     }
 }

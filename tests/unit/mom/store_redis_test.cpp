@@ -6,14 +6,11 @@
 #include "tests/support/redis_server.h"
 #include "tests/unit/mom/store_harness.h"
 
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <cstdio>
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 namespace vvl::mom
 {
@@ -59,15 +56,15 @@ TEST_F(RedisStoreTest, ForeignValuesAreLoggedOnceAndSkipped)
     cli({"SET", key + "not/a/key", "x"});
     cli({"HSET", "sw1:p_bridge.vvlan_glb_cfg", "x", "y"});
     LogCapture log;
-    play("r list 4 port 0 > a\nr list 4 port 0 > a\na! set port 4 mode=4, set port 4 mode=4");
-    play("r list 4 glb > a\na!");
+    play("r list 4 port 0 > a; r list 4 port 0 > a; a! set port 4 mode=4, set port 4 mode=4");
+    play("r list 4 glb > a; a!");
     for (const char *bad :
          {"port_cfg:1 ", "port_cfg:2 has the wrong Redis type", "port_cfg:3 is larger than 65536 bytes",
           "port_cfg:not/a/key ", "glb_cfg has malformed fields and is skipped"}) {
         EXPECT_EQ(log.count(bad), 1u) << bad;
     }
     // A write takes the place of what is foreign.
-    play("r set 4 port 2 mode=22\nr list 4 port 0 > a\na: set port 2 mode=22, set port 4 mode=4");
+    play("r set 4 port 2 mode=22; r list 4 port 0 > a; a: set port 2 mode=22, set port 4 mode=4");
 }
 
 TEST_F(RedisStoreTest, PrefixesKeepSwitchesApart)
@@ -76,9 +73,9 @@ TEST_F(RedisStoreTest, PrefixesKeepSwitchesApart)
     const auto second = make("sw2:");
     Play writer(*first, loop_);
     Play other(*second, loop_);
-    other("r subscribe 4 port 0 > a\na: established");
+    other("r subscribe 4 port 0 > a; a: established");
     writer("w set 4 port 1 mode=1");
-    other("a:\nr list 4 port 0 > a\na!");
+    other("a:; r list 4 port 0 > a; a!");
 }
 
 TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
@@ -94,7 +91,7 @@ TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
     chmod(file.c_str(), 0600);
     const auto store = make("sw1:", file);
     Play play(*store, loop_);
-    play("r set 4 port 1 mode=1\nr list 4 port 0 > a\na! set port 1 mode=1");
+    play("r set 4 port 1 mode=1; r list 4 port 0 > a; a! set port 1 mode=1");
     LogCapture log;
     const auto stranger = make("sw1:");
     int ctx = 0; // its address names the client
@@ -105,7 +102,7 @@ TEST_F(RedisStoreTest, LoginComesFromAFileThatNotEverybodyCanRead)
     detach(&ctx);
 }
 
-// What a session is told of its links.
+// What a session is told.
 struct Returns final : SessionEvents {
     void link_lost(uint32_t) override { told.push_back("lost"); }
     void link_back(uint32_t, bool missed) override { told.push_back(missed ? "missed" : "complete"); }
@@ -113,124 +110,112 @@ struct Returns final : SessionEvents {
     Lines told;
 };
 
+class RedisSessionTest : public RedisStoreTest
+{
+  protected:
+    // A session that is connected to database 4.
+    std::unique_ptr<Session> open(Loop &loop, Returns &events)
+    {
+        auto session = store_->open(loop, events, "session");
+        EXPECT_EQ(session->connect_now(4), 0);
+        return session;
+    }
+    static void write(Session &session, const char *key, Owner owner = {}, Done done = {})
+    {
+        EXPECT_EQ(session.write({4, "t.x", key}, {"v", {}}, WriteMode::replace, owner, std::move(done)), 0);
+    }
+
+    std::unique_ptr<Store> store_ = make("sw1:");
+    host::UvLoop real_loop_; // on which requests of one turn are on their way together
+    Returns events_;
+};
+
 // Changes that were made before a client has come up may reach it afterwards.
-TEST_F(RedisStoreTest, ConnectingWhileOthersWriteIsNoLoss)
+TEST_F(RedisSessionTest, ConnectingWhileOthersWriteIsNoLoss)
 {
     LogCapture log;
-    pid_t writer = 0;
-    for (int i = 0; i < 300; i++) {
-        host::UvLoop loop;
-        const auto store = make("sw1:");
-        Returns events;
-        const auto session = store->open(loop, events, "session");
-        ASSERT_EQ(session->connect_now(4), 0);
-        loop.add_timer(1000, [&] { loop.stop(); });
-        loop.run();
-        EXPECT_EQ(events.told, Lines{});
-        if (i == 0) { // what it calls is there now
-            const std::string socket = server_.socket();
-            writer = fork();
-            if (writer == 0) {
-                prctl(PR_SET_PDEATHSIG, SIGKILL);
-                std::freopen("/dev/null", "w", stdout);
-                execlp("redis-cli", "redis-cli", "-s", socket.c_str(), "-n", "4", "-r", "-1", "FCALL", "vvlan2_write",
-                       "0", "sw1:", "4", "t.x", "", "1", "v", nullptr);
-                _exit(127);
-            }
+    open(real_loop_, events_); // the functions are there now
+    std::atomic<bool> is_over = false;
+    std::thread writer([&] {
+        while (!is_over) {
+            cli({"-r", "1000", "FCALL", "vvlan2_write", "0", "sw1:", "4", "t.x", "", "1", "v"});
         }
+    });
+    for (int i = 0; i < 300; i++) {
+        const auto session = open(real_loop_, events_);
+        real_loop_.add_timer(1000, [&] { real_loop_.stop(); });
+        real_loop_.run();
     }
+    is_over = true;
+    writer.join();
+    EXPECT_EQ(events_.told, Lines{});
     EXPECT_EQ(log.count("is lost"), 0u);
-    kill(writer, SIGKILL);
-    waitpid(writer, nullptr, 0);
 }
 
-TEST_F(RedisStoreTest, ReconnectionTellsWhetherAnythingWasMissed)
+TEST_F(RedisSessionTest, ReconnectionTellsWhetherAnythingWasMissed)
 {
-    const auto store = make("sw1:");
-    Returns events;
     Returns ignored;
-    const auto session = store->open(loop_, events, "session");
-    const auto writer = store->open(loop_, ignored, "writer");
-    ASSERT_EQ(session->connect_now(4), 0);
-    ASSERT_EQ(writer->connect_now(4), 0);
-    const auto write = [&](const char *key) { writer->write({4, "t.x", key}, {"v", {}}, WriteMode::replace, {}, {}); };
+    const auto session = open(loop_, events_);
+    const auto writer = open(loop_, ignored);
     EXPECT_EQ(session->watch(4, "t.x", {}), 0);
-    const auto cut_all = [&] {
+    for (const bool missed : {false, true}) {
         // Both sessions, as their connections cannot be told apart from outside.
         cli({"CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes"});
         loop_.run_pending();
-    };
-    cut_all();
-    loop_.advance(10'000'000);
-    write("1");
-    loop_.run_pending();
-    EXPECT_EQ(events.told, (Lines{"lost", "complete", "changed 1"})) << "the watch goes on";
-    events.told.clear();
-    cut_all();
-    cli({"FCALL", "vvlan2_write", "0", "sw1:", "4", "t.x", "", "2", "v"});
-    loop_.advance(10'000'000);
-    write("3");
-    loop_.run_pending();
-    EXPECT_EQ(events.told, (Lines{"lost", "missed"})) << "and has to be made again";
+        if (missed) {
+            cli({"FCALL", "vvlan2_write", "0", "sw1:", "4", "t.x", "", "2", "v"});
+        }
+        loop_.advance(10'000'000);
+        write(*writer, "1");
+        loop_.run_pending();
+        // The watch goes on, or has to be made again.
+        EXPECT_EQ(std::exchange(events_.told, {}),
+                  missed ? (Lines{"lost", "missed"}) : (Lines{"lost", "complete", "changed 1"}));
+    }
 }
 
-// On a real clock, where requests of one turn are on their way together.
-TEST_F(RedisStoreTest, WritesOfOneTurnKeepTheirOrderAndTheirOwnResults)
+TEST_F(RedisSessionTest, WritesOfOneTurnKeepTheirOrderAndTheirOwnResults)
 {
-    const auto store = make("sw1:");
-    host::UvLoop loop;
-    Returns events;
-    const auto session = store->open(loop, events, "session");
-    ASSERT_EQ(session->connect_now(4), 0);
+    const auto session = open(real_loop_, events_);
     cli({"HSET", "sw1:#state", "count", std::to_string(database_object_count_max - 2)});
     const auto note = [&](const std::string &what) {
-        return [&events, what](int result) { events.told.push_back(what + " " + std::to_string(result)); };
+        return [this, what](int result) { events_.told.push_back(what + " " + std::to_string(result)); };
     };
-    const auto write = [&](const char *key, Owner owner) {
-        EXPECT_EQ(session->write({4, "t.x", key}, {"v", {}}, WriteMode::replace, owner, note(key)), 0);
-    };
-    loop.post([&] {
+    real_loop_.post([&] {
         EXPECT_EQ(session->watch(4, "t.x", {}), 0);
-        write("1", {});
-        write("2", {});
-        write("1", {});
-        write("3", {}); // there is room for two
-        write("2", {});
-        write("2", 7);
+        for (const char *key : {"1", "2", "1", "3", "2"}) { // there is room for two
+            write(*session, key, {}, note(key));
+        }
+        write(*session, "2", 7, note("2"));
         EXPECT_EQ(session->remove({4, "t.x", "1"}, {}, note("removed")), 0);
-        write("3", {});
-        EXPECT_EQ(session->watch(4, "t.x", [&](int) { loop.stop(); }), 0);
+        write(*session, "3", {}, note("3"));
+        EXPECT_EQ(session->watch(4, "t.x", [&](int) { real_loop_.stop(); }), 0);
     });
-    loop.run();
-    EXPECT_EQ(events.told, (Lines{"changed 1", "1 0", "changed 2", "2 0", "changed 1", "1 0", "3 -6", "changed 2",
-                                  "2 0", "changed 2", "2 0", "changed 1", "removed 0", "changed 3", "3 0"}));
+    real_loop_.run();
+    EXPECT_EQ(events_.told, (Lines{"changed 1", "1 0", "changed 2", "2 0", "changed 1", "1 0", "3 -6", "changed 2",
+                                   "2 0", "changed 2", "2 0", "changed 1", "removed 0", "changed 3", "3 0"}));
     EXPECT_EQ(cli({"HGET", "sw1:#state", "count"}), std::to_string(database_object_count_max) + "\n");
 }
 
-TEST_F(RedisStoreTest, AScanThatFindsNothingChangedSharesTheOneBefore)
+TEST_F(RedisSessionTest, AScanThatFindsNothingChangedSharesTheOneBefore)
 {
-    const auto store = make("sw1:");
-    host::UvLoop loop;
-    Returns events;
-    const auto session = store->open(loop, events, "session");
-    ASSERT_EQ(session->connect_now(4), 0);
+    const auto session = open(real_loop_, events_);
     std::vector<Snapshot> seen;
     const Listed listed = [&](int, const Snapshot &snapshot) {
         seen.push_back(snapshot);
         if (seen.size() == 2) {
-            session->write({4, "t.x", "2"}, {"v", {}}, WriteMode::replace, {}, {});
-            session->scan(4, "t.x", [&](int, const Snapshot &later) {
-                seen.push_back(later);
-                loop.stop();
-            });
+            write(*session, "2");
+            session->scan(4, "t.x", listed);
+        } else if (seen.size() == 3) {
+            real_loop_.stop();
         }
     };
-    loop.post([&] {
-        session->write({4, "t.x", "1"}, {"v", {}}, WriteMode::replace, {}, {});
+    real_loop_.post([&] {
+        write(*session, "1");
         session->scan(4, "t.x", listed);
         session->scan(4, "t.x", listed);
     });
-    loop.run();
+    real_loop_.run();
     ASSERT_EQ(seen.size(), 3u);
     EXPECT_EQ(seen[0], seen[1]);
     EXPECT_EQ(seen[1]->size(), 1u);
@@ -239,36 +224,32 @@ TEST_F(RedisStoreTest, AScanThatFindsNothingChangedSharesTheOneBefore)
 
 TEST(RedisAddress, AcceptsThreeFormsAndNamesWhatItRefuses)
 {
-    struct {
-        const char *text;
-        const char *read; // endpoints, and the group
-    } const cases[] = {
-        {"redis://10.0.0.1", "10.0.0.1:6379"},
-        {"redis://[::1]:7000", "::1:7000"},
-        {"unix:/run/s", "/run/s"},
-        {"unix:///run/s", "/run/s"},
-        {"sentinel://a:1,b/sw", "a:1 b:26379 sw"},
-        {"redis://", nullptr},
-        {"redis://h:0", nullptr},
-        {"redis://h:65536", nullptr},
-        {"redis://user:secret@h", nullptr},
-        {"unix:", nullptr},
-        {"sentinel://a:1", nullptr},
-        {"sentinel://a:1/", nullptr},
-        {"http://h", nullptr},
-    };
-    for (const auto &row : cases) {
+    // What is read are endpoints, and the group.
+    const std::pair<const char *, const char *> cases[] = {{"redis://10.0.0.1", "10.0.0.1:6379"},
+                                                           {"redis://[::1]:7000", "::1:7000"},
+                                                           {"unix:/run/s", "/run/s"},
+                                                           {"unix:///run/s", "/run/s"},
+                                                           {"sentinel://a:1,b/sw", "a:1 b:26379 sw"},
+                                                           {"redis://", nullptr},
+                                                           {"redis://h:0", nullptr},
+                                                           {"redis://h:65536", nullptr},
+                                                           {"redis://user:secret@h", nullptr},
+                                                           {"unix:", nullptr},
+                                                           {"sentinel://a:1", nullptr},
+                                                           {"sentinel://a:1/", nullptr},
+                                                           {"http://h", nullptr}};
+    for (const auto &[text, expected] : cases) {
         RedisAddress address;
         std::string why;
         std::string read;
-        const bool good = parse_redis_address(row.text, address, why);
+        const bool good = parse_redis_address(text, address, why);
         for (const RedisEndpoint &endpoint : address.endpoints) {
             read += (read.empty() ? "" : " ") + endpoint.text();
         }
         read += address.group.empty() ? "" : " " + address.group;
-        EXPECT_EQ(good, row.read != nullptr) << row.text;
-        EXPECT_EQ(read, row.read != nullptr ? row.read : "") << row.text;
-        EXPECT_EQ(why.empty(), good) << row.text;
+        EXPECT_EQ(good, expected != nullptr) << text;
+        EXPECT_EQ(read, expected != nullptr ? expected : "") << text;
+        EXPECT_EQ(why.empty(), good) << text;
     }
 }
 
