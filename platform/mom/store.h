@@ -38,7 +38,7 @@ constexpr size_t object_size_max = TQ_MOM_OBJECT_SIZE_MAX; // bytes of an object
 using FieldMap = std::map<uint32_t, std::string>;
 
 // Names one object, or with an empty key a keyless one. The key is the text of
-// keys.h, so "TYPE:KEY" is readable to whoever looks into a store.
+// keys.h, so that "TYPE:KEY" in a store is readable.
 struct Name {
     uint32_t db = 0;
     std::string type; // full name, "p_bridge.vvlan_port_cfg"

@@ -275,7 +275,7 @@ void RedisLink::hand_on_later()
     }
 }
 
-// Whoever is told may destroy the link.
+// Each of those that are called may destroy the link.
 void RedisLink::hand_on()
 {
     const std::weak_ptr<bool> still = alive_;

@@ -138,7 +138,7 @@ int RedisLink::write(const std::string &type, const std::string &owner, std::str
     const bool is_first = writes_.empty();
     writes_.add(type, owner, key, value, next_request() - 1);
     if (!loop_.has_real_clock()) {
-        send_writes(); // whoever waits for answers on a virtual clock waits for this one too
+        send_writes(); // on a virtual clock the loop waits for all answers, this one too
     } else if (is_first) {
         post([this] { send_writes(); });
     }
