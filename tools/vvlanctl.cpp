@@ -3,24 +3,22 @@
 //
 // Every line is checked before the first one is written, and the program ends
 // well only when the store has answered for each of them.
-#include "platform/host/run.h"
+#include "platform/base/exit.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/redis/store_redis.h"
-#include "platform/operator/command.h"
 #include "platform/operator/operator.h"
+#include "platform/operator/script.h"
 
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
-#include <fstream>
-#include <iostream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 using namespace vvl;
-using namespace vvl::host;
 
 namespace
 {
@@ -28,62 +26,10 @@ namespace
 constexpr uint64_t answer_limit_us = 5'000'000; // for the store's answers to all lines
 constexpr uint32_t db_config = 4;
 
-struct Line {
-    std::string where; // "FILE:LINE" or the line itself
-    Command command;
-};
-
-int fail(int code, const std::string &why)
-{
-    std::fprintf(stderr, "vvlanctl: %s\n", why.c_str());
-    return code;
-}
-
-Grammar operator_grammar()
-{
-    Grammar grammar;
-    grammar.rows.assign(operator_commands().begin(), operator_commands().end());
-    grammar.types.assign(operator_types().begin(), operator_types().end());
-    return grammar; // without ports: any number is one
-}
-
-bool read_line(const Grammar &grammar, const std::string &where, const std::string &text, std::vector<Line> &lines,
-               std::string &why)
-{
-    Line line{where, {}};
-    std::string reason;
-    if (!parse_command(grammar, text, line.command, reason)) {
-        why = where + ": " + reason;
-        return false;
-    }
-    if (line.command.row != nullptr) {
-        lines.push_back(std::move(line));
-    }
-    return true;
-}
-
-bool read_file(const Grammar &grammar, const std::string &file, std::vector<Line> &lines, std::string &why)
-{
-    std::ifstream stream;
-    if (file != "-") {
-        stream.open(file);
-        if (!stream) {
-            why = file + ": cannot be opened";
-            return false;
-        }
-    }
-    std::istream &input = file == "-" ? std::cin : stream;
-    std::string text;
-    for (unsigned number = 1; std::getline(input, text); number++) {
-        if (!read_line(grammar, file + ":" + std::to_string(number), text, lines, why)) {
-            return false;
-        }
-    }
-    return true;
-}
+constexpr const char *program = "vvlanctl";
 
 // Runs the loop until the store has answered for every line, or the limit.
-void wait_for_answers(UvLoop &loop, const Operator &op)
+void wait_for_answers(host::UvLoop &loop, const oper::Operator &op)
 {
     bool late = false;
     loop.add_timer(answer_limit_us, [&late] { late = true; });
@@ -98,26 +44,19 @@ void wait_for_answers(UvLoop &loop, const Operator &op)
     loop.run();
 }
 
-int write_lines(mom::Store &store, const std::vector<Line> &lines)
+int write_lines(mom::Store &store, const oper::Script &lines)
 {
-    UvLoop loop;
-    Operator op(store, loop);
+    host::UvLoop loop;
+    oper::Operator op(store, loop);
     std::string why;
-    if (!op.connect(why)) {
-        return fail(exit_failed, why);
-    }
-    CommandContext context;
-    context.op = &op;
-    for (const Line &line : lines) {
-        if (!line.command.row->run(context, line.command.args, why)) {
-            return fail(exit_failed, line.where + ": " + why);
-        }
+    if (!op.connect(why) || !lines.run(op, why)) {
+        return fail(program, exit_failed, why);
     }
     wait_for_answers(loop, op);
     if (op.unanswered() != 0 || op.refused() != 0) {
-        return fail(exit_failed, "of " + std::to_string(lines.size()) + " lines the store refused " +
-                                     std::to_string(op.refused()) + " and left " + std::to_string(op.unanswered()) +
-                                     " unanswered");
+        return fail(program, exit_failed,
+                    "of " + std::to_string(lines.size()) + " lines the store refused " + std::to_string(op.refused()) +
+                        " and left " + std::to_string(op.unanswered()) + " unanswered");
     }
     return exit_good;
 }
@@ -168,13 +107,13 @@ int show(mom::Store &store)
                                                                   {db_config, "p_bridge.vvlan_oui_cfg"},
                                                                   {db_config, "p_bridge.vvlan_port_cfg"},
                                                                   {db_config, "p_bridge.vvlan_port_auto"}};
-    UvLoop loop;
+    host::UvLoop loop;
     NoEvents events;
     const auto session = store.open(loop, events, "vvlanctl");
     for (const auto &[db, type] : shown) {
         std::vector<mom::Object> objects;
         if (session->connect_now(db) != 0 || session->scan_now(db, type, objects) != 0) {
-            return fail(exit_failed, "database " + std::to_string(db) + ": the store cannot be reached");
+            return fail(program, exit_failed, "database " + std::to_string(db) + ": the store cannot be reached");
         }
         for (const mom::Object &object : objects) {
             print_object(type, object);
@@ -204,20 +143,19 @@ int main(int argc, char **argv)
     app.add_subcommand("help-lines", "List the operator's lines");
     CLI11_PARSE(app, argc, argv);
 
-    const Grammar grammar = operator_grammar();
     if (app.got_subcommand("help-lines")) {
-        std::fputs(command_help(grammar).c_str(), stdout);
+        std::fputs(oper::command_help(oper::operator_grammar()).c_str(), stdout);
         return exit_good;
     }
     std::string why;
-    std::vector<Line> lines;
+    oper::Script lines;
     const std::string text = CLI::detail::join(words, " ");
-    if ((*set && !read_line(grammar, text, text, lines, why)) || (*load && !read_file(grammar, file, lines, why))) {
-        return fail(exit_refused, why);
+    if ((*set && !lines.add(text, text, why)) || (*load && !lines.read(file, why))) {
+        return fail(program, exit_refused, why);
     }
     const auto store = mom::make_redis_store(options, why);
     if (store == nullptr) {
-        return fail(exit_refused, why);
+        return fail(program, exit_refused, why);
     }
     return app.got_subcommand("show") ? show(*store) : write_lines(*store, lines);
 }

@@ -1,5 +1,6 @@
 // vvland's command line. Each subcommand is one call; what it prints and
 // returns is its own.
+#include "platform/base/exit.h"
 #include "platform/host/agent.h"
 #include "platform/host/plane_commands.h"
 #include "platform/host/run.h"
@@ -12,6 +13,7 @@
 #include <memory>
 #include <string>
 
+using namespace vvl;
 using namespace vvl::host;
 
 namespace
@@ -69,34 +71,34 @@ void add_plane_command(CLI::App &app, int &code, const char *name, const char *h
 
 void add_sim(CLI::App &app, int &code)
 {
-    static const std::map<std::string, SimColor> colors = {
-        {"auto", SimColor::automatic}, {"always", SimColor::always}, {"never", SimColor::never}};
+    static const std::map<std::string, sim::SimColor> colors = {
+        {"auto", sim::SimColor::automatic}, {"always", sim::SimColor::always}, {"never", sim::SimColor::never}};
     auto color = std::make_shared<std::string>("auto");
-    auto options = std::make_shared<SimOptions>();
+    auto options = std::make_shared<sim::SimOptions>();
     auto help_commands = std::make_shared<bool>(false);
-    auto redis = std::make_shared<vvl::mom::RedisOptions>();
+    auto redis = std::make_shared<mom::RedisOptions>();
     options->module = default_module_path();
 
-    CLI::App *sim = app.add_subcommand("sim", "Play a scenario against a switch on a virtual clock");
-    sim->add_option("FILE", options->scenario, "Scenario file");
-    sim->add_option("--out", options->capture_out, "Write the frames that leave to this capture");
-    sim->add_option("--module", options->module, "Module to load")->capture_default_str();
-    sim->add_option("--color", *color, "Colour the output; auto: on a terminal")
+    CLI::App *command = app.add_subcommand("sim", "Play a scenario against a switch on a virtual clock");
+    command->add_option("FILE", options->scenario, "Scenario file");
+    command->add_option("--out", options->capture_out, "Write the frames that leave to this capture");
+    command->add_option("--module", options->module, "Module to load")->capture_default_str();
+    command->add_option("--color", *color, "Colour the output; auto: on a terminal")
         ->check(CLI::IsMember({"auto", "always", "never"}))
         ->capture_default_str();
-    add_store_options(*sim, redis->address, redis->prefix, redis->credentials);
-    sim->add_flag("--help-commands", *help_commands, "List the commands of a scenario");
-    sim->callback([options, color, help_commands, redis, &code] {
+    add_store_options(*command, redis->address, redis->prefix, redis->credentials);
+    command->add_flag("--help-commands", *help_commands, "List the commands of a scenario");
+    command->callback([options, color, help_commands, redis, &code] {
         if (*help_commands) {
-            print_sim_commands();
+            sim::print_sim_commands();
         } else if (options->scenario.empty()) {
             throw CLI::RequiredError("FILE");
         } else {
             options->color = colors.at(*color);
             if (!redis->address.empty() && redis->address != "local") {
-                options->make_store = [redis](std::string &why) { return vvl::mom::make_redis_store(*redis, why); };
+                options->make_store = [redis](std::string &why) { return mom::make_redis_store(*redis, why); };
             }
-            code = run_sim(*options);
+            code = sim::run_sim(*options);
         }
     });
 }

@@ -5,7 +5,7 @@
 #include <charconv>
 #include <limits>
 
-namespace vvl::host
+namespace vvl
 {
 
 bool parse_integer(std::string_view text, int64_t min, int64_t max, int64_t &value)
@@ -30,4 +30,4 @@ bool parse_integer(std::string_view text, int64_t min, int64_t max, int64_t &val
     return true;
 }
 
-} // namespace vvl::host
+} // namespace vvl

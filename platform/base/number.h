@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace vvl::host
+namespace vvl
 {
 
 // Reads a decimal number, or a hexadecimal one after 0x, with an optional '-'
@@ -12,4 +12,4 @@ namespace vvl::host
 // max. Returns false and leaves value alone otherwise.
 bool parse_integer(std::string_view text, int64_t min, int64_t max, int64_t &value);
 
-} // namespace vvl::host
+} // namespace vvl

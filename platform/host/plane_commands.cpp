@@ -2,8 +2,8 @@
 // where the plane could not be opened.
 #include "platform/host/plane_commands.h"
 
+#include "platform/base/exit.h"
 #include "platform/host/plane_choice.h"
-#include "platform/host/run.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -13,11 +13,7 @@ namespace vvl::host
 namespace
 {
 
-int fail(int code, const std::string &why)
-{
-    std::fprintf(stderr, "vvland: %s\n", why.c_str());
-    return code;
-}
+constexpr const char *program = "vvland";
 
 bool find_plane(const PlaneCommandOptions &options, fp::EbpfOptions &plane, std::string &why)
 {
@@ -52,14 +48,14 @@ int report_of(const PlaneCommandOptions &options, Report *make_report, const cha
     std::vector<std::string> report;
     std::string why;
     if (!find_plane(options, plane, why)) {
-        return fail(exit_refused, why);
+        return fail(program, exit_refused, why);
     }
     const bool good = make_report(plane, report, why);
     for (const std::string &line : report) {
         std::printf("%s\n", line.c_str());
     }
     if (!good) {
-        return fail(exit_failed, why);
+        return fail(program, exit_failed, why);
     }
     if (report.empty()) {
         std::printf("%s\n", words_for_none);
@@ -75,7 +71,7 @@ int check_plane(const PlaneCommandOptions &options)
     std::vector<fp::EbpfFeature> features;
     std::string why;
     if (!find_plane(options, plane, why)) {
-        return fail(exit_refused, why);
+        return fail(program, exit_refused, why);
     }
     if (!list_ebpf_features(plane, features, why)) {
         std::printf("--fp ebpf cannot run here: %s\n", why.c_str());

@@ -4,12 +4,14 @@
 // starts it again.
 #include "platform/host/run.h"
 
+#include "platform/base/exit.h"
 #include "platform/host/logging.h"
 #include "platform/host/plane_choice.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/local/store_local.h"
 #include "platform/mom/redis/store_redis.h"
-#include "platform/operator/startup.h"
+#include "platform/operator/operator.h"
+#include "platform/operator/script.h"
 
 #include <csignal>
 #include <cstdio>
@@ -20,11 +22,7 @@ namespace vvl::host
 namespace
 {
 
-int fail(int code, const std::string &why)
-{
-    std::fprintf(stderr, "vvland: %s\n", why.c_str());
-    return code;
-}
+constexpr const char *program = "vvland";
 
 bool stop_on_signals(UvLoop &loop, std::string &why)
 {
@@ -37,17 +35,22 @@ bool stop_on_signals(UvLoop &loop, std::string &why)
     return true;
 }
 
-// Reads the configuration and the start-up file that it names.
-bool read_input(const std::string &config_file, HostConfig &config, Startup &startup, std::string &why)
+// Reads the configuration and the start-up file that it names. Null with the
+// reason in why where one of them is wrong.
+std::unique_ptr<oper::Script> read_input(const std::string &config_file, HostConfig &config, std::string &why)
 {
     if (!read_config(config_file, config, why)) {
-        return false;
+        return nullptr;
     }
     std::vector<uint32_t> ports;
     for (const SwitchPort &port : config.network.ports) {
         ports.push_back(port.ifx);
     }
-    return config.startup.empty() || startup.read(config.startup, ports, why);
+    auto startup = std::make_unique<oper::Script>(std::move(ports));
+    if (!config.startup.empty() && !startup->read(config.startup, why)) {
+        return nullptr;
+    }
+    return startup;
 }
 
 bool take_plane_options(const RunOptions &options, HostConfig &config, std::string &why)
@@ -91,7 +94,7 @@ bool take_options(const RunOptions &options, HostConfig &config, std::string &wh
 }
 
 // Runs until it is told to stop; false where it could not start.
-bool run_switch(const HostConfig &config, const Startup &startup, std::string &why)
+bool run_switch(const HostConfig &config, const oper::Script &startup, std::string &why)
 {
     UvLoop loop;
     auto store = make_store(config, why);
@@ -112,8 +115,8 @@ bool run_switch(const HostConfig &config, const Startup &startup, std::string &w
     if (!stop_on_signals(loop, why) || !target.start(why)) {
         return false;
     }
-    const auto client = startup.run(target.store(), loop, why);
-    if (client == nullptr) {
+    oper::Operator writer(target.store(), loop); // as long as its writes are under way
+    if (!writer.connect(why) || !startup.run(writer, why)) {
         return false;
     }
     log_line(LogLevel::info, "running, " + std::to_string(config.network.ports.size()) + " ports");
@@ -133,17 +136,17 @@ std::unique_ptr<mom::Store> make_store(const HostConfig &config, std::string &wh
 int run_daemon(const RunOptions &options)
 {
     HostConfig config;
-    Startup startup;
     std::string why;
-    if (!read_input(options.config_file, config, startup, why) || !take_options(options, config, why)) {
-        return fail(exit_refused, why);
+    const auto startup = read_input(options.config_file, config, why);
+    if (startup == nullptr || !take_options(options, config, why)) {
+        return fail(program, exit_refused, why);
     }
     const auto logging = Logging::open({config.log_level, config.log_file, journal_is_listening()}, why);
     if (logging == nullptr) {
-        return fail(exit_failed, why);
+        return fail(program, exit_failed, why);
     }
     try {
-        if (!run_switch(config, startup, why)) {
+        if (!run_switch(config, *startup, why)) {
             log_line(LogLevel::error, why);
             return exit_failed;
         }
@@ -158,10 +161,9 @@ int run_daemon(const RunOptions &options)
 int check_config(const std::string &config_file)
 {
     HostConfig config;
-    Startup startup;
     std::string why;
-    if (!read_input(config_file, config, startup, why)) {
-        return fail(exit_refused, why);
+    if (read_input(config_file, config, why) == nullptr) {
+        return fail(program, exit_refused, why);
     }
     std::printf("%s: good, %zu ports\n", config_file.c_str(), config.network.ports.size());
     return exit_good;

@@ -8,11 +8,6 @@
 namespace vvl::host
 {
 
-// Exit codes of the commands.
-constexpr int exit_good = 0;
-constexpr int exit_failed = 1;  // what was asked for could not be done
-constexpr int exit_refused = 2; // the input was wrong, and nothing was done
-
 // What a command line says over the configuration file; empty: nothing.
 struct RunOptions {
     std::string config_file;

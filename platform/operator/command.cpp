@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-namespace vvl::host
+namespace vvl::oper
 {
 namespace
 {
@@ -296,4 +296,4 @@ std::string command_help(const Grammar &grammar)
     return text;
 }
 
-} // namespace vvl::host
+} // namespace vvl::oper

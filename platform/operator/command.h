@@ -15,12 +15,16 @@
 #include <string_view>
 #include <vector>
 
-namespace vvl::host
+namespace vvl::sim
+{
+class Simulation;
+struct Scenario;
+} // namespace vvl::sim
+
+namespace vvl::oper
 {
 
 class Operator;
-class Simulation;
-struct Scenario;
 
 constexpr size_t command_line_size_max = 1024; // bytes; a longer line is refused
 
@@ -50,9 +54,9 @@ class Arguments
 
 // What a command acts on; a row's run uses what it needs of it.
 struct CommandContext {
-    Operator *op = nullptr;       // rows of operator_commands()
-    Simulation *sim = nullptr;    // rows of sim_commands()
-    Scenario *scenario = nullptr; // declarations, run while the file is read
+    Operator *op = nullptr;            // rows of operator_commands()
+    sim::Simulation *sim = nullptr;    // rows of sim_commands()
+    sim::Scenario *scenario = nullptr; // declarations, run while the file is read
 };
 
 struct CommandRow {
@@ -115,4 +119,4 @@ bool parse_command(const Grammar &grammar, std::string_view line, Command &comma
 // The commands and the types that they use, as text for a terminal.
 std::string command_help(const Grammar &grammar);
 
-} // namespace vvl::host
+} // namespace vvl::oper

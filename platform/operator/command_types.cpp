@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <bit>
 
-namespace vvl::host
+namespace vvl::oper
 {
 namespace
 {
@@ -157,4 +157,4 @@ bool read_word(const ArgumentType &type, const Grammar &, const std::string &tex
     return false;
 }
 
-} // namespace vvl::host
+} // namespace vvl::oper

@@ -5,7 +5,7 @@
 
 #include "p_bridge.pb-c.h"
 
-namespace vvl::host
+namespace vvl::oper
 {
 namespace
 {
@@ -243,4 +243,9 @@ std::span<const ArgumentType> operator_types()
     return types;
 }
 
-} // namespace vvl::host
+Grammar operator_grammar(std::vector<uint32_t> ports)
+{
+    return {{std::begin(rows), std::end(rows)}, {std::begin(types), std::end(types)}, std::move(ports)};
+}
+
+} // namespace vvl::oper

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-namespace vvl::host
+namespace vvl::oper
 {
 
 class Operator
@@ -63,5 +63,7 @@ class Operator
 // The rows that need CommandContext::op, and the types that they use.
 std::span<const CommandRow> operator_commands();
 std::span<const ArgumentType> operator_types();
+// Both as a grammar. ports: what a PORT may be; empty: any number.
+Grammar operator_grammar(std::vector<uint32_t> ports = {});
 
-} // namespace vvl::host
+} // namespace vvl::oper

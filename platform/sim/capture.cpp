@@ -7,7 +7,7 @@
 #include <cstring>
 #include <pcap/pcap.h>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
@@ -158,4 +158,4 @@ bool CaptureWriter::close(std::string &why)
     return written;
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace vvl::host
+namespace vvl::sim
 {
 
 constexpr size_t capture_frame_size_max = 65'535;      // bytes of one frame
@@ -46,4 +46,4 @@ class CaptureWriter
     std::unique_ptr<Impl> impl_;
 };
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -5,8 +5,11 @@
 
 #include "p_bridge.pb-c.h"
 
-namespace vvl::host
+namespace vvl::sim
 {
+
+using namespace oper;
+
 namespace
 {
 
@@ -51,7 +54,7 @@ std::string acls_text(uint8_t acls)
 
 bool expect_bound(CommandContext &context, const Arguments &args, std::string &why)
 {
-    Switch &network_switch = context.sim->network_switch();
+    host::Switch &network_switch = context.sim->network_switch();
     const Argument &port = args["PORT"];
     uint8_t wanted = 0;
     for (const Argument &argument : args.list()) {
@@ -210,4 +213,4 @@ std::span<const ArgumentType> expect_types()
     return types;
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

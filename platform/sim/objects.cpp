@@ -4,7 +4,7 @@
 #include "platform/mom/keys.h"
 #include "platform/operator/command.h"
 
-namespace vvl::host
+namespace vvl::sim
 {
 
 const char *const named_type_words =
@@ -48,7 +48,7 @@ mom::MessagePtr make_keyed(const NamedType &type, const std::string &key)
     if (!type.key_is_oui) {
         return mom::decode_key(object, key);
     }
-    return parse_oui(key, mac, mask, why) ? mom::decode_key(object, to_text(mac) + "/" + to_text(mask)) : nullptr;
+    return oper::parse_oui(key, mac, mask, why) ? mom::decode_key(object, to_text(mac) + "/" + to_text(mask)) : nullptr;
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace vvl::host
+namespace vvl::sim
 {
 
 struct NamedType {
@@ -26,4 +26,4 @@ extern const char *const named_type_words;
 // key of the type.
 mom::MessagePtr make_keyed(const NamedType &type, const std::string &key);
 
-} // namespace vvl::host
+} // namespace vvl::sim

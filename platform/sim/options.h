@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace vvl::host
+namespace vvl::sim
 {
 
 enum class SimColor { automatic, always, never }; // automatic: where standard output is a terminal
@@ -21,4 +21,4 @@ struct SimOptions {
     std::function<std::unique_ptr<mom::Store>(std::string &why)> make_store = {};
 };
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
@@ -19,7 +19,7 @@ constexpr const char *table_commands[] = {
     "dump_glbal_configure", "dump_all_oui", "dump_all_port", "dump_all_mac", "dump_recover_entry",
 };
 
-SwitchConfig config_of(const Scenario &scenario, const SimOptions &options)
+host::SwitchConfig config_of(const Scenario &scenario, const SimOptions &options)
 {
     return {options.module, scenario.ports()};
 }
@@ -83,7 +83,7 @@ bool Simulation::start(std::string &why)
 
 bool Simulation::run_steps(std::string &why)
 {
-    CommandContext context{&operator_, this, nullptr};
+    oper::CommandContext context{&operator_, this, nullptr};
     for (const ScenarioStep &step : scenario_.steps) {
         std::string reason;
         timeline_.add(LineKind::command, step.text);
@@ -248,4 +248,4 @@ void Simulation::print_counts()
                     item(total.dropped, "dropped"));
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

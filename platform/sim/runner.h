@@ -20,7 +20,7 @@
 #include <set>
 #include <string>
 
-namespace vvl::host
+namespace vvl::sim
 {
 
 class Simulation
@@ -51,7 +51,7 @@ class Simulation
     bool debug(const std::string &name, const std::string &argument, std::string &why);
     void show_tables();
 
-    Switch &network_switch() { return switch_; }
+    host::Switch &network_switch() { return switch_; }
     fp::SoftPlane &plane() { return static_cast<fp::SoftPlane &>(switch_.plane()); }
     Observer &observer() { return observer_; }
 
@@ -78,8 +78,8 @@ class Simulation
     VirtualLoop loop_;
     Timeline timeline_;
     CaptureWriter writer_;
-    Switch switch_;
-    Operator operator_;
+    host::Switch switch_;
+    oper::Operator operator_;
     Observer observer_;
     std::list<Playback> playbacks_;
     std::set<uint32_t> trapped_; // ports that have had their first trapped frame
@@ -88,12 +88,12 @@ class Simulation
 
 // The rows that need CommandContext::sim: the simulator's own, and the
 // expectations. Their types stand beside them.
-std::span<const CommandRow> sim_commands();
-std::span<const ArgumentType> sim_types();
-std::span<const CommandRow> expect_commands();
-std::span<const ArgumentType> expect_types();
+std::span<const oper::CommandRow> sim_commands();
+std::span<const oper::ArgumentType> sim_types();
+std::span<const oper::CommandRow> expect_commands();
+std::span<const oper::ArgumentType> expect_types();
 
 // Everything that a scenario may hold.
-Grammar scenario_grammar();
+oper::Grammar scenario_grammar();
 
-} // namespace vvl::host
+} // namespace vvl::sim

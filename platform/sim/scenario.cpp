@@ -2,10 +2,13 @@
 // a later line is right.
 #include "platform/sim/scenario.h"
 
-#include <fstream>
+#include "platform/operator/script.h"
 
-namespace vvl::host
+namespace vvl::sim
 {
+
+using namespace oper;
+
 namespace
 {
 
@@ -35,7 +38,7 @@ bool accept(CommandContext &context, const Scenario &changed, std::string &why)
         return false;
     }
     std::map<uint32_t, uint32_t> owner;
-    for (const SwitchPort &port : ports) {
+    for (const host::SwitchPort &port : ports) {
         auto [entry, added] = owner.emplace(port.phyid, port.ifx);
         if (!added) {
             why = "ports " + std::to_string(entry->second) + " and " + std::to_string(port.ifx) +
@@ -114,7 +117,7 @@ bool add_line(const std::string &line, size_t number, Grammar &grammar, Scenario
         return false;
     }
     grammar.ports.clear();
-    for (const SwitchPort &port : scenario.ports()) {
+    for (const host::SwitchPort &port : scenario.ports()) {
         grammar.ports.push_back(port.ifx);
     }
     return true;
@@ -122,13 +125,13 @@ bool add_line(const std::string &line, size_t number, Grammar &grammar, Scenario
 
 } // namespace
 
-std::vector<SwitchPort> Scenario::ports() const
+std::vector<host::SwitchPort> Scenario::ports() const
 {
-    std::map<uint32_t, SwitchPort> all;
+    std::map<uint32_t, host::SwitchPort> all;
     auto add = [&](uint32_t ifx, bool uplink) {
         const auto mapped = phyids.find(ifx);
         const uint32_t phyid = mapped != phyids.end() ? mapped->second : default_phyid_base + ifx;
-        all[ifx] = SwitchPort{ifx, phyid, 1, uplink};
+        all[ifx] = host::SwitchPort{ifx, phyid, 1, uplink};
     };
     if (access.empty()) {
         for (uint32_t ifx = 1; ifx <= default_access_count; ifx++) {
@@ -141,7 +144,7 @@ std::vector<SwitchPort> Scenario::ports() const
     for (uint32_t ifx : uplinks.empty() ? std::set{default_uplink} : uplinks) {
         add(ifx, true);
     }
-    std::vector<SwitchPort> list;
+    std::vector<host::SwitchPort> list;
     list.reserve(all.size());
     for (const auto &[ifx, port] : all) {
         list.push_back(port);
@@ -161,37 +164,25 @@ std::span<const ArgumentType> declaration_types()
 
 bool read_scenario(const std::string &path, Grammar &grammar, Scenario &scenario, std::string &why)
 {
-    std::ifstream file(path);
-    if (!file) {
-        why = path + ": cannot be opened";
-        return false;
-    }
     Scenario read;
     read.path = path;
-    for (const SwitchPort &port : read.ports()) {
+    for (const host::SwitchPort &port : read.ports()) {
         grammar.ports.push_back(port.ifx);
     }
-    std::string line;
-    size_t number = 0;
-    while (std::getline(file, line)) {
-        number++;
-        std::string reason;
-        if (number > scenario_line_count_max) {
-            why = path + ": more than " + std::to_string(scenario_line_count_max) + " lines";
-            return false;
-        }
-        if (!add_line(line, number, grammar, read, reason)) {
-            why = path;
-            why.append(":").append(std::to_string(number)).append(": ").append(reason);
-            return false;
-        }
+    bool is_empty = true;
+    auto take = [&](unsigned number, const std::string &line, std::string &reason) {
+        is_empty = false;
+        return add_line(line, number, grammar, read, reason);
+    };
+    if (!for_each_line(path, take, why)) {
+        return false;
     }
-    if (file.bad() || number == 0) {
-        why = path + ": " + (file.bad() ? "cannot be read" : "is empty");
+    if (is_empty) {
+        why = path + ": is empty";
         return false;
     }
     scenario = std::move(read);
     return true;
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -9,16 +9,15 @@
 #include <string>
 #include <vector>
 
-namespace vvl::host
+namespace vvl::sim
 {
 
-constexpr size_t scenario_line_count_max = 10'000;
 constexpr uint32_t scenario_port_count_max = 1024;
 
 struct ScenarioStep {
     size_t line;      // from 1
     std::string text; // without comment and surplus spaces
-    Command command;
+    oper::Command command;
 };
 
 struct Scenario {
@@ -29,15 +28,15 @@ struct Scenario {
     std::vector<ScenarioStep> steps;
 
     // The ports that the declarations add up to, by ascending ifx.
-    std::vector<SwitchPort> ports() const;
+    std::vector<host::SwitchPort> ports() const;
 };
 
 // The declaration rows (CommandContext::scenario).
-std::span<const CommandRow> declaration_commands();
-std::span<const ArgumentType> declaration_types();
+std::span<const oper::CommandRow> declaration_commands();
+std::span<const oper::ArgumentType> declaration_types();
 
 // Reads the file. grammar holds the rows; its ports are set on the way. On
 // failure why is "FILE:LINE: reason" or, for the whole file, "FILE: reason".
-bool read_scenario(const std::string &path, Grammar &grammar, Scenario &scenario, std::string &why);
+bool read_scenario(const std::string &path, oper::Grammar &grammar, Scenario &scenario, std::string &why);
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -2,6 +2,7 @@
 // what a reader of a timeline wants, runs it, and says how it ended.
 #include "platform/sim/sim.h"
 
+#include "platform/base/exit.h"
 #include "platform/base/log.h"
 #include "platform/host/services.h"
 #include "platform/mom/local/store_local.h"
@@ -10,7 +11,7 @@
 #include <cstdio>
 #include <unistd.h>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
@@ -27,7 +28,8 @@ class QuietLogs
                 std::fprintf(stderr, "%s\n", text.c_str());
             }
         });
-        module_ = set_zlog_sink({[](const ZlogLine &line) {
+        module_ =
+            host::set_zlog_sink({[](const host::ZlogLine &line) {
                                      if (line.level >= TQ_ZLOG_WARN) {
                                          std::fprintf(stderr, "%s: %s\n", line.category.c_str(), line.text.c_str());
                                      }
@@ -37,14 +39,14 @@ class QuietLogs
     ~QuietLogs()
     {
         set_log_sink(std::move(platform_));
-        set_zlog_sink(std::move(module_));
+        host::set_zlog_sink(std::move(module_));
     }
     QuietLogs(const QuietLogs &) = delete;
     QuietLogs &operator=(const QuietLogs &) = delete;
 
   private:
     LogSink platform_;
-    ZlogSink module_;
+    host::ZlogSink module_;
 };
 
 bool use_color(SimColor color)
@@ -56,20 +58,20 @@ bool use_color(SimColor color)
 
 int run_sim(const SimOptions &options)
 {
-    Grammar grammar = scenario_grammar();
+    oper::Grammar grammar = scenario_grammar();
     Scenario scenario;
     std::string why;
-    int status = sim_done;
+    int status = exit_good;
     std::unique_ptr<mom::Store> store = options.make_store ? options.make_store(why) : mom::make_local_store();
     if (store == nullptr || !read_scenario(options.scenario, grammar, scenario, why)) {
-        status = sim_bad_scenario;
+        status = exit_refused;
     } else {
         const QuietLogs quiet;
         Simulation simulation(scenario, options, std::move(store), use_color(options.color));
-        status = simulation.run(why) ? sim_done : sim_failed;
+        status = simulation.run(why) ? exit_good : exit_failed;
     }
     std::fflush(stdout);
-    if (status != sim_done) {
+    if (status != exit_good) {
         std::fprintf(stderr, "%s\n", why.c_str());
     }
     return status;
@@ -77,7 +79,7 @@ int run_sim(const SimOptions &options)
 
 void print_sim_commands()
 {
-    std::fputs(command_help(scenario_grammar()).c_str(), stdout);
+    std::fputs(oper::command_help(scenario_grammar()).c_str(), stdout);
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -8,20 +8,16 @@
 
 #include "platform/sim/options.h"
 
-namespace vvl::host
+namespace vvl::sim
 {
 
-// What run_sim returns, for use as the process's exit status.
-constexpr int sim_done = 0;
-constexpr int sim_failed = 1;       // an expectation, a capture or the start failed
-constexpr int sim_bad_scenario = 2; // the scenario cannot be read; nothing was run
-
 // Plays the scenario. The timeline goes to standard output; a failure is one
-// line on standard error, "FILE:LINE: reason". One at a time in a process,
-// and not beside a Switch.
+// line on standard error, "FILE:LINE: reason". Returns exit_refused for a
+// scenario that cannot be read, exit_failed where an expectation, a capture or
+// the start failed. One at a time in a process, and not beside a Switch.
 int run_sim(const SimOptions &options);
 
 // Prints every command with its arguments, from the table that also parses them.
 void print_sim_commands();
 
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -1,8 +1,11 @@
 // The simulator's own commands, as rows.
 #include "platform/sim/runner.h"
 
-namespace vvl::host
+namespace vvl::sim
 {
+
+using namespace oper;
+
 namespace
 {
 
@@ -113,4 +116,4 @@ Grammar scenario_grammar()
     return grammar;
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

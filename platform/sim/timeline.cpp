@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
@@ -52,7 +52,7 @@ std::string oui_of(const PLibpub__Mac *mac, const PLibpub__Mac *mask)
         }
         std::memcpy(bytes[i].data(), parts[i]->data.data, mac_size);
     }
-    return oui_text(bytes[0], bytes[1]);
+    return oper::oui_text(bytes[0], bytes[1]);
 }
 
 std::string describe_trap(const ProtobufCMessage &object, bool present)
@@ -247,4 +247,4 @@ int Observer::last_error_event()
     return type;
 }
 
-} // namespace vvl::host
+} // namespace vvl::sim

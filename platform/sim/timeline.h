@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace vvl::host
+namespace vvl::sim
 {
 
 enum class LineKind : uint8_t {
@@ -80,4 +80,4 @@ class Observer
     std::vector<Follow> follows_; // not resized after start(): the subscriptions point into it
 };
 
-} // namespace vvl::host
+} // namespace vvl::sim

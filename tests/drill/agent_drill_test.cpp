@@ -84,7 +84,7 @@ struct Surroundings : mom::SessionEvents {
     fp::SoftPlane plane{loop};
     sides::PacketSide packet{*store, loop, plane};
     sides::BridgeSide bridge{*store, loop, plane};
-    host::Operator op{*store, loop};
+    oper::Operator op{*store, loop};
     std::unique_ptr<mom::Session> observer = store->open(loop, *this, "observer");
 };
 

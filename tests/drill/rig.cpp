@@ -105,15 +105,13 @@ std::unique_ptr<mom::Store> redis_store(const std::string &address)
     return store;
 }
 
-bool write_line(host::Operator &op, const std::string &line)
+bool write_line(oper::Operator &op, const std::string &line)
 {
-    static const host::Grammar grammar = {{host::operator_commands().begin(), host::operator_commands().end()},
-                                          {host::operator_types().begin(), host::operator_types().end()},
-                                          {}};
-    host::Command command;
-    host::CommandContext context;
+    static const oper::Grammar grammar = oper::operator_grammar();
+    oper::Command command;
+    oper::CommandContext context;
     std::string why;
-    EXPECT_TRUE(host::parse_command(grammar, line, command, why)) << why;
+    EXPECT_TRUE(oper::parse_command(grammar, line, command, why)) << why;
     context.op = &op;
     return command.row->run(context, command.args, why);
 }
@@ -156,7 +154,7 @@ bool Rig::try_once(const std::string &line)
 {
     std::string why;
     if (operator_ == nullptr) {
-        operator_ = std::make_unique<host::Operator>(switch_.store(), loop_);
+        operator_ = std::make_unique<oper::Operator>(switch_.store(), loop_);
         if (!operator_->connect(why)) {
             operator_.reset();
             return false;

@@ -27,7 +27,7 @@ extern const Lines base_lines;
 std::unique_ptr<mom::Store> redis_store(const std::string &address);
 
 // Asks the store for what the line says. False where the store refuses it.
-bool write_line(host::Operator &op, const std::string &line);
+bool write_line(oper::Operator &op, const std::string &line);
 
 // Runs the loop until done, or for limit_ms. Returns whether it is done.
 bool run_until(host::UvLoop &loop, const std::function<bool()> &done, uint64_t limit_ms = patience_ms);
@@ -73,7 +73,7 @@ class Rig : private mom::SessionEvents
     host::UvLoop loop_;
     host::Switch switch_;
     std::unique_ptr<mom::Session> reader_;
-    std::unique_ptr<host::Operator> operator_; // null until it is needed, and after a loss
+    std::unique_ptr<oper::Operator> operator_; // null until it is needed, and after a loss
     size_t losses_ = 0;
     size_t returns_ = 0;
 };

@@ -21,7 +21,7 @@ constexpr uint64_t silence_us = 26 * 3'600'000'000;
 
 } // namespace
 
-ScenarioRun::ScenarioRun(const host::Scenario &scenario, const host::SimOptions &options, std::function<void()> lift)
+ScenarioRun::ScenarioRun(const sim::Scenario &scenario, const sim::SimOptions &options, std::function<void()> lift)
     : scenario_(scenario), lift_(std::move(lift)), simulation_(scenario, options, mom::make_local_store(), false),
       operator_(simulation_.network_switch().store(), simulation_.network_switch().loop())
 {
@@ -32,7 +32,7 @@ bool ScenarioRun::play(std::string &why)
     if (!operator_.connect(why) || !ensure_started(why)) {
         return false;
     }
-    for (const host::ScenarioStep &step : scenario_.steps) {
+    for (const sim::ScenarioStep &step : scenario_.steps) {
         if (!step.text.starts_with("expect ")) {
             take_step(step);
         }
@@ -44,10 +44,10 @@ bool ScenarioRun::play(std::string &why)
     return ensure_started(why);
 }
 
-void ScenarioRun::take_step(const host::ScenarioStep &step)
+void ScenarioRun::take_step(const sim::ScenarioStep &step)
 {
     std::string refusal; // what a step cannot do for want of a module shows in the end
-    host::CommandContext context{&operator_, &simulation_, nullptr};
+    oper::CommandContext context{&operator_, &simulation_, nullptr};
     step.command.row->run(context, step.command.args, refusal);
     simulation_.wait(0);
     if (step.text == "stop" || step.text == "start") {
@@ -112,7 +112,7 @@ Snapshot ScenarioRun::next_calls()
     std::string why;
     operator_.set_vlan(last_vlan(), true, why);
     simulation_.wait(silence_us);
-    for (const host::ScenarioStep &step : scenario_.steps) {
+    for (const sim::ScenarioStep &step : scenario_.steps) {
         if (step.text.starts_with("play ")) {
             take_step(step);
         }
@@ -124,7 +124,7 @@ Snapshot ScenarioRun::next_calls()
 uint32_t ScenarioRun::last_vlan() const
 {
     uint32_t vlan = 1;
-    for (const host::ScenarioStep &step : scenario_.steps) {
+    for (const sim::ScenarioStep &step : scenario_.steps) {
         if (step.text.starts_with("vlan ")) {
             vlan = static_cast<uint32_t>(step.command.args["VLAN"].number);
         }

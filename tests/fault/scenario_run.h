@@ -20,7 +20,7 @@ class ScenarioRun
 {
   public:
     // scenario and options outlive the run. lift ends the fault; it may be empty.
-    ScenarioRun(const host::Scenario &scenario, const host::SimOptions &options, std::function<void()> lift);
+    ScenarioRun(const sim::Scenario &scenario, const sim::SimOptions &options, std::function<void()> lift);
 
     // Starts the switch and takes every step. False where the switch or the
     // module cannot be started although there is no fault any more.
@@ -38,14 +38,14 @@ class ScenarioRun
   private:
     bool ensure_started(std::string &why);
     bool start(std::string &why);
-    void take_step(const host::ScenarioStep &step);
+    void take_step(const sim::ScenarioStep &step);
     uint32_t last_vlan() const;
     Snapshot settled();
 
-    const host::Scenario &scenario_;
+    const sim::Scenario &scenario_;
     std::function<void()> lift_;
-    host::Simulation simulation_;
-    host::Operator operator_;
+    sim::Simulation simulation_;
+    oper::Operator operator_;
     bool running_ = false; // the switch has been started
     bool stopped_ = false; // the scenario has unloaded the module
 };

@@ -71,7 +71,7 @@ class Torture
     size_t failures() const { return failures_; }
 
   private:
-    bool play_with_faults(const host::Scenario &scenario, const host::SimOptions &sim_options,
+    bool play_with_faults(const sim::Scenario &scenario, const sim::SimOptions &sim_options,
                           const std::vector<Snapshot> &expected);
     bool decide(const Call &call);
     bool enter_child(const std::string &point);
@@ -202,12 +202,12 @@ void conclude(ScenarioRun &run, const std::vector<Snapshot> &expected)
 
 bool Torture::run()
 {
-    host::Grammar grammar = host::scenario_grammar();
-    host::Scenario scenario;
-    const host::SimOptions sim_options{options_.scenario, VVLAN_MODULE_FAULT, "", host::SimColor::never};
+    oper::Grammar grammar = sim::scenario_grammar();
+    sim::Scenario scenario;
+    const sim::SimOptions sim_options{options_.scenario, VVLAN_MODULE_FAULT, "", sim::SimColor::never};
     std::string why;
     std::vector<Snapshot> expected; // by Ending
-    bool played = host::read_scenario(options_.scenario, grammar, scenario, why);
+    bool played = sim::read_scenario(options_.scenario, grammar, scenario, why);
     if (played) {
         ScenarioRun fault_free(scenario, sim_options, [] {});
         played = fault_free.play(why);
@@ -229,7 +229,7 @@ bool Torture::run()
 }
 
 // Returns in the parent, and in each child that is still alive.
-bool Torture::play_with_faults(const host::Scenario &scenario, const host::SimOptions &sim_options,
+bool Torture::play_with_faults(const sim::Scenario &scenario, const sim::SimOptions &sim_options,
                                const std::vector<Snapshot> &expected)
 {
     std::string why;

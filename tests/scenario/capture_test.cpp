@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
@@ -86,4 +86,4 @@ TEST_F(CaptureTest, DamagedOrUnfitFileIsRefusedWithItsReason)
 }
 
 } // namespace
-} // namespace vvl::host
+} // namespace vvl::sim

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
+
+using namespace oper;
 
 Grammar grammar_with_ports()
 {
@@ -143,4 +145,4 @@ TEST_F(GoodLine, CommentsAndQuotesAreUnderstood)
 }
 
 } // namespace
-} // namespace vvl::host
+} // namespace vvl::sim

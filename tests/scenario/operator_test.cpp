@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-namespace vvl::host
+namespace vvl::oper
 {
 namespace
 {
@@ -22,8 +22,6 @@ class OperatorTest : public testing::Test
         EXPECT_TRUE(op.connect(why)) << why;
         mom::attach(&reader, *store, loop, "reader");
         tq_mom_client_connect_sync(&reader, 4);
-        grammar.rows = {operator_commands().begin(), operator_commands().end()};
-        grammar.types = {operator_types().begin(), operator_types().end()};
     }
     ~OperatorTest() override { mom::detach(&reader); }
 
@@ -59,7 +57,7 @@ class OperatorTest : public testing::Test
     std::unique_ptr<mom::Store> store;
     Operator op;
     tq_global_t reader{};
-    Grammar grammar;
+    const Grammar grammar = operator_grammar();
 };
 
 TEST_F(OperatorTest, EachGlobalSettingLeavesTheOthersAlone)
@@ -103,4 +101,4 @@ TEST_F(OperatorTest, OuiIsOneObjectHoweverItsMaskIsWritten)
 }
 
 } // namespace
-} // namespace vvl::host
+} // namespace vvl::oper

@@ -143,7 +143,7 @@ TEST(PlayTest, BadScenarioEndsBeforeAnythingRuns)
     EXPECT_FALSE(fs::exists(player.folder.path("out.pcap")));
     const Outcome missing = player.play(player.folder.path("none.vv"));
     EXPECT_EQ(missing.status, 2);
-    EXPECT_EQ(player.error_line(missing), "none.vv: cannot be opened");
+    EXPECT_EQ(player.error_line(missing), "none.vv: No such file or directory");
 }
 
 TEST(PlayTest, FailedExpectationNamesItsLineAndWhatWasFound)

@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
-namespace vvl::host
+namespace vvl::sim
 {
 namespace
 {
+
+using namespace oper;
 
 class ScenarioFileTest : public testing::Test
 {
@@ -66,4 +68,4 @@ TEST_F(ScenarioFileTest, DeclarationsThatDoNotFitAreRefused)
 }
 
 } // namespace
-} // namespace vvl::host
+} // namespace vvl::sim

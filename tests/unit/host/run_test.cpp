@@ -1,10 +1,13 @@
 // The daemon from its configuration file to its end. The module of these tests
 // sends SIGTERM to the process from its first timer, so a run ends by itself.
 #include "platform/host/run.h"
+
+#include "platform/base/exit.h"
 #include "tests/scenario/temp_folder.h"
 
 #include <gtest/gtest.h>
 
+using namespace vvl;
 using namespace vvl::host;
 
 namespace
@@ -34,10 +37,10 @@ class RunTest : public testing::Test
         return testing::internal::GetCapturedStderr();
     }
 
-    std::string log() const { return vvl::TempFolder::read(file("log")); }
+    std::string log() const { return TempFolder::read(file("log")); }
     std::string file(const std::string &name) const { return folder.path(name); }
 
-    vvl::TempFolder folder;
+    TempFolder folder;
     int code = -1;
 };
 

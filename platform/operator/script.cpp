@@ -1,0 +1,95 @@
+// A script has the operator's part of the scenario grammar, so a line that
+// works in a scenario works here.
+#include "platform/operator/script.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+namespace vvl::oper
+{
+
+bool for_each_line(const std::string &file,
+                   const std::function<bool(unsigned number, const std::string &text, std::string &why)> &take,
+                   std::string &why)
+{
+    std::ifstream stream;
+    const bool is_stdin = file == "-";
+    errno = 0;
+    if (!is_stdin) {
+        stream.open(file);
+    }
+    std::istream &input = is_stdin ? std::cin : stream;
+    std::string text;
+    std::string reason;
+    for (unsigned number = 1; std::getline(input, text); number++) {
+        if (number > file_line_count_max) {
+            reason = "more than " + std::to_string(file_line_count_max) + " lines";
+        } else if (take(number, text, reason)) {
+            continue;
+        }
+        why = file + ":" + std::to_string(number) + ": " + reason;
+        return false;
+    }
+    if (!input.eof()) { // not opened, or not readable, as a folder
+        why = file + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+Script::Script(std::vector<uint32_t> ports) : grammar_(operator_grammar(std::move(ports))) {}
+
+bool Script::take(std::string where, std::string_view text, std::string &reason)
+{
+    Command command;
+    if (!parse_command(grammar_, text, command, reason)) {
+        return false;
+    }
+    if (command.row != nullptr) {
+        lines_.push_back({std::move(where), std::move(command)});
+    }
+    return true;
+}
+
+bool Script::add(const std::string &where, std::string_view text, std::string &why)
+{
+    std::string reason;
+    const bool good = take(where, text, reason);
+    if (!good) {
+        why = where + ": " + reason;
+    }
+    return good;
+}
+
+bool Script::read(const std::string &file, std::string &why)
+{
+    const size_t count_before = lines_.size();
+    const bool good = for_each_line(
+        file,
+        [&](unsigned number, const std::string &text, std::string &reason) {
+            return take(file + ":" + std::to_string(number), text, reason);
+        },
+        why);
+    if (!good) {
+        lines_.resize(count_before);
+    }
+    return good;
+}
+
+bool Script::run(Operator &op, std::string &why) const
+{
+    CommandContext context;
+    context.op = &op;
+    for (const Line &line : lines_) {
+        std::string reason;
+        if (!line.command.row->run(context, line.command.args, reason)) {
+            why = line.where + ": " + reason;
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace vvl::oper
