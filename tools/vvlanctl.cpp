@@ -5,6 +5,7 @@
 // well only when the store has answered for each of them.
 #include "platform/base/exit.h"
 #include "platform/host/uv_loop.h"
+#include "platform/mom/databases.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/redis/store_redis.h"
 #include "platform/operator/operator.h"
@@ -24,8 +25,6 @@ namespace
 {
 
 constexpr uint64_t answer_limit_us = 5'000'000; // for the store's answers to all lines
-constexpr uint32_t db_config = 4;
-
 constexpr const char *program = "vvlanctl";
 
 // Runs the loop until the store has answered for every line, or the limit.
@@ -103,10 +102,10 @@ class NoEvents final : public mom::SessionEvents
 
 int show(mom::Store &store)
 {
-    static constexpr std::pair<uint32_t, const char *> shown[] = {{db_config, "p_bridge.vvlan_glb_cfg"},
-                                                                  {db_config, "p_bridge.vvlan_oui_cfg"},
-                                                                  {db_config, "p_bridge.vvlan_port_cfg"},
-                                                                  {db_config, "p_bridge.vvlan_port_auto"}};
+    static constexpr std::pair<uint32_t, const char *> shown[] = {{mom::db_config, "p_bridge.vvlan_glb_cfg"},
+                                                                  {mom::db_config, "p_bridge.vvlan_oui_cfg"},
+                                                                  {mom::db_config, "p_bridge.vvlan_port_cfg"},
+                                                                  {mom::db_config, "p_bridge.vvlan_port_auto"}};
     host::UvLoop loop;
     NoEvents events;
     const auto session = store.open(loop, events, "vvlanctl");

@@ -3,20 +3,14 @@
 // objects of their own and are written whole.
 #include "platform/operator/operator.h"
 
+#include "platform/mom/databases.h"
+
 #include "p_bridge.pb-c.h"
 
 namespace vvl::oper
 {
 namespace
 {
-
-constexpr uint32_t db_config = 4;
-
-// Field numbers of p_bridge.vvlan_glb_cfg.
-constexpr uint32_t field_switch = 5;
-constexpr uint32_t field_security = 6;
-constexpr uint32_t field_age = 7;
-constexpr uint32_t field_qos = 8;
 
 bool succeed(int rv, const std::string &object, std::string &why)
 {
@@ -31,23 +25,9 @@ bool succeed(int rv, const std::string &object, std::string &why)
 
 } // namespace
 
-Operator::Operator(mom::Store &store, Loop &loop) : store_(store), loop_(loop) {}
-
-Operator::~Operator()
-{
-    if (attached_) {
-        mom::detach(&client_);
-    }
-}
-
 bool Operator::connect(std::string &why)
 {
-    int rv = mom::attach(&client_, store_, loop_, "operator");
-    attached_ = rv == 0;
-    if (rv == 0) {
-        rv = tq_mom_client_connect_sync(&client_, db_config);
-    }
-    return succeed(rv, "database " + std::to_string(db_config), why);
+    return succeed(client_.connect_now(mom::db_config), "database " + std::to_string(mom::db_config), why);
 }
 
 int Operator::on_answer(void *, tq_mom_record_t *record, void *user)
@@ -66,7 +46,7 @@ bool Operator::sent(int rv, const std::string &object, std::string &why)
 
 bool Operator::write_field(const ProtobufCMessage &config, uint32_t field, const char *name, std::string &why)
 {
-    return sent(mom::set_fields(&client_, db_config, &config, &field, 1, on_answer, this), name, why);
+    return sent(mom::set_fields(client_.ctx(), mom::db_config, &config, &field, 1, on_answer, this), name, why);
 }
 
 bool Operator::set_vlan(uint32_t vlan, bool on, std::string &why)
@@ -76,21 +56,21 @@ bool Operator::set_vlan(uint32_t vlan, bool on, std::string &why)
     glb_switch.vlan = vlan;
     glb_switch.enable = on ? 1 : 0;
     config.glb_switch = &glb_switch;
-    return write_field(config.base, field_switch, "voice VLAN", why);
+    return write_field(config.base, mom::glb_cfg_switch, "voice VLAN", why);
 }
 
 bool Operator::set_security(bool on, std::string &why)
 {
     PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
     config.secu_mode = on ? 1 : 0;
-    return write_field(config.base, field_security, "security mode", why);
+    return write_field(config.base, mom::glb_cfg_security, "security mode", why);
 }
 
 bool Operator::set_age(uint32_t minutes, std::string &why)
 {
     PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
     config.age_time = minutes;
-    return write_field(config.base, field_age, "aging time", why);
+    return write_field(config.base, mom::glb_cfg_age, "aging time", why);
 }
 
 bool Operator::set_qos(uint32_t cos, uint32_t dscp, std::string &why)
@@ -100,7 +80,7 @@ bool Operator::set_qos(uint32_t cos, uint32_t dscp, std::string &why)
     qos.cos = cos;
     qos.dscp = dscp;
     config.qos = &qos;
-    return write_field(config.base, field_qos, "priority", why);
+    return write_field(config.base, mom::glb_cfg_qos, "priority", why);
 }
 
 bool Operator::set_oui(const Mac &mac, const Mac &mask, bool present, std::string &why)
@@ -116,8 +96,8 @@ bool Operator::set_oui(const Mac &mac, const Mac &mask, bool present, std::strin
     index.mac = &mac_part;
     index.mask = &mask_part;
     oui.index = &index;
-    const int rv = present ? tq_mom_set(&client_, db_config, &oui.base, on_answer, this)
-                           : tq_mom_del(&client_, db_config, &oui.base, on_answer, this);
+    const int rv = present ? tq_mom_set(client_.ctx(), mom::db_config, &oui.base, on_answer, this)
+                           : tq_mom_del(client_.ctx(), mom::db_config, &oui.base, on_answer, this);
     return sent(rv, "OUI " + oui_text(mac, mask), why);
 }
 
@@ -129,7 +109,7 @@ bool Operator::set_port(uint32_t ifx, bool enabled, bool automatic, std::string 
     port.index = &index;
     port.enable = enabled ? 1 : 0;
     port.mode = automatic ? 1 : 0;
-    const int rv = tq_mom_set(&client_, db_config, &port.base, on_answer, this);
+    const int rv = tq_mom_set(client_.ctx(), mom::db_config, &port.base, on_answer, this);
     return sent(rv, "port " + std::to_string(ifx), why);
 }
 
@@ -139,7 +119,7 @@ bool Operator::delete_port(uint32_t ifx, std::string &why)
     PBridge__VvlanPortCfg port = P_BRIDGE__VVLAN_PORT_CFG__INIT;
     index.ifx = ifx;
     port.index = &index;
-    const int rv = tq_mom_del(&client_, db_config, &port.base, on_answer, this);
+    const int rv = tq_mom_del(client_.ctx(), mom::db_config, &port.base, on_answer, this);
     return sent(rv, "port " + std::to_string(ifx), why);
 }
 
@@ -149,7 +129,7 @@ bool Operator::port_is_automatic(uint32_t ifx)
     PBridge__VvlanPortCfg key = P_BRIDGE__VVLAN_PORT_CFG__INIT;
     index.ifx = ifx;
     key.index = &index;
-    ProtobufCMessage *found = tq_mom_get_sync(&client_, db_config, &key.base, nullptr);
+    ProtobufCMessage *found = tq_mom_get_sync(client_.ctx(), mom::db_config, &key.base, nullptr);
     // The generated message begins with its ProtobufCMessage, and the store
     // answers with the type that was asked for.
     const bool automatic = found == nullptr || reinterpret_cast<PBridge__VvlanPortCfg *>(found)->mode != 0;

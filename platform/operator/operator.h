@@ -4,9 +4,8 @@
 #pragma once
 
 #include "platform/base/loop.h"
-#include "platform/mom/client.h"
+#include "platform/mom/owned_client.h"
 #include "platform/operator/command.h"
-#include "tq_global.h"
 
 #include <cstdint>
 #include <string>
@@ -18,10 +17,7 @@ class Operator
 {
   public:
     // store and loop outlive the operator.
-    Operator(mom::Store &store, Loop &loop);
-    ~Operator();
-    Operator(const Operator &) = delete;
-    Operator &operator=(const Operator &) = delete;
+    Operator(mom::Store &store, Loop &loop) : client_(store, loop, "operator") {}
 
     // Connects to the configuration database. Once only. Until it succeeds the
     // calls below fail.
@@ -51,13 +47,10 @@ class Operator
     bool sent(int rv, const std::string &object, std::string &why);
     bool write_field(const ProtobufCMessage &config, uint32_t field, const char *name, std::string &why);
 
-    mom::Store &store_;
-    Loop &loop_;
-    tq_global_t client_{};
-    bool attached_ = false;
     size_t sent_ = 0;
     size_t answered_ = 0;
     size_t refused_ = 0;
+    mom::OwnedClient client_; // goes first: its callbacks use the others
 };
 
 // The rows that need CommandContext::op, and the types that they use.

@@ -1,12 +1,13 @@
 // Resynchronisation and single changes run the same code: opening a cycle
 // marks all notifications stale, each registration that the scan then lists
 // writes its VLAN's entries (which clears their marks), and closing the cycle
-// removes the rest. Withdrawals that nobody was told of need no care here: the
-// client delivers them when the subscription is made again.
+// removes the rest. This file does not look for withdrawals that were missed:
+// the client delivers them when the subscription is made again.
 #include "platform/sides/bridge_side.h"
 
 #include "libddm.h"
 #include "platform/base/log.h"
+#include "platform/mom/databases.h"
 
 #include "u_bridge.pb-c.h"
 
@@ -15,9 +16,11 @@ namespace vvl::sides
 namespace
 {
 
-constexpr uint32_t db_bridge = 6;
 constexpr uint64_t cycle_expiry = 1000; // the store keeps it for information only
 constexpr uint32_t vlan_id_max = 4094;  // 0 and 4095 are reserved by IEEE 802.1Q
+
+const UBridge__MacVidReg any_registration = U_BRIDGE__MAC_VID_REG__INIT;
+const UBridge__MacVidRegNoti any_notification = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
 
 bool is_vlan(uint32_t vid)
 {
@@ -37,7 +40,7 @@ struct Notification {
     UBridge__UdpL2addrBaseIndex index = U_BRIDGE__UDP_L2ADDR_BASE_INDEX__INIT;
     UBridge__MacVidRegNoti message = U_BRIDGE__MAC_VID_REG_NOTI__INIT;
 
-    explicit Notification(const Mac &address = {}) : mac(address)
+    explicit Notification(const Mac &address) : mac(address)
     {
         data.data = {mac.size(), mac.data()};
         index.t_mac = &data;
@@ -47,44 +50,35 @@ struct Notification {
     Notification &operator=(const Notification &) = delete;
 };
 
-void log_failure(const char *step, int rv)
+// Writes no line where rv is 0.
+void log_failure(const std::string &step, int rv)
 {
-    log_line(LogLevel::error, std::string("bridge side: cannot ") + step + " (" + std::to_string(rv) + ")");
+    if (rv != 0) {
+        log_line(LogLevel::error, "bridge side: cannot " + step + " (" + std::to_string(rv) + ")");
+    }
 }
 
 } // namespace
 
 BridgeSide::BridgeSide(mom::Store &store, Loop &loop, fp::Plane &plane, uint64_t age_us)
-    : plane_(plane), store_(store), loop_(loop), age_us_(age_us)
+    : plane_(plane), loop_(loop), age_us_(age_us), client_(store, loop, "bridge side")
 {
-    client_.host = this;
 }
 
 BridgeSide::~BridgeSide()
 {
     loop_.cancel_timer(aging_timer_);
-    if (attached_) {
-        mom::detach(&client_);
-    }
 }
 
 bool BridgeSide::start(std::string &why)
 {
-    int rv = mom::attach(&client_, store_, loop_, "bridge side");
+    const int rv = client_.connect(mom::db_address, [this] { subscribe(); });
     if (rv != 0) {
-        why = "bridge side: store client refused (" + std::to_string(rv) + ")";
-        return false;
+        why = "bridge side: cannot connect to database " + std::to_string(mom::db_address) + " (" + std::to_string(rv) +
+              ")";
+        client_.close();
     }
-    attached_ = true;
-    tq_mom_client_set_reconnect_cb(&client_, db_bridge, on_reconnected, nullptr);
-    rv = tq_mom_client_connect(&client_, db_bridge, on_connected, this);
-    if (rv != 0) {
-        why = "bridge side: cannot connect to database " + std::to_string(db_bridge) + " (" + std::to_string(rv) + ")";
-        mom::detach(&client_);
-        attached_ = false;
-        return false;
-    }
-    return true;
+    return rv == 0;
 }
 
 void BridgeSide::link_lost(uint32_t phyid)
@@ -127,20 +121,6 @@ void BridgeSide::mac_seen(uint16_t vlan, const Mac &mac, uint32_t phyid)
 
 // ---- The store ------------------------------------------------------------
 
-int BridgeSide::on_connected(void *, void *user)
-{
-    static_cast<BridgeSide *>(user)->subscribe();
-    return 0;
-}
-
-int BridgeSide::on_reconnected(void *ctx, uint32_t, int32_t type)
-{
-    if (type == mom::reconnect_missed) {
-        static_cast<BridgeSide *>(static_cast<tq_global_t *>(ctx)->host)->subscribe();
-    }
-    return 0;
-}
-
 int BridgeSide::on_registration(void *, tq_mom_record_t *record, void *user)
 {
     auto *side = static_cast<BridgeSide *>(user);
@@ -168,43 +148,30 @@ int BridgeSide::on_registration(void *, tq_mom_record_t *record, void *user)
 
 void BridgeSide::subscribe()
 {
-    UBridge__MacVidIndex index = U_BRIDGE__MAC_VID_INDEX__INIT;
-    UBridge__MacVidReg tmpl = U_BRIDGE__MAC_VID_REG__INIT;
-    tmpl.index = &index;
-    int rv = tq_mom_subscribe(&client_, db_bridge, &tmpl.base, TQ_MOM_MATCH_ALL, on_registration, this);
-    if (rv != 0) {
-        log_failure("subscribe to registrations", rv);
-    }
+    const int rv = tq_mom_subscribe(client_.ctx(), mom::db_address, &any_registration.base, TQ_MOM_MATCH_ALL,
+                                    on_registration, this);
+    log_failure("subscribe to registrations", rv);
 }
 
 void BridgeSide::open_cycle()
 {
-    Notification tmpl;
-    int rv =
-        tq_mom_dsbegin(&client_, db_bridge, &tmpl.message.base, TQ_MOM_MATCH_ALL, cycle_expiry, on_registration, this);
-    if (rv != 0) {
-        log_failure("open a cycle over the notifications", rv);
-    }
+    const int rv = tq_mom_dsbegin(client_.ctx(), mom::db_address, &any_notification.base, TQ_MOM_MATCH_ALL,
+                                  cycle_expiry, on_registration, this);
+    log_failure("open a cycle over the notifications", rv);
 }
 
 void BridgeSide::scan()
 {
-    UBridge__MacVidIndex index = U_BRIDGE__MAC_VID_INDEX__INIT;
-    UBridge__MacVidReg tmpl = U_BRIDGE__MAC_VID_REG__INIT;
-    tmpl.index = &index;
-    int rv = tq_mom_scan(&client_, db_bridge, &tmpl.base, TQ_MOM_MATCH_ALL, on_registration, this);
-    if (rv != 0) {
-        log_failure("scan the registrations", rv);
-    }
+    const int rv =
+        tq_mom_scan(client_.ctx(), mom::db_address, &any_registration.base, TQ_MOM_MATCH_ALL, on_registration, this);
+    log_failure("scan the registrations", rv);
 }
 
 void BridgeSide::close_cycle()
 {
-    Notification tmpl;
-    int rv = tq_mom_dsend(&client_, db_bridge, &tmpl.message.base, TQ_MOM_MATCH_ALL, nullptr, nullptr);
-    if (rv != 0) {
-        log_failure("close the cycle over the notifications", rv);
-    }
+    const int rv =
+        tq_mom_dsend(client_.ctx(), mom::db_address, &any_notification.base, TQ_MOM_MATCH_ALL, nullptr, nullptr);
+    log_failure("close the cycle over the notifications", rv);
 }
 
 void BridgeSide::register_vlan(uint32_t vid)
@@ -245,8 +212,8 @@ void BridgeSide::write(const Key &key, const Entry &entry, bool present)
     notification.index.t_fid = key.vlan;
     notification.message.port_id = entry.ifx;
     const ProtobufCMessage *object = &notification.message.base;
-    int rv = present ? tq_mom_set(&client_, db_bridge, object, nullptr, nullptr)
-                     : tq_mom_del(&client_, db_bridge, object, nullptr, nullptr);
+    int rv = present ? tq_mom_set(client_.ctx(), mom::db_address, object, nullptr, nullptr)
+                     : tq_mom_del(client_.ctx(), mom::db_address, object, nullptr, nullptr);
     if (rv != 0) {
         counters_.write_failed++;
     }

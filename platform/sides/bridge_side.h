@@ -10,8 +10,7 @@
 
 #include "platform/base/loop.h"
 #include "platform/fp/plane.h"
-#include "platform/mom/client.h"
-#include "tq_global.h"
+#include "platform/mom/owned_client.h"
 
 #include <list>
 #include <map>
@@ -61,7 +60,7 @@ class BridgeSide final : public fp::PlaneEvents
     const BridgeCounters &counters() const { return counters_; }
 
     // The side's store client, for cutting its connections (mom::set_link).
-    void *client() { return &client_; }
+    void *client() { return client_.ctx(); }
 
   private:
     struct Key {
@@ -77,8 +76,6 @@ class BridgeSide final : public fp::PlaneEvents
     };
     using Table = std::map<Key, Entry>;
 
-    static int on_connected(void *ctx, void *user);
-    static int on_reconnected(void *ctx, uint32_t db, int32_t type);
     static int on_registration(void *ctx, tq_mom_record_t *record, void *user);
 
     void subscribe();
@@ -96,16 +93,14 @@ class BridgeSide final : public fp::PlaneEvents
     void age();
 
     fp::Plane &plane_;
-    mom::Store &store_;
     Loop &loop_;
     uint64_t age_us_;
-    tq_global_t client_{};
-    bool attached_ = false;
     LoopId aging_timer_ = 0; // one for all addresses; 0: not armed
     Table learned_;
     std::list<Key> by_age_; // longest unseen first
     std::set<uint16_t> vlans_;
     BridgeCounters counters_;
+    mom::OwnedClient client_; // goes first: its callbacks use the others
 };
 
 } // namespace vvl::sides

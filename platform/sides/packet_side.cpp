@@ -1,10 +1,11 @@
-// Traps follow the store through a subscription, and a scan each time that it
-// is established. Removals that nobody was told of need no care here: the
-// client delivers them when the subscription is made again.
+// Traps follow the store through a subscription, and a scan each time that the
+// subscription is established. This file does not look for removals that were
+// missed: the client delivers them when the subscription is made again.
 #include "platform/sides/packet_side.h"
 
 #include "libddm.h"
 #include "platform/base/log.h"
+#include "platform/mom/databases.h"
 
 #include "s_bridge.pb-c.h"
 #include "u_bridge.pb-c.h"
@@ -14,25 +15,20 @@ namespace vvl::sides
 namespace
 {
 
-constexpr uint32_t db_trap = TQ_MOM_UDP_DB;
-constexpr uint32_t db_notification = 0;
+const UBridge__VvlanPortCfg any_trap = U_BRIDGE__VVLAN_PORT_CFG__INIT;
 
-// The client context belongs to the side; its host word leads back to it.
-PacketSide *side_of(void *ctx)
+// Writes no line where rv is 0.
+void log_failure(const std::string &step, int rv)
 {
-    return static_cast<PacketSide *>(static_cast<tq_global_t *>(ctx)->host);
-}
-
-int ignore_connected(void *, void *)
-{
-    return 0;
+    if (rv != 0) {
+        log_line(LogLevel::error, "packet side: cannot " + step + " (" + std::to_string(rv) + ")");
+    }
 }
 
 } // namespace
-
-PacketSide::PacketSide(mom::Store &store, Loop &loop, fp::Plane &plane) : plane_(plane), store_(store), loop_(loop)
+PacketSide::PacketSide(mom::Store &store, Loop &loop, fp::Plane &plane)
+    : plane_(plane), loop_(loop), client_(store, loop, "packet side")
 {
-    client_.host = this;
 }
 
 PacketSide::~PacketSide()
@@ -40,76 +36,41 @@ PacketSide::~PacketSide()
     while (!traps_.empty()) {
         clear_trap(traps_.begin()->first);
     }
-    if (attached_) {
-        mom::detach(&client_);
-    }
 }
 
 bool PacketSide::start(std::string &why)
 {
-    int rv = mom::attach(&client_, store_, loop_, "packet side");
-    if (rv != 0) {
-        why = "packet side: store client refused (" + std::to_string(rv) + ")";
-        return false;
-    }
-    attached_ = true;
-    tq_mom_client_set_reconnect_cb(&client_, db_trap, on_reconnected, nullptr);
-    rv = tq_mom_client_connect(&client_, db_notification, ignore_connected, nullptr);
-    uint32_t db = db_notification;
+    uint32_t db = mom::db_status;
+    int rv = client_.connect(db);
     if (rv == 0) {
-        db = db_trap;
-        rv = tq_mom_client_connect(&client_, db_trap, on_connected, this);
+        db = mom::db_plane;
+        rv = client_.connect(db, [this] { subscribe(); });
     }
     if (rv != 0) {
         why = "packet side: cannot connect to database " + std::to_string(db) + " (" + std::to_string(rv) + ")";
-        mom::detach(&client_);
-        attached_ = false;
-        return false;
+        client_.close();
     }
-    return true;
-}
-
-int PacketSide::on_connected(void *, void *user)
-{
-    static_cast<PacketSide *>(user)->subscribe();
-    return 0;
-}
-
-int PacketSide::on_reconnected(void *ctx, uint32_t, int32_t type)
-{
-    if (type == mom::reconnect_missed) {
-        side_of(ctx)->subscribe();
-    }
-    return 0;
+    return rv == 0;
 }
 
 void PacketSide::subscribe()
 {
-    UBridge__VvlanIndex index = U_BRIDGE__VVLAN_INDEX__INIT;
-    UBridge__VvlanPortCfg tmpl = U_BRIDGE__VVLAN_PORT_CFG__INIT;
-    tmpl.index = &index;
-    int rv = tq_mom_subscribe(&client_, db_trap, &tmpl.base, TQ_MOM_MATCH_ALL, on_trap_object, this);
-    if (rv != 0) {
-        log_line(LogLevel::error, "packet side: cannot subscribe to trap objects (" + std::to_string(rv) + ")");
-    }
+    const int rv =
+        tq_mom_subscribe(client_.ctx(), mom::db_plane, &any_trap.base, TQ_MOM_MATCH_ALL, on_trap_object, this);
+    log_failure("subscribe to the trap objects", rv);
 }
 
 void PacketSide::scan()
 {
-    UBridge__VvlanIndex index = U_BRIDGE__VVLAN_INDEX__INIT;
-    UBridge__VvlanPortCfg tmpl = U_BRIDGE__VVLAN_PORT_CFG__INIT;
-    tmpl.index = &index;
-    int rv = tq_mom_scan(&client_, db_trap, &tmpl.base, TQ_MOM_MATCH_ALL, on_trap_object, this);
-    if (rv != 0) {
-        log_line(LogLevel::error, "packet side: cannot scan trap objects (" + std::to_string(rv) + ")");
-    }
+    const int rv = tq_mom_scan(client_.ctx(), mom::db_plane, &any_trap.base, TQ_MOM_MATCH_ALL, on_trap_object, this);
+    log_failure("scan the trap objects", rv);
 }
 
 int PacketSide::on_trap_object(void *, tq_mom_record_t *record, void *user)
 {
     auto *side = static_cast<PacketSide *>(user);
     if (record->error != 0) {
-        log_line(LogLevel::error, "packet side: trap object unreadable (" + std::to_string(record->error) + ")");
+        log_failure("read a trap object", record->error);
         return record->error;
     }
     if (record->operate == TQ_MOM_ESTABLISHED) {
@@ -126,7 +87,7 @@ void PacketSide::set_trap(uint32_t ifx, bool on)
     uint32_t phyid = 0;
     if (libddm_get_phyid_by_ifx(ifx, &phyid) != 0) {
         counters_.port_unknown++;
-        log_line(LogLevel::warn, "packet side: trap object of unknown port " + std::to_string(ifx));
+        log_line(LogLevel::warn, "packet side: a trap object names the unknown port " + std::to_string(ifx));
         return;
     }
     if (!on) {
@@ -142,24 +103,17 @@ void PacketSide::set_trap(uint32_t ifx, bool on)
         log_line(LogLevel::warn, "packet side: no room to trap port " + std::to_string(ifx));
         return;
     }
-    int rv = plane_.set_trap(phyid, true);
-    if (rv != 0) {
-        log_line(LogLevel::error, "packet side: plane refused the trap of port " + std::to_string(ifx) + " (" +
-                                      std::to_string(rv) + ")");
-        return;
+    const int rv = plane_.set_trap(phyid, true);
+    log_failure("set the trap of port " + std::to_string(ifx), rv);
+    if (rv == 0) {
+        traps_.emplace(phyid, 0);
     }
-    traps_.emplace(phyid, 0);
 }
 
 void PacketSide::clear_trap(uint32_t phyid)
 {
-    if (traps_.erase(phyid) == 0) {
-        return;
-    }
-    int rv = plane_.set_trap(phyid, false);
-    if (rv != 0) {
-        log_line(LogLevel::error, "packet side: plane kept the trap of physical port " + std::to_string(phyid) + " (" +
-                                      std::to_string(rv) + ")");
+    if (traps_.erase(phyid) != 0) {
+        log_failure("remove the trap of physical port " + std::to_string(phyid), plane_.set_trap(phyid, false));
     }
 }
 
@@ -173,7 +127,7 @@ void PacketSide::voice_trapped(uint32_t phyid, const Mac &, std::span<const uint
     SBridge__VvlanPortNoty notification = S_BRIDGE__VVLAN_PORT_NOTY__INIT;
     index.phyid = phyid;
     notification.index = &index;
-    if (mom::publish(&client_, db_notification, &notification.base) != 0) {
+    if (mom::publish(client_.ctx(), mom::db_status, &notification.base) != 0) {
         // Still armed: the port must join once the store is back.
         counters_.publish_failed++;
         return;

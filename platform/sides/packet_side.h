@@ -11,8 +11,7 @@
 
 #include "platform/base/loop.h"
 #include "platform/fp/plane.h"
-#include "platform/mom/client.h"
-#include "tq_global.h"
+#include "platform/mom/owned_client.h"
 
 #include <map>
 #include <string>
@@ -50,11 +49,9 @@ class PacketSide final : public fp::PlaneEvents
     const PacketCounters &counters() const { return counters_; }
 
     // The side's store client, for cutting its connections (mom::set_link).
-    void *client() { return &client_; }
+    void *client() { return client_.ctx(); }
 
   private:
-    static int on_connected(void *ctx, void *user);
-    static int on_reconnected(void *ctx, uint32_t db, int32_t type);
     static int on_trap_object(void *ctx, tq_mom_record_t *record, void *user);
 
     void subscribe();
@@ -63,12 +60,10 @@ class PacketSide final : public fp::PlaneEvents
     void clear_trap(uint32_t phyid);
 
     fp::Plane &plane_;
-    mom::Store &store_;
     Loop &loop_;
-    tq_global_t client_{};
-    bool attached_ = false;
     std::map<uint32_t, uint64_t> traps_; // by phyid; loop time from which on a voice frame is published
     PacketCounters counters_;
+    mom::OwnedClient client_; // goes first: its callbacks use the others
 };
 
 } // namespace vvl::sides

@@ -1,6 +1,7 @@
 // The types that an expectation may name, with the databases they live in.
 #include "platform/sim/objects.h"
 
+#include "platform/mom/databases.h"
 #include "platform/mom/keys.h"
 #include "platform/operator/command.h"
 
@@ -16,15 +17,11 @@ namespace
 {
 
 constexpr NamedType named_types[] = {
-    {"p_bridge.vvlan_port_cfg", 4},
-    {"p_bridge.vvlan_oui_cfg", 4, true},
-    {"p_bridge.vvlan_port_auto", 4},
-    {"s_cluster.reg_pkt_info", 0},
-    {"u_bridge.vvlan_join", TQ_MOM_UDP_DB},
-    {"u_bridge.vvlan_port_cfg", TQ_MOM_UDP_DB},
-    {"u_bridge.vvlan_oui_cfg", TQ_MOM_UDP_DB},
-    {"u_bridge.mac_vid_reg", 6},
-    {"u_bridge.mac_vid_reg_noti", 6},
+    {"p_bridge.vvlan_port_cfg", mom::db_config},    {"p_bridge.vvlan_oui_cfg", mom::db_config, true},
+    {"p_bridge.vvlan_port_auto", mom::db_config},   {"s_cluster.reg_pkt_info", mom::db_status},
+    {"u_bridge.vvlan_join", mom::db_plane},         {"u_bridge.vvlan_port_cfg", mom::db_plane},
+    {"u_bridge.vvlan_oui_cfg", mom::db_plane},      {"u_bridge.mac_vid_reg", mom::db_address},
+    {"u_bridge.mac_vid_reg_noti", mom::db_address},
 };
 
 } // namespace

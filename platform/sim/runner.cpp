@@ -3,6 +3,8 @@
 // frames have the same time.
 #include "platform/sim/runner.h"
 
+#include "platform/mom/databases.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -12,7 +14,8 @@ namespace vvl::sim
 namespace
 {
 
-constexpr uint32_t module_dbs[] = {4, 0, 6, TQ_MOM_UDP_DB}; // that the module connects to
+// In the order in which the module connects to them.
+constexpr uint32_t module_dbs[] = {mom::db_config, mom::db_status, mom::db_address, mom::db_plane};
 
 // The module's listings, shown in this order where it has registered them.
 constexpr const char *table_commands[] = {

@@ -3,6 +3,7 @@
 // removal names no more than the key.
 #include "platform/sim/timeline.h"
 
+#include "platform/mom/databases.h"
 #include "platform/mom/keys.h"
 #include "platform/operator/command.h"
 #include "platform/sim/objects.h"
@@ -103,14 +104,12 @@ std::string describe_error(const ProtobufCMessage &object, bool)
 }
 
 constexpr FollowRow rows[] = {
-    {"u_bridge.vvlan_oui_cfg", TQ_MOM_UDP_DB, LineKind::event, describe_oui},
-    {"u_bridge.vvlan_port_cfg", TQ_MOM_UDP_DB, LineKind::event, describe_trap},
-    {"p_bridge.vvlan_port_auto", 4, LineKind::event, describe_join},
-    {"u_bridge.mac_vid_reg_noti", 6, LineKind::event, describe_mac},
-    {"p_bridge.vvlan_err_event", 4, LineKind::alarm, describe_error},
+    {"u_bridge.vvlan_oui_cfg", mom::db_plane, LineKind::event, describe_oui},
+    {"u_bridge.vvlan_port_cfg", mom::db_plane, LineKind::event, describe_trap},
+    {"p_bridge.vvlan_port_auto", mom::db_config, LineKind::event, describe_join},
+    {"u_bridge.mac_vid_reg_noti", mom::db_address, LineKind::event, describe_mac},
+    {"p_bridge.vvlan_err_event", mom::db_config, LineKind::alarm, describe_error},
 };
-
-constexpr uint32_t observed_dbs[] = {0, 4, 6, TQ_MOM_UDP_DB};
 
 const char *color_of(LineKind kind)
 {
@@ -160,29 +159,17 @@ void Timeline::print(const std::string &text)
     std::printf("%s\n", text.c_str());
 }
 
-Observer::Observer(mom::Store &store, Loop &loop, Timeline &timeline) : store_(store), loop_(loop), timeline_(timeline)
-{
-}
-
-Observer::~Observer()
-{
-    if (attached_) {
-        mom::detach(&client_);
-    }
-}
-
 bool Observer::start(std::string &why)
 {
-    int rv = mom::attach(&client_, store_, loop_, "observer");
-    attached_ = rv == 0;
-    for (uint32_t db : observed_dbs) {
-        rv = rv == 0 ? tq_mom_client_connect_sync(&client_, db) : rv;
+    int rv = 0;
+    for (uint32_t db : mom::databases_in_use) {
+        rv = rv == 0 ? client_.connect_now(db) : rv;
     }
     follows_.resize(std::size(rows));
     for (size_t i = 0; i < std::size(rows) && rv == 0; i++) {
         follows_[i] = {this, i, {}};
         const mom::MessagePtr tmpl = mom::make_message(*mom::find_type(rows[i].type)->descriptor);
-        rv = tq_mom_subscribe(&client_, rows[i].db, tmpl.get(), TQ_MOM_MATCH_ALL, on_change, &follows_[i]);
+        rv = tq_mom_subscribe(client_.ctx(), rows[i].db, tmpl.get(), TQ_MOM_MATCH_ALL, on_change, &follows_[i]);
     }
     if (rv != 0) {
         why = "observer: the store refused it (" + std::to_string(rv) + ")";
@@ -225,7 +212,8 @@ int Observer::on_change(void *, tq_mom_record_t *record, void *user)
 bool Observer::has_object(const NamedType &type, const std::string &key)
 {
     const mom::MessagePtr wanted = make_keyed(type, key);
-    ProtobufCMessage *found = wanted != nullptr ? tq_mom_get_sync(&client_, type.db, wanted.get(), nullptr) : nullptr;
+    ProtobufCMessage *found =
+        wanted != nullptr ? tq_mom_get_sync(client_.ctx(), type.db, wanted.get(), nullptr) : nullptr;
     tq_mom_tq_obj_free(found);
     return found != nullptr;
 }
@@ -234,14 +222,14 @@ size_t Observer::count_objects(const NamedType &type)
 {
     size_t count = 0;
     const mom::MessagePtr tmpl = mom::make_message(*mom::find_type(type.name)->descriptor);
-    tq_mom_scan_sync(&client_, type.db, tmpl.get(), TQ_MOM_MATCH_ALL, count_record, &count);
+    tq_mom_scan_sync(client_.ctx(), type.db, tmpl.get(), TQ_MOM_MATCH_ALL, count_record, &count);
     return count;
 }
 
 int Observer::last_error_event()
 {
     PBridge__VvlanErrEvent key = P_BRIDGE__VVLAN_ERR_EVENT__INIT;
-    ProtobufCMessage *found = tq_mom_get_sync(&client_, 4, &key.base, nullptr);
+    ProtobufCMessage *found = tq_mom_get_sync(client_.ctx(), mom::db_config, &key.base, nullptr);
     const int type = found != nullptr ? static_cast<int>(as<PBridge__VvlanErrEvent>(*found).msg_type) : -1;
     tq_mom_tq_obj_free(found);
     return type;

@@ -6,8 +6,7 @@
 #pragma once
 
 #include "platform/base/loop.h"
-#include "platform/mom/client.h"
-#include "tq_global.h"
+#include "platform/mom/owned_client.h"
 
 #include <cstdint>
 #include <map>
@@ -49,10 +48,9 @@ class Observer
 {
   public:
     // All arguments outlive the observer.
-    Observer(mom::Store &store, Loop &loop, Timeline &timeline);
-    ~Observer();
-    Observer(const Observer &) = delete;
-    Observer &operator=(const Observer &) = delete;
+    Observer(mom::Store &store, Loop &loop, Timeline &timeline) : timeline_(timeline), client_(store, loop, "observer")
+    {
+    }
 
     bool start(std::string &why);
 
@@ -72,12 +70,9 @@ class Observer
         std::map<std::string, std::string> objects; // key text -> packed object
     };
 
-    mom::Store &store_;
-    Loop &loop_;
     Timeline &timeline_;
-    tq_global_t client_{};
-    bool attached_ = false;
     std::vector<Follow> follows_; // not resized after start(): the subscriptions point into it
+    mom::OwnedClient client_;     // goes first: its callbacks use the others
 };
 
 } // namespace vvl::sim
