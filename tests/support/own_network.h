@@ -14,6 +14,12 @@
 namespace vvl::test
 {
 
+// No frames but the test's.
+inline void silence_ipv6()
+{
+    std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
+}
+
 // Moves the process there, with its first call. Returns the reason where it may
 // not, which is one to leave a test out; empty otherwise.
 inline const std::string &enter_own_network()
@@ -24,11 +30,19 @@ inline const std::string &enter_own_network()
             mount("bpf", "/sys/fs/bpf", "bpf", 0, nullptr) != 0) {
             return std::string("needs root, for namespaces and a BPF file system of its own: ") + std::strerror(errno);
         }
-        // No frames but the test's.
-        std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 1;
+        silence_ipv6();
         return "";
     }();
     return why;
+}
+
+// Leaves the process's network for an empty one.
+inline void enter_empty_network()
+{
+    if (unshare(CLONE_NEWNET) != 0) {
+        throw std::runtime_error(std::string("no further network namespace: ") + std::strerror(errno));
+    }
+    silence_ipv6();
 }
 
 inline void run_command(const std::string &command)

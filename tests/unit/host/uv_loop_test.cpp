@@ -2,12 +2,9 @@
 // is asserted: how long anything takes is the machine's business.
 #include "platform/host/uv_loop.h"
 
-#include "platform/base/virtual_loop.h"
+#include "tests/unit/base/watch_a_socket.h"
 
 #include <gtest/gtest.h>
-
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <functional>
@@ -115,47 +112,10 @@ TEST_F(UvLoopTest, what_has_not_run_is_dropped_with_the_loop)
     EXPECT_EQ(held.use_count(), 1);
 }
 
-// Both loops: a pair of connected sockets, one end watched.
-template <typename LoopUnderTest> void watch_a_socket(LoopUnderTest &loop, const std::function<void()> &run)
-{
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    std::vector<unsigned> seen;
-    LoopId watch = 0;
-    watch = loop.watch_fd(fds[0], fd_writable, [&](unsigned ready) {
-        seen.push_back(ready);
-        if (ready == fd_writable) {
-            loop.change_watch(watch, fd_readable); // the socket stays writable
-            EXPECT_EQ(write(fds[1], "x", 1), 1);
-            return;
-        }
-        char byte = 0;
-        EXPECT_EQ(read(fds[0], &byte, 1), seen.size() == 2 ? 1 : 0);
-        if (seen.size() == 2) {
-            close(fds[1]); // a hang-up is readable too
-        } else {
-            loop.unwatch_fd(watch); // from inside its own handler
-            loop.expect_answers(-1);
-            loop.post([&] { close(fds[0]); });
-        }
-    });
-    loop.expect_answers(1);
-    run();
-    EXPECT_EQ(seen.size(), 3u);
-    EXPECT_EQ(seen[1], fd_readable);
-}
-
 TEST_F(UvLoopTest, watched_descriptor_reports_what_is_waited_for_until_it_is_unwatched)
 {
     loop.add_timer(50000, end());
-    watch_a_socket(loop, [this] { loop.run(); });
-}
-
-TEST(VirtualLoopTest, watched_descriptor_is_served_while_the_clock_stands_still)
-{
-    VirtualLoop loop;
-    watch_a_socket(loop, [&] { loop.run_pending(); });
-    EXPECT_EQ(loop.now_us(), 0u);
+    test::watch_a_socket(loop, [this] { loop.run(); });
 }
 
 } // namespace
