@@ -1,12 +1,9 @@
-// Parsing the configuration.
-//
-// A row of the key table says in which kind of section a key stands, whether
-// it must be there, and how its value is checked and stored. What a section
-// lacks shows only at its end, and is reported at the section's own line.
+// Reads the configuration line by line. A section that lacks a key is found
+// only at its end, and is reported at the section's own line.
 #include "platform/host/config.h"
 
-#include "platform/base/number.h"
 #include "platform/host/agent.h"
+#include "platform/host/config_impl.h"
 
 #include <algorithm>
 #include <cctype>
@@ -14,64 +11,23 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <set>
-#include <vector>
 
 namespace vvl::host
 {
 namespace
 {
 
-enum class SectionKind : uint8_t { none, host, store, plane, port };
-
 struct SectionName {
-    SectionKind kind;
+    ConfigSection kind;
     const char *name;
 };
 
 constexpr SectionName section_names[] = {
-    {SectionKind::host, "host"},
-    {SectionKind::store, "store"},
-    {SectionKind::plane, "plane"},
-    {SectionKind::port, "port"},
+    {ConfigSection::host, "host"},
+    {ConfigSection::store, "store"},
+    {ConfigSection::plane, "plane"},
+    {ConfigSection::port, "port"},
 };
-
-struct Parser;
-
-struct Key {
-    SectionKind section;
-    bool required; // the section may not end without it
-    const char *name;
-    // Stores the value, or says in why what it must be; the key is named by the caller.
-    bool (*set)(Parser &parser, const std::string &value, std::string &why);
-};
-
-struct Parser {
-    explicit Parser(const std::string &path) : file(path) {}
-
-    bool parse_line(std::string_view line, std::string &why);
-    bool open_section(std::string_view title, std::string &why);
-    bool open_port(std::string_view number, std::string &why);
-    bool close_section(std::string &why);
-    bool set_key(const std::string &name, const std::string &value, std::string &why);
-    bool finish(std::string &why);
-    bool check_interfaces(std::string &why);
-
-    std::string file;
-    HostConfig config;
-    unsigned line = 0;
-    SectionKind section = SectionKind::none;
-    std::string section_title;            // as in the file, for messages
-    unsigned section_line = 0;            // where it began
-    std::set<std::string> keys;           // seen in this section
-    std::map<std::string, unsigned> seen; // sections seen, with their lines
-    std::map<uint32_t, uint32_t> ifx_by_phyid;
-    std::map<std::string, uint32_t> ifx_by_interface;
-    std::map<uint32_t, unsigned> line_by_ifx; // where the port's section began
-};
-
-// ---- Values ------------------------------------------------------------
 
 std::string_view trim(std::string_view text)
 {
@@ -92,183 +48,20 @@ std::string_view without_comment(std::string_view line)
     return line;
 }
 
-template <typename Number>
-bool parse_number(std::string_view text, int64_t min, int64_t max, Number &number, std::string &why)
-{
-    int64_t value = 0;
-    if (!parse_integer(text, min, max, value)) {
-        why = "must be a number from " + std::to_string(min) + " to " + std::to_string(max);
-        return false;
-    }
-    number = static_cast<Number>(value);
-    return true;
-}
-
-template <typename Value> struct Word {
-    const char *text;
-    Value value;
-};
-
-template <typename Value, size_t count>
-bool parse_word(const std::string &text, const Word<Value> (&words)[count], Value &value, std::string &why)
-{
-    why = "must be ";
-    for (size_t i = 0; i < count; i++) {
-        if (text == words[i].text) {
-            value = words[i].value;
-            return true;
-        }
-        why += (i == 0 ? "" : i + 1 < count ? ", " : " or ") + std::string(words[i].text);
-    }
-    return false;
-}
-
-bool parse_path(const Parser &parser, const std::string &value, std::string &path, std::string &why)
-{
-    if (value.size() > config_path_length_max) {
-        why = "must be a path of at most " + std::to_string(config_path_length_max) + " bytes";
-        return false;
-    }
-    // Joining leaves an absolute path as it is.
-    path = (std::filesystem::path(parser.file).parent_path() / value).string();
-    return true;
-}
-
-// ---- Keys --------------------------------------------------------------
-
-constexpr Word<LogLevel> log_levels[] = {
-    {"debug", LogLevel::debug}, {"info", LogLevel::info}, {"warn", LogLevel::warn}, {"error", LogLevel::error}};
-constexpr Word<StoreKind> store_kinds[] = {{"local", StoreKind::local}, {"redis", StoreKind::redis}};
-constexpr Word<PlaneKind> plane_kinds[] = {{"soft", PlaneKind::soft}, {"ebpf", PlaneKind::ebpf}};
-constexpr Word<bool> port_roles[] = {{"access", false}, {"uplink", true}};
-
-bool set_module(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_path(parser, value, parser.config.network.module, why);
-}
-
-bool set_log_level(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_word(value, log_levels, parser.config.log_level, why);
-}
-
-bool set_log_file(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_path(parser, value, parser.config.log_file, why);
-}
-
-bool set_startup(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_path(parser, value, parser.config.startup, why);
-}
-
-bool set_store_kind(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_word(value, store_kinds, parser.config.store, why);
-}
-
-// The options' own checks come with the store, when everything is known.
-bool set_store_address(Parser &parser, const std::string &value, std::string &)
-{
-    parser.config.redis.address = value;
-    return true;
-}
-
-bool set_store_prefix(Parser &parser, const std::string &value, std::string &)
-{
-    parser.config.redis.prefix = value;
-    return true;
-}
-
-bool set_credentials(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_path(parser, value, parser.config.redis.credentials, why);
-}
-
-bool set_plane_kind(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_word(value, plane_kinds, parser.config.plane, why);
-}
-
-bool set_pin_folder(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_path(parser, value, parser.config.ebpf.pin_folder, why);
-}
-
-bool set_phyid(Parser &parser, const std::string &value, std::string &why)
-{
-    SwitchPort &port = parser.config.network.ports.back();
-    if (!parse_number(value, 0, phyid_max, port.phyid, why)) {
-        return false;
-    }
-    const auto [other, fresh] = parser.ifx_by_phyid.emplace(port.phyid, port.ifx);
-    if (!fresh) {
-        why = "is that of [port " + std::to_string(other->second) + "] already";
-    }
-    return fresh;
-}
-
-bool set_pvid(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_number(value, 1, pvid_max, parser.config.network.ports.back().pvid, why);
-}
-
-bool set_role(Parser &parser, const std::string &value, std::string &why)
-{
-    return parse_word(value, port_roles, parser.config.network.ports.back().uplink, why);
-}
-
-// What Linux takes as the name of an interface.
-bool is_interface_name(const std::string &text)
-{
-    return text.size() <= interface_length_max && text != "." && text != ".." &&
-           text.find_first_of("/: \t") == std::string::npos;
-}
-
-bool set_interface(Parser &parser, const std::string &value, std::string &why)
-{
-    SwitchPort &port = parser.config.network.ports.back();
-    if (!is_interface_name(value)) {
-        why = "must be 1 to " + std::to_string(interface_length_max) + " bytes without '/', ':' and blanks";
-        return false;
-    }
-    const auto [other, fresh] = parser.ifx_by_interface.emplace(value, port.ifx);
-    if (!fresh) {
-        why = "is that of [port " + std::to_string(other->second) + "] already";
-    }
-    port.interface = value;
-    return fresh;
-}
-
-constexpr Key key_table[] = {
-    {SectionKind::host, false, "module", set_module},
-    {SectionKind::host, false, "log-level", set_log_level},
-    {SectionKind::host, false, "log-file", set_log_file},
-    {SectionKind::host, false, "startup", set_startup},
-    {SectionKind::store, false, "kind", set_store_kind},
-    {SectionKind::store, false, "address", set_store_address},
-    {SectionKind::store, false, "prefix", set_store_prefix},
-    {SectionKind::store, false, "credentials", set_credentials},
-    {SectionKind::plane, false, "kind", set_plane_kind},
-    {SectionKind::plane, false, "pin-folder", set_pin_folder},
-    {SectionKind::port, true, "phyid", set_phyid},
-    {SectionKind::port, false, "pvid", set_pvid},
-    {SectionKind::port, false, "role", set_role},
-    {SectionKind::port, false, "interface", set_interface},
-};
+} // namespace
 
 // ---- Lines -------------------------------------------------------------
 
-bool Parser::parse_line(std::string_view text, std::string &why)
+bool ConfigParser::parse_line(std::string_view text, std::string &why)
 {
     text = trim(without_comment(text));
     if (text.empty()) {
         return true;
     }
-    // A path with a NUL would be cut short where it is used.
+    // A path would be cut at a NUL.
     if (std::any_of(text.begin(), text.end(),
                     [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0; })) {
-        why = "a control character in the line";
+        why = "the line has a control character";
         return false;
     }
     if (text.front() == '[') {
@@ -280,38 +73,38 @@ bool Parser::parse_line(std::string_view text, std::string &why)
     }
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos) {
-        why = "neither '[section]' nor 'key = value'";
+        why = "expected '[section]' or 'key = value'";
         return false;
     }
     return set_key(std::string(trim(text.substr(0, equals))), std::string(trim(text.substr(equals + 1))), why);
 }
 
-bool Parser::open_section(std::string_view title, std::string &why)
+bool ConfigParser::open_section(std::string_view title, std::string &why)
 {
     const size_t space = title.find_first_of(" \t");
     const std::string name(title.substr(0, space));
     const std::string_view number = space != std::string_view::npos ? trim(title.substr(space)) : std::string_view();
     const auto row = std::find_if(std::begin(section_names), std::end(section_names),
                                   [&](const SectionName &known) { return name == known.name; });
-    if (row == std::end(section_names) || (row->kind != SectionKind::port && !number.empty())) {
-        why = "no section '[" + std::string(title) + "]' is known";
+    if (row == std::end(section_names) || (row->kind != ConfigSection::port && !number.empty())) {
+        why = "unknown section '[" + std::string(title) + "]'";
         return false;
     }
     section = row->kind;
     section_title = name;
     section_line = line;
     keys.clear();
-    if (section == SectionKind::port && !open_port(number, why)) {
+    if (section == ConfigSection::port && !open_port(number, why)) {
         return false;
     }
     const auto [earlier, fresh] = seen.emplace(section_title, line);
     if (!fresh) {
-        why = "section '[" + section_title + "]' is in line " + std::to_string(earlier->second) + " already";
+        why = "section '[" + section_title + "]' is already in line " + std::to_string(earlier->second);
     }
     return fresh;
 }
 
-bool Parser::open_port(std::string_view number, std::string &why)
+bool ConfigParser::open_port(std::string_view number, std::string &why)
 {
     SwitchPort port;
     if (!parse_number(number, 1, ifx_max, port.ifx, why)) {
@@ -328,10 +121,10 @@ bool Parser::open_port(std::string_view number, std::string &why)
     return true;
 }
 
-// Checks that the section which ends here had its required keys.
-bool Parser::close_section(std::string &why)
+// Checks that the section that ends here has its required keys.
+bool ConfigParser::close_section(std::string &why)
 {
-    for (const Key &key : key_table) {
+    for (const ConfigKey &key : config_keys()) {
         if (key.section == section && key.required && !keys.contains(key.name)) {
             why = "section '[" + section_title + "]' lacks '" + key.name + "'";
             line = section_line;
@@ -341,20 +134,21 @@ bool Parser::close_section(std::string &why)
     return true;
 }
 
-bool Parser::set_key(const std::string &name, const std::string &value, std::string &why)
+bool ConfigParser::set_key(const std::string &name, const std::string &value, std::string &why)
 {
-    if (section == SectionKind::none) {
-        why = "'" + name + "' stands before the first section";
+    if (section == ConfigSection::none) {
+        why = "'" + name + "' comes before the first section";
         return false;
     }
-    const auto key = std::find_if(std::begin(key_table), std::end(key_table),
-                                  [&](const Key &known) { return known.section == section && name == known.name; });
-    if (key == std::end(key_table)) {
-        why = "no key '" + name + "' is known in '[" + section_title + "]'";
+    const auto key = std::find_if(config_keys().begin(), config_keys().end(), [&](const ConfigKey &known) {
+        return known.section == section && name == known.name;
+    });
+    if (key == config_keys().end()) {
+        why = "unknown key '" + name + "' in '[" + section_title + "]'";
         return false;
     }
     if (!keys.insert(name).second) {
-        why = "'" + name + "' is in this section already";
+        why = "'" + name + "' is already in this section";
         return false;
     }
     if (value.empty()) {
@@ -368,7 +162,7 @@ bool Parser::set_key(const std::string &name, const std::string &value, std::str
     return true;
 }
 
-bool Parser::finish(std::string &why)
+bool ConfigParser::finish(std::string &why)
 {
     if (!close_section(why)) {
         return false;
@@ -378,14 +172,14 @@ bool Parser::finish(std::string &why)
         return false;
     }
     if (!seen.contains("host")) {
-        why = "the file ends without a section '[host]'";
+        why = "the file has no section '[host]'";
         return false;
     }
     return check_interfaces(why);
 }
 
-// Whether a port needs an interface is known only here, as [plane] may stand behind the ports.
-bool Parser::check_interfaces(std::string &why)
+// Whether a port needs an interface is known only here, as [plane] may come after the ports.
+bool ConfigParser::check_interfaces(std::string &why)
 {
     const SwitchPort *port = port_without_interface(config);
     if (config.plane != PlaneKind::ebpf || port == nullptr) {
@@ -395,8 +189,6 @@ bool Parser::check_interfaces(std::string &why)
     line = line_by_ifx.at(port->ifx);
     return false;
 }
-
-} // namespace
 
 const SwitchPort *port_without_interface(const HostConfig &config)
 {
@@ -408,7 +200,7 @@ const SwitchPort *port_without_interface(const HostConfig &config)
 
 bool parse_config(std::string_view text, const std::string &file, HostConfig &config, std::string &why)
 {
-    Parser parser(file);
+    ConfigParser parser(file);
     std::string reason;
     bool good = true;
     while (good && !text.empty()) {

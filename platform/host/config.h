@@ -37,18 +37,18 @@ struct HostConfig {
     StoreKind store = StoreKind::local;
     mom::RedisOptions redis; // of StoreKind::redis
     PlaneKind plane = PlaneKind::soft;
-    fp::EbpfOptions ebpf; // of PlaneKind::ebpf, which every port needs an interface for
+    fp::EbpfOptions ebpf; // of PlaneKind::ebpf; every port needs an interface then
 };
 
 // Parses the text of a configuration. file: its path, for messages; relative
-// paths in it are taken from that file's folder. On failure why is one line
-// and config is left alone.
+// paths in the text are relative to that file's folder. On failure why is one
+// line and config is unchanged.
 bool parse_config(std::string_view text, const std::string &file, HostConfig &config, std::string &why);
 
 // Reads and parses a file. Otherwise as parse_config.
 bool read_config(const std::string &file, HostConfig &config, std::string &why);
 
-// The first port that the eBPF plane could not have; null where there is none.
+// The first port without an interface, which the eBPF plane needs; null where there is none.
 const SwitchPort *port_without_interface(const HostConfig &config);
 
 } // namespace vvl::host

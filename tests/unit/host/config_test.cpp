@@ -68,37 +68,37 @@ struct Fault {
 
 const Fault faults[] = {
     // lines
-    {"", "1: the file ends without a section '[host]'"},
-    {"[store]\nkind = local\n", "2: the file ends without a section '[host]'"},
-    {"module = m\n[host]\n", "1: 'module' stands before the first section"},
+    {"", "1: the file has no section '[host]'"},
+    {"[store]\nkind = local\n", "2: the file has no section '[host]'"},
+    {"module = m\n[host]\n", "1: 'module' comes before the first section"},
     {"[host\n", "1: a section line must end in ']'"},
-    {"[host]\nmodule m\n", "2: neither '[section]' nor 'key = value'"},
-    {"[host]\nmodule = a\001b\n", "2: a control character in the line"},
+    {"[host]\nmodule m\n", "2: expected '[section]' or 'key = value'"},
+    {"[host]\nmodule = a\001b\n", "2: the line has a control character"},
     // sections
-    {"[hosts]\n", "1: no section '[hosts]' is known"},
-    {"[host 1]\n", "1: no section '[host 1]' is known"},
-    {"[host]\nmodule = m\n\n[host]\n", "4: section '[host]' is in line 1 already"},
-    {"[port 5]\nphyid = 1\n[port 0x5]\nphyid = 2\n", "3: section '[port 5]' is in line 1 already"},
+    {"[hosts]\n", "1: unknown section '[hosts]'"},
+    {"[host 1]\n", "1: unknown section '[host 1]'"},
+    {"[host]\nmodule = m\n\n[host]\n", "4: section '[host]' is already in line 1"},
+    {"[port 5]\nphyid = 1\n[port 0x5]\nphyid = 2\n", "3: section '[port 5]' is already in line 1"},
     {"[port]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     {"[port 2147483648]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     {"[port 1 2]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     // keys; a section that lacks one is named where it began
     {"[host]\nmodule = m\n[port 3]\npvid = 2\n", "3: section '[port 3]' lacks 'phyid'"},
-    {"[host]\nmodules = m\n", "2: no key 'modules' is known in '[host]'"},
-    {"[host]\n= m\n", "2: no key '' is known in '[host]'"},
-    {"[host]\nmodule = m\nmodule = m\n", "3: 'module' is in this section already"},
+    {"[host]\nmodules = m\n", "2: unknown key 'modules' in '[host]'"},
+    {"[host]\n= m\n", "2: unknown key '' in '[host]'"},
+    {"[host]\nmodule = m\nmodule = m\n", "3: 'module' is already in this section"},
     {"[host]\nmodule =  # none\n", "2: 'module' has no value"},
     // values
     {"[host]\nlog-level = loud\n", "2: 'log-level' must be debug, info, warn or error, not 'loud'"},
     {"[store]\nkind = Local\n", "2: 'kind' must be local or redis, not 'Local'"},
     {"[plane]\nkind = hard\n", "2: 'kind' must be soft or ebpf, not 'hard'"},
     {"[port 1]\ninterface = ethernet-of-16-b\n",
-     "2: 'interface' must be 1 to 15 bytes without '/', ':' and blanks, not 'ethernet-of-16-b'"},
-    {"[port 1]\ninterface = a b\n", "2: 'interface' must be 1 to 15 bytes without '/', ':' and blanks, not 'a b'"},
+     "2: 'interface' must be 1 to 15 bytes without '/', ':' or blanks, not 'ethernet-of-16-b'"},
+    {"[port 1]\ninterface = a b\n", "2: 'interface' must be 1 to 15 bytes without '/', ':' or blanks, not 'a b'"},
     {"[port 1]\ninterface = ../eth1\n",
-     "2: 'interface' must be 1 to 15 bytes without '/', ':' and blanks, not '../eth1'"},
+     "2: 'interface' must be 1 to 15 bytes without '/', ':' or blanks, not '../eth1'"},
     {"[port 1]\nphyid = 1\ninterface = eth1\n[port 2]\ninterface = eth1\n",
-     "5: 'interface' is that of [port 1] already, not 'eth1'"},
+     "5: 'interface' already belongs to [port 1], not 'eth1'"},
     // the plane may be chosen behind the ports
     {"[host]\n[port 1]\nphyid = 1\ninterface = eth1\n[port 2]\nphyid = 2\n[plane]\nkind = ebpf\n",
      "5: section '[port 2]' lacks 'interface', which the ebpf plane needs"},
@@ -106,7 +106,7 @@ const Fault faults[] = {
     {"[port 1]\npvid = 4095\n", "2: 'pvid' must be a number from 1 to 4094, not '4095'"},
     {"[port 1]\npvid = 10 20\n", "2: 'pvid' must be a number from 1 to 4094, not '10 20'"},
     {"[port 1]\nphyid = 4294967296\n", "2: 'phyid' must be a number from 0 to 4294967295, not '4294967296'"},
-    {"[port 1]\nphyid = 9\n[port 2]\nphyid = 0x9\n", "4: 'phyid' is that of [port 1] already, not '0x9'"},
+    {"[port 1]\nphyid = 9\n[port 2]\nphyid = 0x9\n", "4: 'phyid' already belongs to [port 1], not '0x9'"},
 };
 
 TEST(Config, each_fault_is_one_line_and_leaves_the_record_alone)
