@@ -1,8 +1,8 @@
-// The control side: writes configuration to the object store and shows what is
-// there, as a process of its own beside the switch.
+// The control side: writes configuration to the object store and shows what the
+// store has, as a separate process beside the switch.
 //
-// Every line is checked before the first one is written, and the program ends
-// well only when the store has answered for each of them.
+// Every line is checked before the first one is written, and the program succeeds
+// only when the store has confirmed each of them.
 #include "platform/base/exit.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/databases.h"
@@ -27,7 +27,7 @@ namespace
 constexpr uint64_t answer_limit_us = 5'000'000; // for the store's answers to all lines
 constexpr const char *program = "vvlanctl";
 
-// Runs the loop until the store has answered for every line, or the limit.
+// Runs the loop until the store has answered for every line, or time is up.
 void wait_for_answers(host::UvLoop &loop, const oper::Operator &op)
 {
     bool late = false;
@@ -60,8 +60,8 @@ int write_lines(mom::Store &store, const oper::Script &lines)
     return exit_good;
 }
 
-// The numbers of a message, those of its parts below their names. The key is
-// left out: it is the object's name already.
+// Prints the numbers of a message, those of a part below the part's name. The key
+// is left out, since it is the object's name.
 void print_numbers(const ProtobufCMessage &message, const ProtobufCFieldDescriptor *key, int indent)
 {
     for (unsigned i = 0; i < message.descriptor->n_fields; i++) {

@@ -1,5 +1,5 @@
-// vvland's command line. Each subcommand is one call; what it prints and
-// returns is its own.
+// vvland's command line. Each subcommand is one call, which prints and returns
+// what its header says.
 #include "platform/base/exit.h"
 #include "platform/host/agent.h"
 #include "platform/host/plane_commands.h"
@@ -40,7 +40,7 @@ void add_run(CLI::App &app, int &code)
     auto options = std::make_shared<RunOptions>();
     CLI::App *run = app.add_subcommand("run", "Run a switch until SIGTERM or SIGINT");
     add_run_options(*run, *options);
-    run->add_option("--role", options->role, "Part of the switch that this process is")
+    run->add_option("--role", options->role, "Part of the switch that runs in this process")
         ->check(CLI::IsMember({"all", "agent", "sides"}));
     run->callback([options, &code] { code = run_daemon(*options); });
 
@@ -114,7 +114,7 @@ int main(int argc, char **argv)
     add_run(app, code);
     add_check_config(app, code);
     add_plane_command(app, code, "check", "Show whether this machine has what --fp ebpf needs", check_plane);
-    add_plane_command(app, code, "detach", "Take the ebpf plane off the interfaces", detach_plane);
+    add_plane_command(app, code, "detach", "Remove the ebpf plane from the interfaces", detach_plane);
     add_plane_command(app, code, "counters", "Print the counters of the ebpf plane, per port and per ACE",
                       show_counters);
     add_sim(app, code);

@@ -24,8 +24,8 @@ class Loop
   public:
     virtual ~Loop() = default;
 
-    // Whether the clock goes by itself. On one that does not, time limits of
-    // other processes' answers have no meaning.
+    // Whether the clock runs by itself. On a virtual clock, a limit on the time
+    // that another process takes to answer has no meaning.
     virtual bool has_real_clock() const { return true; }
 
     // Microseconds since the loop was made; never goes back.
@@ -38,33 +38,32 @@ class Loop
     // time run in the order in which they were armed, after posted tasks.
     virtual LoopId add_timer(uint64_t delay_us, std::function<void()> task) = 0;
 
-    // Forgets a timer; one that has run or is unknown is ignored.
+    // Cancels a timer; nothing happens where it has run or is unknown.
     virtual void cancel_timer(LoopId timer) = 0;
 
     // ---- What comes from outside the process ----
 
-    // Calls ready each time the descriptor is ready for one of events, and
-    // again for as long as it is; an error or a hang-up counts as both. The
-    // descriptor stays the caller's and open until it is unwatched; it has one
-    // watch at a time. ready may change or end any watch, its own too.
+    // Calls ready while the descriptor is ready for one of events; an error or
+    // a hang-up counts as both. The caller owns the descriptor and keeps it open
+    // until it is unwatched; a descriptor has one watch at a time. ready may
+    // change or end any watch, including its own.
     virtual LoopId watch_fd(int fd, unsigned events, std::function<void(unsigned ready)> ready) = 0;
 
-    // Waits for other events from now on; 0: for none. An unknown watch is ignored.
+    // Changes the events that a watch waits for; 0: none. An unknown watch is ignored.
     virtual void change_watch(LoopId watch, unsigned events) = 0;
 
-    // Ends a watch; ready is not called any more. An unknown one is ignored.
+    // Ends a watch; ready is not called again. An unknown watch is ignored.
     virtual void unwatch_fd(LoopId watch) = 0;
 
-    // Counts the answers that are on their way from outside: count is added.
-    // They cost no virtual time, so a virtual clock stands still and its loop
-    // does not come to rest until all of them are there. A real loop needs no
-    // such count.
+    // Adds count to the number of answers that other processes still owe. An
+    // answer costs no virtual time: a virtual clock stands still until all of
+    // them have come. A real loop does not need the number.
     virtual void expect_answers(int count) { static_cast<void>(count); }
 
-    // On a virtual clock: waits until every expected answer is there, running
-    // descriptors' handlers but no task and no timer. Whoever calls it behind
-    // each request has requests carried out one after the other, as if the
-    // other process were this one. On a real clock: nothing.
+    // On a virtual clock: waits until every expected answer has come. Handlers of
+    // descriptors run meanwhile, tasks and timers do not. A caller that does this
+    // after each request sees the requests carried out one after the other, as
+    // if the other process were this one. On a real clock: does nothing.
     virtual void let_answers_in() {}
 };
 

@@ -1,5 +1,5 @@
-// One strict reader for numbers; the C library's skip leading space, take a
-// prefix of the text for the whole, or saturate.
+// The C library's functions skip leading spaces, ignore what follows the number,
+// or saturate. This one refuses all of that.
 #include "platform/base/number.h"
 
 #include <charconv>

@@ -1,6 +1,6 @@
 // A loop whose clock stands still until it is told to move: a day passes in
-// milliseconds, and a run is deterministic. What another process answers costs
-// no virtual time: the loop waits for it, answer_limit_ms of real time at most.
+// milliseconds, and a run is deterministic. An answer of another process costs
+// no virtual time: the loop waits for it, at most answer_limit_ms of real time.
 #pragma once
 
 #include "platform/base/loop.h"

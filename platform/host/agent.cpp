@@ -1,10 +1,10 @@
 // Loading the module and taking it out again.
 //
-// The order of unloading matters: first everything that could still call into
-// the module's code is taken away (store deliveries, timers, debug commands,
-// plane reports), then the code goes. dlclose alone does not promise that the
-// code is gone, and a module that stayed would keep its old state through a
-// "restart", so that is checked.
+// The order of unloading matters: first everything that could still call the
+// module's code is removed (store deliveries, timers, debug commands, reports of
+// the plane), then the code. dlclose does not promise that the code is gone, and
+// a module that stays in memory would keep its state through a "restart", so
+// this is checked.
 #include "platform/host/agent.h"
 
 #include "platform/base/log.h"
@@ -154,7 +154,7 @@ Agent::Agent(Loop &loop, mom::Store &store, fp::Manager &manager, std::span<cons
     : impl_(std::make_unique<Impl>(loop, store, manager, module))
 {
     if (!set_port_map(ports)) {
-        log_line(LogLevel::error, "port map: an ifx or a phyid is there twice; the map is not used");
+        log_line(LogLevel::error, "port map: an ifx or a phyid occurs twice; the map is not used");
     }
 }
 
@@ -167,7 +167,7 @@ Agent::~Agent()
 bool Agent::load(std::string &why)
 {
     if (loaded()) {
-        why = "module '" + impl_->module + "': it is loaded already";
+        why = "module '" + impl_->module + "': it is already loaded";
         return false;
     }
     if (!impl_->open(why)) {

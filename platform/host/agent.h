@@ -1,8 +1,8 @@
 // The module in its host: loaded, given its context, and taken out again.
 //
 // A process has one agent, since the module finds its platform functions by
-// their C names. The store, the plane and the other sides stay when the module
-// is unloaded; that is what a restart is.
+// their C names. The store, the plane and the sides stay when the module is
+// unloaded; a restart is an unload and a load.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -19,8 +19,8 @@
 namespace vvl::host
 {
 
-// Where a build and an installation have the module, seen from the executable:
-// ../lib/libudp_vvlan.so.
+// Where a build and an installation keep the module: ../lib/libudp_vvlan.so,
+// relative to the folder of the executable.
 std::string default_module_path();
 
 class Agent
@@ -39,16 +39,16 @@ class Agent
     // nothing is left loaded.
     bool load(std::string &why);
 
-    // Takes its timers, debug commands, callbacks and its store client away,
-    // then unloads it. Nothing to do where it is not loaded.
+    // Removes its timers, debug commands, callbacks and store client, then
+    // unloads it. Does nothing where it is not loaded.
     void unload();
 
     bool loaded() const;
 
-    // Cuts the module's connection to one database, or lets it come back.
+    // Cuts the module's connection to one database, or restores it.
     bool set_store_link(uint32_t db, bool up, std::string &why);
 
-    // Makes the module's number-th store request from now on fail.
+    // Makes one store request of the module fail: 1 is the next one.
     bool refuse_store_request(uint32_t db, uint32_t number, std::string &why);
 
     // Runs a debug command with its one integer argument, if it takes one

@@ -1,7 +1,7 @@
 // The global context and its timers.
 //
 // A timer's record lives in its master's list until it fires or is cancelled,
-// so that no timer can outlive the module whose function it would call.
+// so no timer outlives the module whose function it calls.
 #include "platform/base/log.h"
 #include "platform/host/services.h"
 
@@ -11,7 +11,7 @@ tq_thread_t *tq_thread_master::add(uint64_t delay_us, tq_thread_func_t func, voi
 {
     if (timers_.size() >= TQ_THREAD_TIMER_COUNT_MAX) {
         vvl::log_line(LogLevel::error,
-                      "timer '" + name + "': " + std::to_string(timers_.size()) + " timers are armed already");
+                      "timer '" + name + "': " + std::to_string(timers_.size()) + " timers are already armed");
         return nullptr;
     }
     const uint64_t key = ++last_key_;
@@ -22,7 +22,7 @@ tq_thread_t *tq_thread_master::add(uint64_t delay_us, tq_thread_func_t func, voi
 
 void tq_thread_master::fire(uint64_t key)
 {
-    // Out of the list first: the callback may arm the timer again, or finish the host.
+    // Leaves the list first: the callback may arm the timer again, or finish the host.
     auto timer = std::move(timers_.extract(key).mapped());
     timer->func(&timer->handle);
 }
@@ -63,7 +63,7 @@ void tq_global_finish(void *ctx)
     auto *host = static_cast<vvl::host::HostContext *>(static_cast<tq_global_t *>(ctx)->host);
     if (host != nullptr && !host->finishing) {
         host->finishing = true;
-        vvl::log_line(LogLevel::error, "module: asks the host to finish");
+        vvl::log_line(LogLevel::error, "module: requests that the host finishes");
     }
     vvl::host::flush_zlog();
 }

@@ -1,8 +1,8 @@
 // The registry of debug commands.
 //
-// An argument description decides how the handler is called: one with "void"
-// takes nothing, one with NAME=%d a single int. Anything else is refused at
-// registration, since a handler called through the wrong type is undefined.
+// An argument description decides how the handler is called: with "void" it
+// takes nothing, with NAME=%d a single int. Anything else is refused at
+// registration, since a call through the wrong type is undefined behaviour.
 #include "platform/base/number.h"
 #include "platform/host/services.h"
 
@@ -71,14 +71,14 @@ bool DebugCommands::run(const std::string &name, const std::string &argument, st
     const Command &command = found->second;
     if (command.argument.empty()) {
         if (!argument.empty()) {
-            why = "debug command '" + name + "': takes no argument, given '" + argument + "'";
+            why = "debug command '" + name + "': takes no argument, but got '" + argument + "'";
             return false;
         }
         command.handler();
     } else {
         int64_t value = 0;
         if (!parse_integer(argument, std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), value)) {
-            why = "debug command '" + name + "': " + command.argument + " must be an integer, given '" + argument + "'";
+            why = "debug command '" + name + "': " + command.argument + " must be an integer, not '" + argument + "'";
             return false;
         }
         reinterpret_cast<void (*)(int)>(command.handler)(static_cast<int>(value));

@@ -1,6 +1,6 @@
-// The log on spdlog: one sink, and a logger for each category, so that a line
-// carries the name of the part that wrote it. The platform's own lines have
-// the category "host". zlog's levels are finer than spdlog's: notice is shown
+// The log on spdlog: one sink, and a logger for each category, so each line has
+// the name of the part that wrote it. The platform's own lines have the
+// category "host". zlog's levels are finer than spdlog's: notice is shown
 // as info, fatal as critical.
 #include "platform/host/logging.h"
 
@@ -86,7 +86,7 @@ bool journal_is_listening()
     if (stream == nullptr || fstat(2, &status) != 0) {
         return false;
     }
-    // A service may have redirected its output after the variable was set.
+    // A service may redirect its output after the variable was set.
     return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 

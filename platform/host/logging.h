@@ -1,9 +1,9 @@
 // The daemon's log: the platform's own lines and the module's, on standard
 // error or in a file.
 //
-// Under systemd (JOURNAL_STREAM is set) a line on standard error begins with
-// its syslog priority, "<3>", which the journal takes off and files it under;
-// a time stamp is left out there, since the journal keeps its own.
+// Under systemd (JOURNAL_STREAM is set) a line on standard error begins with its
+// syslog priority, as "<3>", which the journal removes and stores. Such a line
+// has no time stamp, since the journal adds its own.
 #pragma once
 
 #include "platform/base/log.h"
@@ -27,7 +27,7 @@ bool journal_is_listening();
 class Logging
 {
   public:
-    // Null, with the reason in why, where the file cannot be opened.
+    // Null with the reason in why where the file cannot be opened.
     static std::unique_ptr<Logging> open(const LogConfig &config, std::string &why);
     ~Logging(); // flushes; the default sinks take over again
 

@@ -1,4 +1,4 @@
-// A build without the eBPF plane has the same functions, which say so.
+// In a build without the eBPF plane the same functions report that it is missing.
 #include "platform/host/plane_choice.h"
 
 #ifdef VVLAN_HAS_EBPF

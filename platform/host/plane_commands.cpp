@@ -1,5 +1,5 @@
-// Neither command opens the plane, so both work beside a running agent and
-// where the plane could not be opened.
+// No command opens the plane, so they work beside a running agent, and where the
+// plane cannot be opened.
 #include "platform/host/plane_commands.h"
 
 #include "platform/base/exit.h"

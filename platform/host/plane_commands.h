@@ -6,7 +6,7 @@
 namespace vvl::host
 {
 
-// Whose plane: the configuration file's, with the pin folder over its word.
+// Which plane: that of the configuration file; the pin folder overrides the file.
 struct PlaneCommandOptions {
     std::string config_file; // empty: none, and the plane's defaults
     std::string pin_folder;  // empty: the file's
@@ -17,13 +17,13 @@ struct PlaneCommandOptions {
 // exit_failed; exit_refused for a configuration that is wrong.
 int check_plane(const PlaneCommandOptions &options);
 
-// Takes the plane off the interfaces of this network namespace and prints one
-// line for each thing removed. Exit codes as above, with the reason of a
-// failure on standard error; what was removed before it is printed all the same.
+// Removes the plane from the interfaces of this network namespace and prints a
+// line for each thing that it removed, also before a failure. Exit codes as
+// above, with the reason of a failure on standard error.
 int detach_plane(const PlaneCommandOptions &options);
 
 // Prints the plane's counters: one line per port, one per ACE that has acted.
-// Exit codes as above; exit_failed where no plane is there.
+// Exit codes as above; exit_failed where there is no plane.
 int show_counters(const PlaneCommandOptions &options);
 
 } // namespace vvl::host

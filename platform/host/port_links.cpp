@@ -1,6 +1,6 @@
-// A port is attached once for each interface that has its name: the kernel has
-// forgotten what was attached to one that is gone. Where agent and sides are
-// processes of their own, the agent's attaches; the sides follow the links alone.
+// A port is attached once to each interface that gets its name, since the kernel
+// forgets what was attached to an interface that is gone. Where agent and sides
+// are separate processes, only the agent attaches; the sides follow the links.
 #include "platform/host/port_links.h"
 
 #include "platform/base/log.h"
@@ -34,7 +34,7 @@ class WatchedLinks final : public PortLinks
         }
         for (const auto &[interface, port] : ports_) {
             if (watch_.state(interface).ifindex == 0) {
-                log(LogLevel::warn, *port.config, "there is no such interface; the port waits for it");
+                log(LogLevel::warn, *port.config, "the interface does not exist; the port waits for it");
             }
         }
         return true;
@@ -43,7 +43,7 @@ class WatchedLinks final : public PortLinks
   private:
     struct Port {
         const SwitchPort *config;
-        bool attached; // to the interface that has the name now
+        bool attached; // to the interface that has the name
     };
 
     static std::vector<std::string> interfaces_of(const SwitchConfig &config)

@@ -1,4 +1,4 @@
-// Keeps a switch's ports with their network interfaces, which come and go while
+// Attaches a switch's ports to their network interfaces, which come and go while
 // the switch runs.
 #pragma once
 
@@ -17,10 +17,10 @@ class PortLinks
     virtual ~PortLinks() = default;
 };
 
-// Attaches the ports whose interface is there and follows all of them from now
+// Attaches the ports whose interface exists, and follows all interfaces from now
 // on. target: with SwitchConfig::ports_follow_interfaces; outlives the result.
-// A port that cannot be attached is logged, and tried again with the next
-// change of its link. Null with the reason in why where nothing can be followed.
+// A port that cannot be attached is logged, and tried again at the next change
+// of its link. Null with the reason in why where links cannot be followed.
 std::unique_ptr<PortLinks> follow_links(Switch &target, std::string &why);
 
 } // namespace vvl::host

@@ -1,6 +1,5 @@
-// The port-id map: what the host's configuration says about which interface
-// index is which physical port. Two indexes, kept the same size, make it one
-// to one.
+// The port-id map: which interface index is which physical port, as the host's
+// configuration says. Two indexes of the same size make it one to one.
 #include "libddm.h"
 #include "platform/host/services.h"
 

@@ -1,7 +1,6 @@
-// The daemon's life: read everything, start everything, wait for a signal, take
-// everything down in the opposite order. The module may also end the process
-// itself, with its own exit code, where it cannot go on; the service manager
-// starts it again.
+// The daemon's life: read everything, start everything, wait for a signal, stop
+// everything in the opposite order. Where the module cannot continue, it ends the
+// process itself, with its own exit code; the service manager starts it again.
 #include "platform/host/run.h"
 
 #include "platform/base/exit.h"
@@ -28,7 +27,7 @@ bool stop_on_signals(UvLoop &loop, std::string &why)
 {
     for (int signal : {SIGTERM, SIGINT}) {
         if (loop.on_signal(signal, [&loop] { loop.stop(); }) != 0) {
-            why = "signal " + std::to_string(signal) + ": no handler can be set";
+            why = "signal " + std::to_string(signal) + ": cannot set a handler";
             return false;
         }
     }
@@ -70,7 +69,7 @@ bool take_plane_options(const RunOptions &options, HostConfig &config, std::stri
     return true;
 }
 
-// Puts the command line's words over the file's.
+// The command line overrides the file.
 bool take_options(const RunOptions &options, HostConfig &config, std::string &why)
 {
     if (!options.store.empty()) {
@@ -87,13 +86,13 @@ bool take_options(const RunOptions &options, HostConfig &config, std::string &wh
     config.network.has_sides = options.role != "agent";
     const bool is_whole = config.network.has_agent && config.network.has_sides;
     if (!is_whole && config.store == StoreKind::local) {
-        why = "role " + options.role + ": the local store lives in one process; a role of its own needs --store";
+        why = "role " + options.role + ": the local store works in one process only; a separate role needs --store";
         return false;
     }
     return take_plane_options(options, config, why);
 }
 
-// Runs until it is told to stop; false where it could not start.
+// Runs until a signal stops it; false where it cannot start.
 bool run_switch(const HostConfig &config, const oper::Script &startup, std::string &why)
 {
     UvLoop loop;

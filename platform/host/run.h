@@ -1,4 +1,4 @@
-// The daemon: a configuration made into a running switch.
+// The daemon: runs the switch that a configuration describes.
 #pragma once
 
 #include "platform/host/config.h"
@@ -8,7 +8,7 @@
 namespace vvl::host
 {
 
-// What a command line says over the configuration file; empty: nothing.
+// What overrides the configuration file; empty: nothing.
 struct RunOptions {
     std::string config_file;
     std::string store; // "local", or an address of RedisOptions
@@ -26,8 +26,8 @@ int run_daemon(const RunOptions &options);
 // The store of a configuration. Null with the reason in why.
 std::unique_ptr<mom::Store> make_store(const HostConfig &config, std::string &why);
 
-// Checks a configuration file, with its start-up file, and says on standard output that it is good, or
-// on standard error what is wrong. Returns an exit code.
+// Checks a configuration file and its start-up file. Prints to standard output
+// that they are good, or to standard error what is wrong. Returns an exit code.
 int check_config(const std::string &config_file);
 
 } // namespace vvl::host

@@ -1,9 +1,9 @@
 // The host's side of the C services that a module calls: its context, timers,
 // log categories, debug commands and the port-id map.
 //
-// A module finds these functions by their C names, so whatever has no context
-// among its arguments (log, commands, port map) is one per process and is
-// reached here through a function. Timers belong to one context.
+// A module finds these functions by their C names. A service whose functions take
+// no context (log, commands, port map) exists once in a process, and is reached
+// here through a function. Timers belong to one context.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -23,8 +23,8 @@
 #include <utility>
 #include <vector>
 
-// The event-loop master of one context: the module's timers, kept so that
-// they can be listed, and cancelled before the module's code goes away.
+// The event-loop master of one context: keeps the module's timers, so that they
+// can be listed, and cancelled before the module's code is unloaded.
 struct tq_thread_master {
   public:
     explicit tq_thread_master(vvl::Loop &loop) : loop_(loop) {}
@@ -32,7 +32,7 @@ struct tq_thread_master {
     tq_thread_master(const tq_thread_master &) = delete;
     tq_thread_master &operator=(const tq_thread_master &) = delete;
 
-    // Null where TQ_THREAD_TIMER_COUNT_MAX timers are armed already.
+    // Null where TQ_THREAD_TIMER_COUNT_MAX timers are already armed.
     tq_thread_t *add(uint64_t delay_us, tq_thread_func_t func, void *arg, std::string name);
     void cancel_all();
     std::vector<std::string> names() const; // of the armed timers, in the order of arming
@@ -56,8 +56,8 @@ namespace vvl::host
 
 // ---- Context -----------------------------------------------------------
 
-// A context as the host makes it. A module or a store client holds the address
-// of global, so the record does not move.
+// The context that a module gets. The module and its store client hold the
+// address of global, so the record does not move.
 struct HostContext {
     explicit HostContext(Loop &loop) : master(loop), global{this, &master} {}
     HostContext(const HostContext &) = delete;
@@ -70,7 +70,7 @@ struct HostContext {
 
 // ---- Log ---------------------------------------------------------------
 
-// One line of a module, made clean: no line end, control characters as spaces.
+// One line of a module, without line end, with control characters as spaces.
 struct ZlogLine {
     const std::string &category;
     std::string file;
@@ -86,11 +86,11 @@ struct ZlogSink {
     std::function<void()> flush; // may be empty
 };
 
-// Replaces the sink; one without write restores the default, which writes to
-// standard error. Returns the old one.
+// Replaces the sink and returns the old one. A sink without write restores the
+// default, which writes to standard error.
 ZlogSink set_zlog_sink(ZlogSink sink);
 
-// Hands buffered lines on.
+// Writes out buffered lines.
 void flush_zlog();
 
 // ---- Debug commands ----------------------------------------------------
@@ -98,7 +98,7 @@ void flush_zlog();
 class DebugCommands
 {
   public:
-    // As ssat_reg_mod_cmd, with its results. name and argdesc may be null.
+    // Does what ssat_reg_mod_cmd promises, with its results. name and argdesc may be null.
     int add(const char *name, uint32_t flags, const char *argdesc, ssat_handler_t handler);
     void clear() { commands_.clear(); }
 
@@ -122,8 +122,8 @@ DebugCommands &debug_commands(); // the process's registry
 
 // ---- Port-id map -------------------------------------------------------
 
-// Replaces the map. False, with the map as it was, where an ifx or a phyid
-// occurs twice.
+// Replaces the map. Where an ifx or a phyid occurs twice it returns false and
+// changes nothing.
 bool set_port_map(std::span<const PortId> ports);
 
 } // namespace vvl::host

@@ -1,6 +1,5 @@
-// The composition of the switch. Members stand in the order in which each may
-// use the ones before it; they go in the opposite order, so nothing is told of
-// an event by a part that is gone.
+// The composition of the switch. A member may use the members before it. They are
+// destroyed in the opposite order, so no part reports to one that is gone.
 #include "platform/host/switch.h"
 
 #include "platform/base/log.h"
@@ -27,8 +26,8 @@ std::vector<PortId> port_ids(const std::vector<SwitchPort> &ports)
     return ids;
 }
 
-// The parts that listen to the plane. They are made anew for each start,
-// since a side starts only once.
+// The parts that listen to the plane. Each start makes new ones, since a side
+// starts only once.
 struct Sides {
     Sides(mom::Store &store, Loop &loop, fp::DataPlane &p)
         : plane(p), packet(store, loop, p), bridge(store, loop, p), events({&packet, &bridge})
@@ -97,7 +96,7 @@ Switch::~Switch()
 bool Switch::start(std::string &why)
 {
     if (impl_->running) {
-        why = "switch: it is running already";
+        why = "switch: it is already running";
         return false;
     }
     if (impl_->config.has_sides) {

@@ -1,9 +1,9 @@
-// libuv supplies waiting, the clock and signals. The order of tasks and timers
-// is kept here, in the same structures as on the virtual loop, because libuv
-// counts whole milliseconds and promises no order among equal timers: one
-// libuv timer stands for the earliest of ours, and one wake-up handle for the
-// queue of tasks. A handle must not go before its close callback has run, so
-// the destructor closes all of them and runs the loop once more.
+// libuv provides waiting, the clock and signals. Tasks and timers are ordered
+// here, in the same structures as on the virtual loop, because libuv counts whole
+// milliseconds and promises no order among equal timers: one libuv timer serves
+// the earliest of ours, and one wake-up handle the queue of tasks. A handle must
+// live until its close callback has run, so the destructor closes all of them and
+// runs the loop once more.
 #include "platform/host/uv_loop.h"
 
 #include <uv.h>
@@ -44,8 +44,8 @@ struct UvLoop::Impl {
         std::function<void(unsigned ready)> ready;
     };
 
-    // Runs what was queued when the call began; what these tasks post comes
-    // in the next round, so that a task that posts itself cannot starve timers.
+    // Runs the tasks that are queued when the call begins. Tasks that these post
+    // run in the next round, so a task that posts itself cannot starve timers.
     void run_tasks();
     void run_timers();
     void arm();
@@ -103,7 +103,7 @@ void UvLoop::Impl::arm()
 
 UvLoop::UvLoop() : impl_(std::make_unique<Impl>())
 {
-    check(uv_loop_init(&impl_->loop), "cannot be made");
+    check(uv_loop_init(&impl_->loop), "cannot be created");
     check(uv_timer_init(&impl_->loop, &impl_->timer), "timer");
     check(uv_async_init(&impl_->loop, &impl_->wake,
                         [](uv_async_t *handle) { static_cast<Impl *>(handle->data)->run_tasks(); }),
@@ -163,8 +163,8 @@ void UvLoop::cancel_timer(LoopId timer)
     impl_->arm();
 }
 
-// libuv reports a failed descriptor by a status instead of events; whoever reads
-// or writes then learns what is wrong.
+// libuv reports a failed descriptor by a status instead of events; the handler's
+// own read or write then returns the error.
 LoopId UvLoop::watch_fd(int fd, unsigned events, std::function<void(unsigned ready)> ready)
 {
     auto watch = std::make_unique<Impl::Watch>();

@@ -14,7 +14,7 @@ class UvLoop final : public Loop
   public:
     // Throws std::runtime_error where the system refuses what a loop needs.
     UvLoop();
-    ~UvLoop() override; // drops what has not run; not from inside a callback
+    ~UvLoop() override; // drops tasks and timers; must not be called from a callback
 
     uint64_t now_us() const override;
     void post(std::function<void()> task) override;

@@ -1,8 +1,8 @@
 // Log categories and lines of a module.
 //
-// Lines come from foreign code: they may end in a line feed or hold one, and
-// one line in the log must stay one line, so control characters are replaced
-// here, before any sink sees them.
+// The lines come from the module and may contain line feeds, but one line in the
+// log must stay one line. So control characters are replaced here, before a sink
+// gets the line.
 #include "platform/host/services.h"
 
 #include <cstdarg>
@@ -64,7 +64,7 @@ std::string clean_line(std::string text)
     return text;
 }
 
-// The printf text of a format, or the format itself where it is bad.
+// The formatted text, or the format itself where it is malformed.
 std::string format_text(const char *format, va_list args)
 {
     va_list again;

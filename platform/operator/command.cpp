@@ -1,6 +1,6 @@
 // Matches a line against the rows of a grammar. All rows are tried; when none
 // matches, the ones that went furthest say what was expected at that place,
-// which is what the writer of the line wants to know.
+// which is what the writer of the line needs.
 #include "platform/operator/command.h"
 
 #include <algorithm>
@@ -122,7 +122,7 @@ bool match_row(const Grammar &grammar, const CommandRow &row, const std::vector<
         if (!optional) {
             return false;
         }
-        // This part was left out; go on behind it.
+        // This part was left out; continue after it.
         while (i + 1 < pattern.size() && pattern[i + 1].group == pattern[i].group) {
             i++;
         }

@@ -3,7 +3,7 @@
 //
 // A row's pattern is what the help shows: small words stand for themselves,
 // "on|off" for one of its words, words in capitals for a typed argument, and
-// "[...]" at the end for a part that may be left out. A line is parsed and
+// "[...]" for an optional part at the end. A line is parsed and
 // checked completely before anything is done.
 #pragma once
 
@@ -44,7 +44,7 @@ class Arguments
     void add(Argument argument) { list_.push_back(std::move(argument)); }
     // The first argument of this name, or null where it was left out.
     const Argument *find(std::string_view name) const;
-    // The same where the pattern demands it: name must have been given.
+    // The same for an argument that the pattern requires.
     const Argument &operator[](std::string_view name) const { return *find(name); }
     const std::vector<Argument> &list() const { return list_; }
 
@@ -52,7 +52,7 @@ class Arguments
     std::vector<Argument> list_; // in the order of the pattern
 };
 
-// What a command acts on; a row's run uses what it needs of it.
+// What a command acts on. Each row uses the member that it needs.
 struct CommandContext {
     Operator *op = nullptr;            // rows of operator_commands()
     sim::Simulation *sim = nullptr;    // rows of sim_commands()
@@ -64,9 +64,9 @@ struct CommandRow {
     const char *help;
     // Carries the command out. On failure why is the reason, and nothing has changed.
     bool (*run)(CommandContext &context, const Arguments &args, std::string &why);
-    // Checks what no single argument's type can (null: nothing to check).
+    // Checks what the type of a single argument cannot check (null: nothing).
     bool (*check)(const Arguments &args, std::string &why) = nullptr;
-    bool declaration = false; // belongs before the first other command
+    bool declaration = false; // must come before the first other command
 };
 
 struct Grammar;

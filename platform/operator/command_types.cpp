@@ -1,6 +1,5 @@
-// The readers of typed arguments. Each reads the whole word or refuses it with
-// a reason that quotes it; a range is checked here, so that nothing behind the
-// parser checks it again.
+// The readers of typed arguments. Each reads the whole word, or refuses it with
+// a reason that quotes it. Ranges are checked here and nowhere after the parser.
 #include "platform/base/number.h"
 #include "platform/operator/command.h"
 
@@ -18,7 +17,7 @@ struct TimeUnit {
     const char *name;
     int64_t us;
 };
-// The longer name first where one ends with another: what is left of "5ms" is no number of "s".
+// In any order: "5ms" also ends with "s", but "5m" is not a number.
 constexpr TimeUnit time_units[] = {
     {"us", 1}, {"ms", 1'000}, {"s", 1'000'000}, {"m", 60'000'000}, {"h", 3'600'000'000}, {"d", 86'400'000'000},
 };
@@ -37,7 +36,7 @@ bool parse_oui(const std::string &text, Mac &mac, Mac &mask, std::string &why)
     Mac address{};
     Mac parsed_mask{};
     if (slash == std::string::npos || !parse_mac(text.substr(0, slash), address)) {
-        why = "'" + text + "' is no OUI: expected ADDRESS/BITS or ADDRESS/MASK, as in 00:04:76:00:00:00/24";
+        why = "'" + text + "' is not an OUI: expected ADDRESS/BITS or ADDRESS/MASK, as in 00:04:76:00:00:00/24";
         return false;
     }
     const std::string rest = text.substr(slash + 1);
@@ -117,7 +116,7 @@ bool read_time(const ArgumentType &, const Grammar &, const std::string &text, A
         argument.number = static_cast<uint64_t>(count * unit.us);
         return true;
     }
-    why = "'" + text + "' is no time: expected a number with us, ms, s, m, h or d, as in 30s";
+    why = "'" + text + "' is not a time: expected a number with us, ms, s, m, h or d, as in 30s";
     return false;
 }
 
@@ -132,7 +131,7 @@ bool read_range(const ArgumentType &type, const Grammar &grammar, const std::str
     const size_t dots = text.find("..");
     Argument last;
     if (dots == std::string::npos) {
-        why = "'" + text + "' is no range: expected FIRST..LAST";
+        why = "'" + text + "' is not a range: expected FIRST..LAST";
         return false;
     }
     if (!read_number(type, grammar, text.substr(0, dots), argument, why) ||

@@ -1,6 +1,6 @@
 // The global configuration is one object shared by several settings, so each
-// setting writes its own field and leaves the others alone; OUIs and ports are
-// objects of their own and are written whole.
+// setting writes its own field and does not change the others. OUIs and ports
+// are objects of their own and are written whole.
 #include "platform/operator/operator.h"
 
 #include "platform/mom/databases.h"

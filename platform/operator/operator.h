@@ -19,12 +19,12 @@ class Operator
     // store and loop outlive the operator.
     Operator(mom::Store &store, Loop &loop) : client_(store, loop, "operator") {}
 
-    // Connects to the configuration database. Once only. Until it succeeds the
-    // calls below fail.
+    // Connects to the configuration database, once. The calls below fail until
+    // it has succeeded.
     bool connect(std::string &why);
 
-    // Each writes one object, or some fields of the global one. The arguments
-    // are in range already. On failure why names the object and the reason.
+    // Each writes one object, or some fields of the global one. The caller has
+    // checked the ranges. On failure why names the object and the reason.
     bool set_vlan(uint32_t vlan, bool on, std::string &why); // 1 to 4094
     bool set_security(bool on, std::string &why);
     bool set_age(uint32_t minutes, std::string &why);            // 0 to 65535
@@ -33,12 +33,12 @@ class Operator
     bool set_port(uint32_t ifx, bool enabled, bool automatic, std::string &why);
     bool delete_port(uint32_t ifx, std::string &why);
 
-    // The mode that the port's configuration holds: automatic where it has none.
+    // The mode in the port's configuration; automatic where the port has none.
     bool port_is_automatic(uint32_t ifx);
 
-    // Writes that the store has accepted and not yet answered, and those that it
-    // answered with a refusal. Where the connection is lost, what was on its way
-    // stays unanswered.
+    // The number of writes that the store has not answered yet, and of those that
+    // it has refused. Writes that were under way when the connection was lost
+    // stay unanswered.
     size_t unanswered() const { return sent_ - answered_; }
     size_t refused() const { return refused_; }
 

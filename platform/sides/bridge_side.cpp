@@ -178,12 +178,13 @@ void BridgeSide::register_vlan(uint32_t vid)
 {
     if (!is_vlan(vid)) {
         counters_.refused++;
-        log_line(LogLevel::warn, "bridge side: registration of VLAN " + std::to_string(vid) + ", not 1 to 4094");
+        log_line(LogLevel::warn,
+                 "bridge side: registration of VLAN " + std::to_string(vid) + ", which is not 1 to 4094");
         return;
     }
     const auto vlan = static_cast<uint16_t>(vid);
-    // A registration that is known already is no exception: listed by a scan,
-    // its notifications need their stale marks cleared.
+    // This includes a VLAN that is registered already: when a scan lists it, its
+    // notifications must be written again to lose their stale marks.
     vlans_.insert(vlan);
     write_vlan(vlan, true);
 }
@@ -256,8 +257,8 @@ void BridgeSide::arm_aging()
     aging_timer_ = loop_.add_timer(due_us > now_us ? due_us - now_us : 0, [this] { age(); });
 }
 
-// Addresses that were seen since the timer was armed have moved to the end of
-// the list; what is due stands at its front.
+// An address that is seen moves to the end of the list, so those that are due
+// are at its front.
 void BridgeSide::age()
 {
     aging_timer_ = 0;

@@ -1,11 +1,11 @@
-// The bridge side: the learned-address table, and its copy in the store for
-// the VLANs that somebody asked for.
+// The bridge side: the table of learned addresses, and its copy in the store for
+// the registered VLANs.
 //
-// The table holds every source address that the plane reports, in any VLAN,
-// until it has not been seen for the aging time or its port loses its link.
-// For a VLAN with a registration (u_bridge.mac_vid_reg, database 6) each entry
-// is also kept as a u_bridge.mac_vid_reg_noti. What an earlier run left there
-// is swept at the start, and after each lost connection, by a data-sync cycle.
+// The table holds every source address that the plane reports, in any VLAN. An
+// address leaves it after the aging time without a frame, or when its port loses
+// its link. For a VLAN with a registration (u_bridge.mac_vid_reg, database 6)
+// each entry is also a u_bridge.mac_vid_reg_noti in the store. A data-sync cycle
+// removes outdated ones at the start and after each lost connection.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -21,7 +21,7 @@
 namespace vvl::sides
 {
 
-constexpr size_t learned_count_max = 16384; // addresses; a further one is not learned, and counted
+constexpr size_t learned_count_max = 16384; // addresses; further ones are counted and not learned
 
 // The aging time that IEEE 802.1Q recommends for learned addresses.
 constexpr uint64_t bridge_age_default_us = 300'000'000;
@@ -33,7 +33,7 @@ struct BridgeCounters {
     uint64_t lost = 0;         // addresses of ports that lost their link
     uint64_t full = 0;         // addresses not learned at learned_count_max
     uint64_t refused = 0;      // group addresses, VLANs outside 1 to 4094, ports outside the port-id map
-    uint64_t write_failed = 0; // notifications that the store refused; the next resynchronisation mends them
+    uint64_t write_failed = 0; // notifications that the store refused; the next resynchronisation repairs this
 };
 
 class BridgeSide final : public fp::PlaneEvents
@@ -46,11 +46,11 @@ class BridgeSide final : public fp::PlaneEvents
     BridgeSide(const BridgeSide &) = delete;
     BridgeSide &operator=(const BridgeSide &) = delete;
 
-    // Connects to database 6; the rest follows from the loop. On failure why
-    // names the database and the reason, and the side does nothing. Once only.
+    // Connects to database 6, once; the loop does the rest. On failure why names
+    // the database and the reason, and the side does nothing.
     bool start(std::string &why);
 
-    // The port lost its link: its addresses are gone.
+    // The port has lost its link: forgets its addresses.
     void link_lost(uint32_t phyid);
 
     void voice_trapped(uint32_t, const Mac &, std::span<const uint8_t>) override {}

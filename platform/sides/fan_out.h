@@ -1,6 +1,5 @@
-// Hands each event of the plane to every part that listens: a plane knows one
-// listener, but trapped frames concern the packet side and seen addresses the
-// bridge side.
+// Hands each event of the plane to every listener: a plane knows one listener,
+// but the packet side needs the trapped frames and the bridge side the addresses.
 #pragma once
 
 #include "platform/fp/plane.h"

@@ -1,7 +1,7 @@
-// Order matters twice. The events are subscribed to before the state is asked
-// for, so nothing falls between the two; an event that is older than the answer
-// does no harm, since those that followed it come too. Where events were lost
-// that does not hold, so the socket is read empty before the query.
+// Order matters twice. The watch subscribes to events before it queries the
+// state, so no change is missed between the two. An event that is older than the
+// answer does no harm, since the events that followed it come too. Where events
+// were lost that is not true, so the socket is read empty before the query.
 #include "platform/sides/link_watch.h"
 
 #include "platform/base/log.h"
@@ -18,7 +18,7 @@
 namespace vvl::sides
 {
 
-// A link as a message tells of it.
+// A link as a message describes it.
 struct LinkMessage {
     bool present = false;
     uint32_t ifindex = 0;
@@ -30,7 +30,7 @@ namespace
 {
 
 constexpr size_t datagram_size_max = 32768; // the kernel fills no more of a larger buffer
-constexpr timeval answer_limit = {1, 0};    // the kernel answers while it is asked
+constexpr timeval answer_limit = {1, 0};    // the kernel answers at once
 
 // Switched on, with a carrier, and not held back, as 802.1X may do.
 constexpr uint32_t flags_of_link_up = IFF_UP | IFF_LOWER_UP | IFF_RUNNING;
@@ -55,8 +55,8 @@ int take_name(const nlattr *attribute, void *name)
     return MNL_CB_OK;
 }
 
-// What a message tells of a link; nothing where it tells of something else.
-// Returns false for a wrong one.
+// The link that a message describes; none where it is about something else.
+// Returns false for a malformed message.
 bool decode(const nlmsghdr *message, std::optional<LinkMessage> &link)
 {
     if (message->nlmsg_type != RTM_NEWLINK && message->nlmsg_type != RTM_DELLINK) {
@@ -67,8 +67,8 @@ bool decode(const nlmsghdr *message, std::optional<LinkMessage> &link)
         return false;
     }
     std::memcpy(&info, mnl_nlmsg_get_payload(message), sizeof(info));
-    // A bridge tells of its ports in the same messages; "deleted" is then a
-    // port that leaves it.
+    // A bridge reports its ports in the same messages; there, "deleted" is a port
+    // that leaves the bridge.
     if (info.ifi_family != AF_UNSPEC) {
         return true;
     }
@@ -83,8 +83,8 @@ bool decode(const nlmsghdr *message, std::optional<LinkMessage> &link)
     return true;
 }
 
-// Calls each for the messages of a datagram. Returns false where bytes are left
-// that are no message.
+// Calls each for the messages of a datagram. Returns false where other bytes
+// are left.
 template <typename Each> bool for_each_message(std::span<const uint8_t> datagram, Each each)
 {
     const auto *message = reinterpret_cast<const nlmsghdr *>(datagram.data());
@@ -132,7 +132,7 @@ bool read_list(mnl_socket *socket, LinkList &list, std::string &why)
 {
     setsockopt(mnl_socket_get_fd(socket), SOL_SOCKET, SO_RCVTIMEO, &answer_limit, sizeof(answer_limit));
     if (!send_query(socket)) {
-        why = reason_of("cannot ask for the links");
+        why = reason_of("cannot query the links");
         return false;
     }
     Buffer buffer;
@@ -215,7 +215,7 @@ LinkWatch::Socket LinkWatch::open_socket(int flags, std::string &why)
 {
     Socket socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | flags));
     if (socket == nullptr || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
-        why = reason_of("no netlink socket");
+        why = reason_of("cannot open a netlink socket");
         return nullptr;
     }
     return socket;
@@ -229,7 +229,7 @@ void LinkWatch::read_events()
         if (size >= 0) {
             take({buffer.bytes, static_cast<size_t>(size)});
         } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            missed_ = true; // ENOBUFS: they came faster than they were read
+            missed_ = true; // ENOBUFS: events came faster than they were read
         } else {
             if (missed_) {
                 missed_ = false;
@@ -266,7 +266,7 @@ bool LinkWatch::query_all(std::string &why)
             return true;
         }
     }
-    why = "link watch: the list of links changed each time that it was read";
+    why = "link watch: the list of links changed each time it was read";
     return false;
 }
 

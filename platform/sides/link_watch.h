@@ -1,14 +1,15 @@
-// The links of named network interfaces, as the kernel tells of them: whether
-// an interface of that name is there, and whether its link is up.
+// The links of named network interfaces, as the kernel reports them: whether an
+// interface of that name exists, and whether its link is up.
 //
-// Events come over one netlink socket; the state of everything is asked for
-// over another one, at the start and whenever events may have been lost.
-// An interface is known by its name; one that is deleted and made again, moved
-// to another namespace or renamed is another one, and the old one is reported
-// gone first. Interfaces are those of the namespace in which start() was called.
+// Events come over one netlink socket. The state of all links is queried over
+// another one, at the start and whenever events may have been lost. An interface
+// is known by its name. One that was deleted and made again, moved to another
+// namespace or renamed is a different interface, and the old one is reported
+// gone first. The interfaces are those of the namespace in which start() was
+// called.
 //
-// Limits: a burst of events that the socket has no room for is made good by
-// asking for everything again, so only what was undone meanwhile goes unseen.
+// Limits: after a burst of events that the socket has no room for, the state is
+// queried again, so a change that was undone meanwhile is not seen.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -28,7 +29,7 @@ namespace vvl::sides
 
 struct LinkMessage;
 
-constexpr int link_events_per_turn_max = 64;        // datagrams read before other work has its turn
+constexpr int link_events_per_turn_max = 64;        // datagrams that are read before other work is done
 constexpr int link_query_tries_max = 8;             // a list that changes while it is read is read again
 constexpr uint64_t link_query_retry_us = 1'000'000; // after a query that failed
 
@@ -39,14 +40,14 @@ struct LinkState {
 };
 
 struct LinkCounters {
-    uint64_t refused = 0; // messages that were wrong or too short, and skipped
-    uint64_t queries = 0; // times that the state of everything was asked for
+    uint64_t refused = 0; // malformed messages, which were skipped
+    uint64_t queries = 0; // how often the state of all links was queried
 };
 
 class LinkWatch
 {
   public:
-    // Told of each change. May not destroy the watch.
+    // Called for each change. Must not destroy the watch.
     using Changed = std::function<void(const std::string &interface, const LinkState &state)>;
 
     // The loop outlives the watch. Nothing is watched before start().
@@ -56,17 +57,17 @@ class LinkWatch
     LinkWatch(const LinkWatch &) = delete;
     LinkWatch &operator=(const LinkWatch &) = delete;
 
-    // Tells of every interface that is there before it returns; the rest comes
-    // from the loop. On failure why names the step and the reason. Once only.
+    // Reports every interface that exists before it returns; later changes are
+    // reported from the loop. On failure why names the step and the reason. Once.
     bool start(std::string &why);
 
-    // What was told of last; no interface for a name that is not watched.
+    // What was reported last; no interface for a name that is not watched.
     LinkState state(const std::string &interface) const;
 
     const LinkCounters &counters() const { return counters_; }
 
-    // Acts on a datagram of events, which lies aligned as struct nlmsghdr. The
-    // watch calls it with what the kernel sends.
+    // Handles a datagram of events, aligned as struct nlmsghdr. The watch calls it
+    // with what the kernel sends.
     void take(std::span<const uint8_t> datagram);
 
   private:

@@ -1,12 +1,12 @@
 // The packet side: turns a trapped voice frame into a port notification.
 //
 // While the trap object of a port (u_bridge.vvlan_port_cfg, database 8) is in
-// the store, the plane copies the port's voice frames here, and the first of
-// them is published as s_bridge.vvlan_port_noty in database 0. Publishing each
-// frame would flood the store at line rate, so a port stays silent then until
-// its trap object is set again. A notification is not stored, though, and may
-// find nobody who listens, as while the agent is restarted; so a port whose
-// trap object still stands after renotify_interval_us is notified again.
+// the store, the plane copies the port's voice frames here. The first of them is
+// published as s_bridge.vvlan_port_noty in database 0. Publishing every frame
+// would flood the store at line rate, so nothing more is published for the port
+// until its trap object is set again. But a notification is not stored, and is
+// lost where nobody listens, as during a restart of the agent. So the next frame
+// after renotify_interval_us is published too, if the trap object is still there.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -20,7 +20,7 @@ namespace vvl::sides
 {
 
 constexpr uint64_t renotify_interval_us = 5'000'000;
-constexpr size_t trap_count_max = 4096; // trapped ports; a further one is refused, logged and counted
+constexpr size_t trap_count_max = 4096; // trapped ports; further ones are refused, logged and counted
 
 struct PacketCounters {
     uint64_t published = 0;      // notifications handed to the store
@@ -39,8 +39,8 @@ class PacketSide final : public fp::PlaneEvents
     PacketSide(const PacketSide &) = delete;
     PacketSide &operator=(const PacketSide &) = delete;
 
-    // Connects to databases 8 and 0; the traps follow from the loop. On failure
-    // why names the database and the reason, and the side does nothing. Once only.
+    // Connects to databases 8 and 0, once; the loop sets the traps. On failure why
+    // names the database and the reason, and the side does nothing.
     bool start(std::string &why);
 
     void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) override;
@@ -61,7 +61,7 @@ class PacketSide final : public fp::PlaneEvents
 
     fp::Plane &plane_;
     Loop &loop_;
-    std::map<uint32_t, uint64_t> traps_; // by phyid; loop time from which on a voice frame is published
+    std::map<uint32_t, uint64_t> traps_; // by phyid; loop time from which a voice frame is published
     PacketCounters counters_;
     mom::OwnedClient client_; // goes first: its callbacks use the others
 };

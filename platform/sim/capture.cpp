@@ -1,6 +1,5 @@
-// A capture that is damaged half-way would otherwise play its first half and
-// leave the switch in a state that nobody asked for, so it is read to its end
-// first.
+// A capture is read to its end before it is played. Otherwise the first half of
+// a damaged one would leave the switch in a state that nobody wants.
 #include "platform/sim/capture.h"
 
 #include <cerrno>
@@ -42,7 +41,7 @@ Pcap open_capture(const std::string &path, std::string &why)
     return pcap;
 }
 
-// Empty where the frame is fit for use.
+// What is wrong with a frame; empty where nothing is.
 std::string fault_of(const pcap_pkthdr &header, size_t size_so_far)
 {
     if (header.len > capture_frame_size_max || header.caplen > capture_frame_size_max) {
@@ -53,7 +52,7 @@ std::string fault_of(const pcap_pkthdr &header, size_t size_so_far)
                " bytes were captured";
     }
     if (size_so_far + header.caplen > capture_size_max) {
-        return "takes the capture over " + std::to_string(capture_size_max) + " bytes";
+        return "makes the capture larger than " + std::to_string(capture_size_max) + " bytes";
     }
     return "";
 }
@@ -90,7 +89,7 @@ bool read_capture(const std::string &path, Capture &capture, std::string &why)
         size += header->caplen;
     }
     if (rv != PCAP_ERROR_BREAK || frames.empty()) {
-        why = path + ": " + (rv != PCAP_ERROR_BREAK ? pcap_geterr(pcap.get()) : "holds no frame");
+        why = path + ": " + (rv != PCAP_ERROR_BREAK ? pcap_geterr(pcap.get()) : "contains no frame");
         return false;
     }
     capture = std::move(frames);

@@ -1,4 +1,4 @@
-// Capture files: read whole before a frame is used, and written frame by frame.
+// Capture files: read completely before a frame is used, and written frame by frame.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +20,10 @@ struct CaptureFrame {
 
 using Capture = std::vector<CaptureFrame>;
 
-// Reads an Ethernet capture (pcap or pcapng). A frame that was captured in
-// part, or is larger than the limit, a damaged file and an empty one fail; why
-// is then "PATH: reason" and capture is unchanged. A frame that is older than
-// the one before it, as captures from several interfaces hold, is given that
-// one's time.
+// Reads an Ethernet capture (pcap or pcapng). Fails where a frame is incomplete or
+// larger than the limit, and where the file is damaged or empty; why is then
+// "PATH: reason" and capture is unchanged. A frame that is older than the one
+// before it, as happens with several interfaces, gets the time of that one.
 bool read_capture(const std::string &path, Capture &capture, std::string &why);
 
 class CaptureWriter
@@ -35,10 +34,10 @@ class CaptureWriter
     CaptureWriter(const CaptureWriter &) = delete;
     CaptureWriter &operator=(const CaptureWriter &) = delete;
 
-    // Creates the file, or empties it. why as of read_capture.
+    // Creates the file, or empties it. why as for read_capture.
     bool open(const std::string &path, std::string &why);
     void write(uint64_t time_us, std::span<const uint8_t> frame);
-    // False where a write failed, with the reason. Nothing to do without open().
+    // False with the reason where a write failed. Does nothing without open().
     bool close(std::string &why);
 
   private:

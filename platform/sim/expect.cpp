@@ -150,7 +150,7 @@ bool check_key(const Arguments &args, std::string &why)
     const std::string &type = args["TYPE"].text;
     const std::string &key = args["KEY"].text;
     if (make_keyed(*find_named_type(type), key) == nullptr) {
-        why = "'" + key + "' is no key of " + type;
+        why = "'" + key + "' is not a key of " + type;
         return false;
     }
     return true;

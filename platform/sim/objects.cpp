@@ -1,4 +1,4 @@
-// The types that an expectation may name, with the databases they live in.
+// The types that an expectation may name, with their databases.
 #include "platform/sim/objects.h"
 
 #include "platform/mom/databases.h"

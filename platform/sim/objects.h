@@ -22,8 +22,8 @@ const NamedType *find_named_type(std::string_view name);
 extern const char *const named_type_words;
 
 // An object of the type with this key and nothing else. The key is the store's
-// text for it (keys.h), or an OUI as an operator writes it. Null where it is no
-// key of the type.
+// text for it (keys.h), or an OUI as an operator writes it. Null where it is not
+// a key of the type.
 mom::MessagePtr make_keyed(const NamedType &type, const std::string &key);
 
 } // namespace vvl::sim

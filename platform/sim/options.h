@@ -17,7 +17,7 @@ struct SimOptions {
     std::string module;      // path of the module's shared object
     std::string capture_out; // path of a capture for the frames that leave; empty: none
     SimColor color = SimColor::automatic;
-    // Makes the object store; empty: one in this process. Null with the reason in why.
+    // Makes the object store, or returns null with the reason in why. Empty: a store in this process.
     std::function<std::unique_ptr<mom::Store>(std::string &why)> make_store = {};
 };
 

@@ -1,6 +1,5 @@
-// Deterministic by construction: one loop, one clock that moves only here, and
-// captures that enter in the order in which they were started where their
-// frames have the same time.
+// A run is deterministic: there is one loop, one clock that moves only here, and
+// frames with the same time enter in the order in which their captures started.
 #include "platform/sim/runner.h"
 
 #include "platform/mom/databases.h"
@@ -46,7 +45,7 @@ Simulation::Simulation(const Scenario &scenario, const SimOptions &options, std:
 Simulation::~Simulation()
 {
     switch_.stop();
-    loop_.clear(); // nothing may run while the members go
+    loop_.clear(); // nothing may run while the members are destroyed
 }
 
 bool Simulation::run(std::string &why)
@@ -123,7 +122,7 @@ bool Simulation::play(const std::string &file, uint32_t ifx, uint64_t skip_us, b
     frames.erase(frames.begin(), std::find_if(frames.begin(), frames.end(),
                                               [&](const CaptureFrame &frame) { return frame.time_us >= skip_us; }));
     if (frames.empty()) {
-        why = file + ": holds no frame after that time";
+        why = file + ": contains no frame after that time";
         return false;
     }
     for (CaptureFrame &frame : frames) {
@@ -177,7 +176,7 @@ void Simulation::wait(uint64_t delta_us)
 bool Simulation::start_module(std::string &why)
 {
     if (switch_.agent().loaded()) {
-        why = "the module is loaded already";
+        why = "the module is already loaded";
         return false;
     }
     return switch_.agent().load(why);
@@ -224,7 +223,7 @@ bool Simulation::debug(const std::string &name, const std::string &argument, std
     if (!switch_.agent().run_debug_command(name, argument, why)) {
         return false;
     }
-    Timeline::print(""); // a dump may end without a line end
+    Timeline::print(""); // a dump may lack its last line end
     return true;
 }
 

@@ -1,9 +1,9 @@
 // Runs a scenario: a switch on the virtual clock, an operator, an observer,
 // and the commands that only a simulation has.
 //
-// After each command the loop runs until nothing is pending, so a command
-// finds the switch settled. Time passes only while a capture plays or a
-// command waits.
+// After each command the loop runs until nothing is pending, so the next command
+// finds a settled switch. Time passes only while a capture plays or a command
+// waits.
 #pragma once
 
 #include "platform/base/virtual_loop.h"
@@ -26,8 +26,8 @@ namespace vvl::sim
 class Simulation
 {
   public:
-    // store: that the switch meets in. color: whether the timeline is coloured.
-    // scenario and options outlive the simulation.
+    // store: the switch's. color: whether the timeline is coloured. scenario and
+    // options outlive the simulation.
     Simulation(const Scenario &scenario, const SimOptions &options, std::unique_ptr<mom::Store> store, bool color);
     ~Simulation();
     Simulation(const Simulation &) = delete;
@@ -39,8 +39,8 @@ class Simulation
 
     // ---- For the commands; why is the reason alone ----
 
-    // Plays the capture into the port, without the frames of its first
-    // skip_us. In the background, time does not pass for it.
+    // Plays the capture into the port, without the frames of its first skip_us.
+    // In the background, the call does not wait for the end of the capture.
     bool play(const std::string &file, uint32_t ifx, uint64_t skip_us, bool background, std::string &why);
     void wait(uint64_t delta_us);
     bool start_module(std::string &why);
@@ -86,8 +86,8 @@ class Simulation
     std::set<uint32_t> tagged_;  // ... and their first tagged one
 };
 
-// The rows that need CommandContext::sim: the simulator's own, and the
-// expectations. Their types stand beside them.
+// The rows that need CommandContext::sim, with their types: the simulator's own,
+// and the expectations.
 std::span<const oper::CommandRow> sim_commands();
 std::span<const oper::ArgumentType> sim_types();
 std::span<const oper::CommandRow> expect_commands();

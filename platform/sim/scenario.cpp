@@ -1,5 +1,5 @@
-// Declarations act while the file is read: the ports that exist decide whether
-// a later line is right.
+// Declarations act while the file is read, since a later line is checked against
+// the ports that exist.
 #include "platform/sim/scenario.h"
 
 #include "platform/operator/script.h"
@@ -16,7 +16,7 @@ constexpr uint32_t default_access_count = 8;
 constexpr uint32_t default_uplink = 24;
 constexpr uint32_t default_phyid_base = 0x100;
 
-// The line without comment and surplus spaces, for the timeline.
+// The line without comment and extra spaces, for the timeline.
 std::string tidy(const std::string &line)
 {
     std::vector<std::string> words;
@@ -29,7 +29,7 @@ std::string tidy(const std::string &line)
     return text;
 }
 
-// Refuses a change after which two ports would share a physical port.
+// Refuses a change that makes two ports share a physical port, or exceeds the limit.
 bool accept(CommandContext &context, const Scenario &changed, std::string &why)
 {
     const auto ports = changed.ports();
@@ -84,7 +84,7 @@ bool declare_uplink(CommandContext &context, const Arguments &args, std::string 
 }
 
 constexpr CommandRow rows[] = {
-    {"ports RANGE", "declare ports, before all else (default: 1..8)", declare_ports, nullptr, true},
+    {"ports RANGE", "declare ports, before all other commands (default: 1..8)", declare_ports, nullptr, true},
     {"port-map IFX PHYID", "declare a port with its physical port id", declare_port_map, nullptr, true},
     {"uplink IFX", "declare a port towards the network (default: 24)", declare_uplink, nullptr, true},
 };
@@ -109,7 +109,7 @@ bool add_line(const std::string &line, size_t number, Grammar &grammar, Scenario
         return true;
     }
     if (!scenario.steps.empty()) {
-        why = "a declaration belongs before the first command";
+        why = "a declaration must come before the first command";
         return false;
     }
     CommandContext context{nullptr, nullptr, &scenario};

@@ -1,4 +1,4 @@
-// A scenario, read and checked completely before any of it is run.
+// A scenario, which is read and checked completely before it runs.
 #pragma once
 
 #include "platform/host/switch.h"
@@ -16,7 +16,7 @@ constexpr uint32_t scenario_port_count_max = 1024;
 
 struct ScenarioStep {
     size_t line;      // from 1
-    std::string text; // without comment and surplus spaces
+    std::string text; // without comment and extra spaces
     oper::Command command;
 };
 
@@ -27,7 +27,7 @@ struct Scenario {
     std::map<uint32_t, uint32_t> phyids; // ifx -> phyid, where declared; others: 0x100 + ifx
     std::vector<ScenarioStep> steps;
 
-    // The ports that the declarations add up to, by ascending ifx.
+    // All declared ports, by ascending ifx.
     std::vector<host::SwitchPort> ports() const;
 };
 
@@ -35,7 +35,7 @@ struct Scenario {
 std::span<const oper::CommandRow> declaration_commands();
 std::span<const oper::ArgumentType> declaration_types();
 
-// Reads the file. grammar holds the rows; its ports are set on the way. On
+// Reads the file. grammar has the rows; the call sets its ports. On
 // failure why is "FILE:LINE: reason" or, for the whole file, "FILE: reason".
 bool read_scenario(const std::string &path, oper::Grammar &grammar, Scenario &scenario, std::string &why);
 

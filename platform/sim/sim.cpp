@@ -1,5 +1,5 @@
-// What vvland's "sim" does around a scenario: reads it, quietens the logs to
-// what a reader of a timeline wants, runs it, and says how it ended.
+// What vvland's "sim" does around a scenario: reads it, limits the logs to what a
+// reader of a timeline needs, runs it, and prints how it ended.
 #include "platform/sim/sim.h"
 
 #include "platform/base/exit.h"
@@ -16,8 +16,8 @@ namespace vvl::sim
 namespace
 {
 
-// Errors and warnings go to standard error; the timeline tells the rest.
-// Restores the sinks when the run is over.
+// Writes errors and warnings to standard error; the timeline has the rest.
+// Restores the sinks at the end of the run.
 class QuietLogs
 {
   public:

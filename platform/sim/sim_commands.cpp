@@ -67,13 +67,13 @@ bool run_show_tables(CommandContext &context, const Arguments &, std::string &)
 
 constexpr CommandRow rows[] = {
     {"play FILE port PORT [from TIME] [background]", "send a capture into a port; from: skips its beginning", run_play},
-    {"link PORT down|up", "pull a port's plug, or put it back", run_link},
+    {"link PORT down|up", "take a port's link down, or bring it up", run_link},
     {"wait TIME", "let time pass", run_wait},
     {"restart", "unload the module and load it again; the store stays", run_restart},
     {"stop", "unload the module", run_stop},
     {"start", "load the module", run_start},
     {"store down|up DB", "cut the module's connection to the store, or restore it", run_store},
-    {"store refuse DB NTH", "make the module's NTH store request from now on fail", run_store_refuse},
+    {"store refuse DB NTH", "make one store request of the module fail: 1 is the next", run_store_refuse},
     {"debug NAME [NUMBER]", "run a debug command of the module", run_debug},
     {"show tables", "print the module's tables", run_show_tables},
 };

@@ -1,6 +1,6 @@
-// Each followed type is a row: where it lives and how a change of it reads.
-// The line of a removal is made from the object as it was last seen, since a
-// removal names no more than the key.
+// Each followed type is a row: its database, and the text for a change of it. The
+// text for a removal is made from the object as it was last seen, since a removal
+// names only the key.
 #include "platform/sim/timeline.h"
 
 #include "platform/mom/databases.h"

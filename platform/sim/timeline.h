@@ -1,8 +1,8 @@
 // The timeline: one line per event with the virtual time, on standard output,
-// and the observer that makes lines of what changes in the store.
+// and the observer that writes a line for each change in the store.
 //
-// The module's dumps print to C's standard output, so everything here does as
-// well; otherwise the lines would not stay in order.
+// Everything here prints to C's standard output, as the module's dumps do, so
+// that the lines stay in order.
 #pragma once
 
 #include "platform/base/loop.h"
@@ -20,7 +20,7 @@ enum class LineKind : uint8_t {
     command, // of the scenario
     event,   // something happened in the switch
     alarm,   // something failed there
-    note,    // the simulator's own remark
+    note,    // a remark of the simulator
 };
 
 // "1d 00:05:00.000000"
@@ -62,8 +62,8 @@ class Observer
   private:
     static int on_change(void *ctx, tq_mom_record_t *record, void *user);
 
-    // A followed type, with what is known to be in the store. An object that
-    // is written again unchanged makes no line.
+    // A followed type, with its known objects. An object that is written again
+    // without a change makes no line.
     struct Follow {
         Observer *observer;
         size_t row;                                 // in the table of timeline.cpp

@@ -75,7 +75,7 @@ TEST_F(CaptureTest, DamagedOrUnfitFileIsRefusedWithItsReason)
     const std::string good = sample();
     EXPECT_EQ(refusal(patch(good, 0, 0x12345678)), "unknown file format");
     EXPECT_EQ(refusal(patch(good, link_type_at, 113)), "link type LINUX_SLL is not Ethernet");
-    EXPECT_EQ(refusal(good.substr(0, file_header_size)), "holds no frame");
+    EXPECT_EQ(refusal(good.substr(0, file_header_size)), "contains no frame");
     EXPECT_NE(refusal(good.substr(0, 10)).find("truncated"), std::string::npos);
     // Cut within a frame, and within the header of one.
     EXPECT_NE(refusal(good.substr(0, good.size() - 1)).find("truncated"), std::string::npos);

@@ -37,7 +37,7 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
     {"port 3 auto", "port 3 does not exist"},
     {"store down 5", "DB '5' is not one of 0|4|6|8|all"},
     {"ports 8..1", "range '8..1' ends before it begins"},
-    {"ports 8", "'8' is no range: expected FIRST..LAST"},
+    {"ports 8", "'8' is not a range: expected FIRST..LAST"},
     // OUIs.
     {"oui add 00:04:76:00:00:00/49", "OUI 00:04:76:00:00:00/49: prefix length 49 is not 1 to 48"},
     {"oui add 00:04:76:22:00:00/24",
@@ -48,9 +48,9 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
     {"oui add 00:00:00:00:00:00/00:00:00:00:00:00",
      "OUI 00:00:00:00:00:00/00:00:00:00:00:00: '00:00:00:00:00:00' is neither a prefix length nor a mask"},
     {"oui add 00:04:76/24",
-     "'00:04:76/24' is no OUI: expected ADDRESS/BITS or ADDRESS/MASK, as in 00:04:76:00:00:00/24"},
+     "'00:04:76/24' is not an OUI: expected ADDRESS/BITS or ADDRESS/MASK, as in 00:04:76:00:00:00/24"},
     // Times.
-    {"wait 30", "'30' is no time: expected a number with us, ms, s, m, h or d, as in 30s"},
+    {"wait 30", "'30' is not a time: expected a number with us, ms, s, m, h or d, as in 30s"},
     {"wait 9223372036854775807d", "time '9223372036854775807d' is more than 10000 days"},
     // Expectations.
     {"expect prot 1 joined",
@@ -58,7 +58,7 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
      "'port'?"},
     {"expect bound 1 voise", "ACL 'voise' is not one of voice|mac_vlan|security|none"},
     {"expect object p_bridge.vvlan_oui_cfg 00:04:76:00:00:00/50",
-     "'00:04:76:00:00:00/50' is no key of p_bridge.vvlan_oui_cfg"},
+     "'00:04:76:00:00:00/50' is not a key of p_bridge.vvlan_oui_cfg"},
     {"expect no object u_bridge.vvlan_jion 1",
      "TYPE 'u_bridge.vvlan_jion' is not one of p_bridge.vvlan_port_cfg|p_bridge.vvlan_oui_cfg|"
      "p_bridge.vvlan_port_auto|s_cluster.reg_pkt_info|u_bridge.vvlan_join|u_bridge.vvlan_port_cfg|"

@@ -160,7 +160,7 @@ TEST(PlayTest, FailedExpectationNamesItsLineAndWhatWasFound)
         {"expect no object u_bridge.mac_vid_reg 100", "expected no object u_bridge.mac_vid_reg 100, found one"},
         {"expect object p_bridge.vvlan_oui_cfg 00:04:77:00:00:00/24",
          "expected object p_bridge.vvlan_oui_cfg 00:04:77:00:00:00/24, found none"},
-        {"start", "the module is loaded already"},
+        {"start", "the module is already loaded"},
         {"debug no_such", "no_such"},
     };
     const Player player;

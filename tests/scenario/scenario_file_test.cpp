@@ -54,7 +54,7 @@ TEST_F(ScenarioFileTest, DeclarationsThatDoNotFitAreRefused)
     const std::pair<const char *, const char *> cases[] = {
         {"# one\n\nvlan 1 on\nport 1 a\nvlam 1 on\n",
          ":4: 'a' after 'port 1': expected auto, manual, disable or delete"},
-        {"vlan 1 on\nports 1..4\n", ":2: a declaration belongs before the first command"},
+        {"vlan 1 on\nports 1..4\n", ":2: a declaration must come before the first command"},
         {"port-map 1 5\nport-map 2 5\n", ":2: ports 1 and 2 have the same physical port"},
         {"port-map 1 5\nport-map 1 6\n", ":2: port 1 is mapped twice"},
         {"ports 1..2000\n", ":1: more than 1024 ports"},

@@ -87,7 +87,7 @@ TEST_F(AgentTest, unloading_silences_the_module_and_loading_again_starts_it_afre
         ASSERT_TRUE(good.load(why)) << why;
         EXPECT_EQ(take_lines(), Lines{}) << "called from inside the load";
         EXPECT_FALSE(good.load(why));
-        EXPECT_EQ(why, "module '" + module + "': it is loaded already");
+        EXPECT_EQ(why, "module '" + module + "': it is already loaded");
         EXPECT_EQ(good.debug_commands().size(), 1u);
         loop.advance(2'500'000);
         EXPECT_EQ(take_lines(), (Lines{"connected 1", "tick 1", "tick 2", "tick 3"}));

@@ -82,7 +82,7 @@ TEST_F(PortLinksTest, a_port_is_attached_to_each_interface_that_has_its_name)
     EXPECT_EQ(told,
               "add eth1\n257 down\n257 up\n257 down\n257 down\nremove 257\nadd eth1\n257 down\nadd eth2\n258 down\n");
     EXPECT_EQ(log, "port 1 (eth1): attached, link down\n"
-                   "port 2 (eth2): there is no such interface; the port waits for it\n"
+                   "port 2 (eth2): the interface does not exist; the port waits for it\n"
                    "port 1 (eth1): link up\n"
                    "port 1 (eth1): link down\n"
                    "port 1 (eth1): the interface is gone\n"

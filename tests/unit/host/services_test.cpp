@@ -137,7 +137,7 @@ TEST(DebugCommands, hand_over_an_integer_of_the_whole_range_and_nothing_else)
     calls = 0;
     for (const char *bad : {"", "1x", "2147483648", "-2147483649"}) {
         EXPECT_FALSE(commands.run("set", bad, why)) << bad;
-        EXPECT_EQ(why, "debug command 'set': level must be an integer, given '" + std::string(bad) + "'");
+        EXPECT_EQ(why, "debug command 'set': level must be an integer, not '" + std::string(bad) + "'");
     }
     EXPECT_FALSE(commands.run("show", "1", why));
     EXPECT_FALSE(commands.run("sho", "", why));

@@ -25,7 +25,7 @@ TEST(Switch, starts_again_after_a_stop_and_goes_while_it_runs)
         for (int round = 0; round < 2; round++) {
             ASSERT_TRUE(target.start(why)) << why;
             EXPECT_FALSE(target.start(why));
-            EXPECT_EQ(why, "switch: it is running already");
+            EXPECT_EQ(why, "switch: it is already running");
             loop.advance(500'000);
             target.stop();
             loop.advance(10'000'000);
