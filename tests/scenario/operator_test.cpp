@@ -67,28 +67,27 @@ TEST_F(OperatorTest, EachGlobalSettingLeavesTheOthersAlone)
     }
     const auto config = stored<PBridge__VvlanGlbCfg>("p_bridge.vvlan_glb_cfg", "");
     ASSERT_NE(config, nullptr);
-    ASSERT_NE(config->glb_switch, nullptr);
-    ASSERT_NE(config->qos, nullptr);
-    EXPECT_EQ(config->glb_switch->vlan, 100u);
-    EXPECT_EQ(config->glb_switch->enable, 1u);
-    EXPECT_EQ(config->secu_mode, 1u);
-    EXPECT_EQ(config->age_time, 90u);
-    EXPECT_EQ(config->qos->cos, 4u);
-    EXPECT_EQ(config->qos->dscp, 32u);
+    ASSERT_TRUE(config->glb_switch != nullptr && config->qos != nullptr);
+    EXPECT_EQ((std::vector{config->glb_switch->vlan, config->glb_switch->enable, config->secu_mode, config->age_time,
+                           config->qos->cos, config->qos->dscp}),
+              (std::vector<uint32_t>{100, 1, 1, 90, 4, 32}));
 }
 
 TEST_F(OperatorTest, DisabledPortKeepsItsModeUnlessOneIsGiven)
 {
-    run("port 1 manual");
-    EXPECT_EQ(port(1), "1,0");
-    run("port 1 disable");
-    EXPECT_EQ(port(1), "0,0");
-    run("port 1 disable auto");
-    EXPECT_EQ(port(1), "0,1");
-    run("port 2 disable");
-    EXPECT_EQ(port(2), "0,1") << "automatic is the default";
-    run("port 1 delete");
-    EXPECT_EQ(port(1), "none");
+    const struct {
+        const char *line;
+        uint32_t ifx;
+        const char *stored;
+    } rows[] = {{"port 1 manual", 1, "1,0"},
+                {"port 1 disable", 1, "0,0"},
+                {"port 1 disable auto", 1, "0,1"},
+                {"port 2 disable", 2, "0,1"}, // automatic is the default
+                {"port 1 delete", 1, "none"}};
+    for (const auto &row : rows) {
+        run(row.line);
+        EXPECT_EQ(port(row.ifx), row.stored) << row.line;
+    }
 }
 
 TEST_F(OperatorTest, OuiIsOneObjectHoweverItsMaskIsWritten)

@@ -71,17 +71,19 @@ TEST(Timers, refuse_missing_arguments_bad_intervals_and_one_too_many)
     HostContext context(loop);
     tq_thread_master *master = context.global.master;
     const timeval good = {0, 0};
-    EXPECT_EQ(tq_thread_add_timer_timeval_withname(nullptr, note_firing, nullptr, &good, ""), nullptr);
-    EXPECT_EQ(tq_thread_add_timer_timeval_withname(master, nullptr, nullptr, &good, ""), nullptr);
-    EXPECT_EQ(tq_thread_add_timer_timeval_withname(master, note_firing, nullptr, nullptr, ""), nullptr);
+    auto add = [](tq_thread_master *to, tq_thread_func_t func, const timeval *interval) {
+        return tq_thread_add_timer_timeval_withname(to, func, nullptr, interval, "");
+    };
+    EXPECT_EQ(add(nullptr, note_firing, &good), nullptr);
+    EXPECT_EQ(add(master, nullptr, &good), nullptr);
+    EXPECT_EQ(add(master, note_firing, nullptr), nullptr);
     for (const timeval &bad : {timeval{-1, 0}, timeval{0, -1}, timeval{0, 1000000}, timeval{INT_MAX, 0}}) {
-        EXPECT_EQ(tq_thread_add_timer_timeval_withname(master, note_firing, nullptr, &bad, ""), nullptr)
-            << bad.tv_sec << " s " << bad.tv_usec << " us";
+        EXPECT_EQ(add(master, note_firing, &bad), nullptr) << bad.tv_sec << " s " << bad.tv_usec << " us";
     }
     for (unsigned i = 0; i < TQ_THREAD_TIMER_COUNT_MAX; i++) {
-        ASSERT_NE(tq_thread_add_timer_timeval_withname(master, note_firing, nullptr, &good, ""), nullptr);
+        ASSERT_NE(add(master, note_firing, &good), nullptr);
     }
-    EXPECT_EQ(tq_thread_add_timer_timeval_withname(master, note_firing, nullptr, &good, ""), nullptr);
+    EXPECT_EQ(add(master, note_firing, &good), nullptr);
 }
 
 // ---- Debug commands ----------------------------------------------------
