@@ -96,7 +96,7 @@ bool Agent::Impl::open(std::string &why)
 {
     context.emplace(loop);
     if (!succeeded("attaching it to the store",
-                   mom::attach(&context->global, store, loop, client_name, remove_unreported_joins), why)) {
+                   mom::attach(&context->global, store, loop, client_name, report_unreported_joins), why)) {
         return false;
     }
     library = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);

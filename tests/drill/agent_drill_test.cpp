@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <set>
 
 namespace vvl::drill
 {
@@ -44,7 +45,9 @@ struct Surroundings : mom::SessionEvents {
     void link_back(uint32_t, bool) override {}
     void changed(const mom::Change &change) override
     {
-        has_written = true;
+        // The host reports a half-made join before the module reads anything.
+        const bool is_host = change.name.type == report_type && unreported.erase(change.name.key) != 0;
+        has_written |= !is_host;
         if (const auto told = on_join; told && change.name.type == join_type) {
             told();
         }
@@ -54,6 +57,21 @@ struct Surroundings : mom::SessionEvents {
         std::vector<mom::Object> objects;
         EXPECT_EQ(observer->scan_now(db, type, objects), 0);
         return objects.size();
+    }
+    // Before the next agent starts: it has written nothing, and its host will report what is not reported.
+    void expect_agent()
+    {
+        has_written = false;
+        unreported.clear();
+        std::vector<mom::Object> objects;
+        EXPECT_EQ(observer->scan_now(TQ_MOM_UDP_DB, join_type, objects), 0);
+        for (const mom::Object &join : objects) {
+            unreported.insert(join.key);
+        }
+        EXPECT_EQ(observer->scan_now(config_db, report_type, objects), 0);
+        for (const mom::Object &report : objects) {
+            unreported.erase(report.key);
+        }
     }
     // Runs until so many ports have joined and are reported as joined, and so many are trapped.
     bool run_until_ports(size_t joined, size_t trapped, bool are_calling)
@@ -77,8 +95,9 @@ struct Surroundings : mom::SessionEvents {
     }
 
     const std::vector<host::PortId> ports = {{1, 0x101}, {2, 0x102}, {3, 0x103}, {4, 0x104}};
-    std::function<void()> on_join; // may be empty
-    bool has_written = false;      // an agent, for one of the ports
+    std::function<void()> on_join;    // may be empty
+    bool has_written = false;         // the module of an agent, for one of the ports
+    std::set<std::string> unreported; // joins that an agent found without a report
     host::UvLoop loop;
     std::unique_ptr<mom::Store> store;
     fp::SoftPlane plane{loop};
@@ -114,7 +133,7 @@ class AgentDrill : public testing::Test
         enum { in_start, in_storm, at_join, kinds };
         const uint64_t step = number / kinds;
         run_for(around.loop, 2000); // the last words of the one before
-        around.has_written = false;
+        around.expect_agent();
         test::ChildProcess victim = agent(server_.address());
         if (number % kinds == in_start) {
             run_for(around.loop, start_span_us * step * kinds / kill_count);
