@@ -1,5 +1,7 @@
 #include "tests/live/agent.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
@@ -15,6 +17,12 @@ constexpr int start_limit_ms = 10'000;
 constexpr const char *taken_over = "forwarding plane: reconciliation ended";
 
 } // namespace
+
+int patience()
+{
+    const char *asked = std::getenv("VVLAN_PATIENCE");
+    return asked != nullptr ? std::max(1, std::atoi(asked)) : 1;
+}
 
 Agent::Agent(unsigned port_count) : config_(redis_.folder() + "/vvland.conf")
 {
@@ -50,7 +58,7 @@ void Agent::kill()
 
 double Agent::wait_until_reconciled()
 {
-    const auto end = started_ + std::chrono::milliseconds(start_limit_ms);
+    const auto end = started_ + std::chrono::milliseconds(start_limit_ms) * patience();
     while (words_.find(taken_over) == std::string::npos) {
         pollfd wait{output_, POLLIN, 0};
         char text[4096];

@@ -13,6 +13,10 @@
 namespace vvl::live
 {
 
+// How many times as long as usual a wait may take: VVLAN_PATIENCE, for a machine
+// that is emulated; 1 where it is not set.
+int patience();
+
 class Agent
 {
   public:
@@ -25,7 +29,7 @@ class Agent
     void start();
     void kill(); // SIGKILL; waits for its end
     // Waits until it has taken over the plane. Milliseconds since start(), or
-    // throws std::runtime_error with its last words where it does not in 10 s.
+    // throws std::runtime_error with its last words where it does not in 10 s times patience().
     double wait_until_reconciled();
 
     // Writes the operator's lines into the store.

@@ -27,8 +27,8 @@ namespace
 
 constexpr unsigned port_count = 8;
 constexpr int exit_skipped = 77;
-constexpr auto window = std::chrono::milliseconds(20);
-constexpr auto patience = std::chrono::seconds(10);
+const auto window = std::chrono::milliseconds(20) * patience();
+const auto steady_limit = std::chrono::seconds(10) * patience();
 
 enum : uint8_t { telephone = 1, other_telephone, computer, tagging_computer };
 
@@ -136,7 +136,7 @@ uint64_t Drill::lost()
 
 Steady Drill::wait_until_steady(const std::function<bool(const Steady &)> &is_wanted)
 {
-    const auto end = std::chrono::steady_clock::now() + patience;
+    const auto end = std::chrono::steady_clock::now() + steady_limit;
     Counts last = network_.counts();
     Steady before;
     std::string seen;

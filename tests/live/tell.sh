@@ -36,9 +36,9 @@ print_summary() {
     echo "live: all ${#results[@]} checks are good"
 }
 
-# wait_until SECONDS WHAT COMMAND...
+# wait_until SECONDS WHAT COMMAND...: VVLAN_PATIENCE times as long on a machine that is emulated.
 wait_until() {
-    local deadline=$((${EPOCHREALTIME/./} + $1 * 1000000))
+    local deadline=$((${EPOCHREALTIME/./} + $1 * ${VVLAN_PATIENCE:-1} * 1000000))
     until "${@:3}"; do
         [ "${EPOCHREALTIME/./}" -lt "$deadline" ] || fail "$2: not within $1 s"
         sleep 0.05

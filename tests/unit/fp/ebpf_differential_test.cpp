@@ -5,6 +5,7 @@
 #include "tests/fuzz/plane_rules.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
+#include <cstdlib>
 #include <net/if.h>
 #include <random>
 
@@ -13,7 +14,7 @@ namespace vvl::fp::test
 namespace
 {
 
-constexpr unsigned rule_sets = 250;
+constexpr unsigned rule_sets = 250; // unless VVLAN_RULE_SETS says how many
 constexpr unsigned frames_per_set = 4096;
 
 class Dice
@@ -87,13 +88,16 @@ TEST(EbpfDifferential, KernelAndClassifierTreatEveryFrameAlike)
     if (const std::string &why = vvl::test::enter_own_network(); !why.empty()) {
         GTEST_SKIP() << why;
     }
+    const char *asked = std::getenv("VVLAN_RULE_SETS");
+    const unsigned sets = asked != nullptr ? static_cast<unsigned>(std::atoi(asked)) : rule_sets;
+    ASSERT_LT(0u, sets);
     Dice dice(20261123);
     EbpfRig rig(true);
     Probe probe;
     const uint32_t ifindex = if_nametoindex("port1");
     PortCounters expected;
     uint64_t differences = 0;
-    for (unsigned set = 0; set < rule_sets && differences == 0; set++) {
+    for (unsigned set = 0; set < sets && differences == 0; set++) {
         const PlaneState state = random_state(dice);
         const auto pvid = static_cast<uint16_t>(dice.below(2) == 0 ? 100 : 1 + dice.below(4094));
         std::string why;
