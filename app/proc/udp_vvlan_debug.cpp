@@ -12,9 +12,12 @@
 #include "udp_vvlan_port.h"
 #include "udp_vvlan_recover.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 constexpr uint32_t VVLAN_ZLOG_LEVEL_MAX = 5;
 constexpr size_t VVLAN_LEVEL_TEXT_SIZE = 20; /* bytes of the level file that are read */
@@ -24,21 +27,24 @@ char g_vvlan_level_file[] = "/var/tmp/udp_vvlan_debug";
 
 static uint32_t vvlan_dump_index = 1; /* running row number of dump_all_mac */
 
-/* Takes the level from the level file, if there is one with any content. */
+/* Takes the level from the level file, if there is one with any content. Every
+ * local user can write to its folder, so the start must not wait for a FIFO
+ * there, and a device is not read. */
 static void read_level_file(void)
 {
-    FILE *file = fopen(g_vvlan_level_file, "r");
-    if (file == nullptr) {
+    const int file = open(g_vvlan_level_file, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (file < 0) {
         return;
     }
+    struct stat status;
     char text[VVLAN_LEVEL_TEXT_SIZE + 1] = {};
-    if (fread(text, 1, VVLAN_LEVEL_TEXT_SIZE, file) > 0) {
+    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && read(file, text, VVLAN_LEVEL_TEXT_SIZE) > 0) {
         const bool hexadecimal = strncasecmp(text, "0x", 2) == 0;
         /* 64 bits on every target, so that a large number never wraps into the range. */
         const long long number = strtoll(text, nullptr, hexadecimal ? 16 : 10);
         g_vvlan_zlog_level = number < 0 || number > VVLAN_ZLOG_LEVEL_MAX ? UINT32_MAX : static_cast<uint32_t>(number);
     }
-    fclose(file);
+    close(file);
 }
 
 int udp_vvlan_zlog_init(void)

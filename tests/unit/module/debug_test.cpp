@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vvl::test
@@ -50,6 +51,17 @@ TEST_F(Debug, LevelFileSetsTheLevel)
         unlink(path);
         EXPECT_EQ(MODULE(g_vvlan_zlog_level), row.level) << (row.text != nullptr ? row.text : "no file");
     }
+    char fifo[] = "/tmp/vvlan.XXXXXX"; // nobody writes to it
+    close(mkstemp(fifo));
+    unlink(fifo);
+    ASSERT_EQ(mkfifo(fifo, 0600), 0);
+    for (const char *path : {static_cast<const char *>(fifo), "/dev/zero", "/tmp"}) {
+        strcpy(symbol<char>("g_vvlan_level_file"), path);
+        MODULE(g_vvlan_zlog_level) = 1;
+        EXPECT_EQ(MODULE(udp_vvlan_zlog_init)(), 0);
+        EXPECT_EQ(MODULE(g_vvlan_zlog_level), 1u) << path;
+    }
+    unlink(fifo);
 }
 
 TEST_F(Debug, EachLevelLetsItsMessagesThrough)
