@@ -18,10 +18,15 @@
 constexpr uint64_t VVLAN_MAC_OWNER = 1000;  /* owner of our registration objects */
 constexpr uint64_t VVLAN_MAC_EXPIRY = 1000; /* of their data-sync cycle */
 
-constexpr uint32_t VVLAN_VID_NONE = UINT32_MAX;        /* 0 is the subscription to every VLAN */
-static uint32_t vvlan_subscribed_vid = VVLAN_VID_NONE; /* of the subscription */
-static uint32_t vvlan_registered_vid = VVLAN_VID_NONE; /* of the registration object */
-static uint32_t vvlan_withdrawn_vid = VVLAN_VID_NONE;  /* unsubscribed; its 28 has not come yet */
+/* A VLAN id or none. No number stands for none, since each may be configured. */
+typedef struct vvlan_known_vid {
+    bool known;
+    uint32_t vid; /* meaningful while known */
+} vvlan_known_vid_t;
+
+static vvlan_known_vid_t vvlan_subscribed; /* VLAN of the subscription */
+static vvlan_known_vid_t vvlan_registered; /* VLAN of the registration object */
+static vvlan_known_vid_t vvlan_withdrawn;  /* VLAN that was unsubscribed; its 28 has not come yet */
 
 VVLAN_HASH_DEFINE(mac, vvlan_mac_traits);
 
@@ -89,37 +94,44 @@ static const ProtobufCMessage *make_registration(vvlan_registration_t *object, u
     return &object->reg.base;
 }
 
+static uint32_t subscribed_or_present_vid(void)
+{
+    return vvlan_subscribed.known ? vvlan_subscribed.vid : g_udp_vvlan_glb_cfg.vid;
+}
+
 static int subscribe(uint32_t vid)
 {
     vvlan_noti_template_t tmpl;
+    const vvlan_known_vid_t subscribed_before = vvlan_subscribed;
+    vvlan_subscribed = {true, vid}; /* before the call, since it may be established before it returns */
     const int rv = tq_mom_subscribe(g_udp_vvlan_global, VVLAN_DB_ADDRESS, make_noti_template(&tmpl, vid),
                                     TQ_MOM_MATCH_FIELDS, udp_vvlan_mac_subscribe_callback, nullptr);
     if (rv != 0) {
+        vvlan_subscribed = subscribed_before;
         VVLAN_LOG_ERROR("Assert:<ds> subscribe vid_reg_noti failed, rv = %d.", rv);
         return rv;
     }
-    vvlan_subscribed_vid = vid;
     VVLAN_LOG_INFO("sub mac addr for voice vlan(%04u) successfully.", vid);
     return VVLAN_OK;
 }
 
-static int unsubscribe(uint32_t vid)
+/* The withdrawal may come before the call returns, too. */
+static int unsubscribe(void)
 {
     vvlan_noti_template_t tmpl;
-    const uint32_t withdrawn_before = vvlan_withdrawn_vid;
-    if (vvlan_subscribed_vid == vid) {
-        /* Set before the call, since the withdrawal may come before it returns.
-         * Without a subscription no withdrawal comes. */
-        vvlan_withdrawn_vid = vid;
+    const uint32_t vid = subscribed_or_present_vid();
+    const vvlan_known_vid_t withdrawn_before = vvlan_withdrawn;
+    if (vvlan_subscribed.known) { /* otherwise no withdrawal comes */
+        vvlan_withdrawn = vvlan_subscribed;
     }
     const int rv = tq_mom_unsubscribe(g_udp_vvlan_global, VVLAN_DB_ADDRESS, make_noti_template(&tmpl, vid),
                                       TQ_MOM_MATCH_FIELDS, udp_vvlan_mac_subscribe_callback, nullptr);
     if (rv != 0) {
-        vvlan_withdrawn_vid = withdrawn_before;
+        vvlan_withdrawn = withdrawn_before;
         VVLAN_LOG_ERROR("Assert:unsub mac addr for voice vlan(%04u) failed, rv = %d.", vid, rv);
         return rv;
     }
-    vvlan_subscribed_vid = VVLAN_VID_NONE;
+    vvlan_subscribed = {};
     VVLAN_LOG_INFO("unsub mac addr for voice vlan(%04u) successfully.", vid);
     return VVLAN_OK;
 }
@@ -128,13 +140,12 @@ int udp_vvlan_mac_subscribe(uint32_t sub)
 {
     const uint32_t vid = g_udp_vvlan_glb_cfg.vid;
     if (sub == 0) {
-        return unsubscribe(vvlan_subscribed_vid != VVLAN_VID_NONE ? vvlan_subscribed_vid : vid);
+        return unsubscribe();
     }
-    if (vvlan_subscribed_vid != VVLAN_VID_NONE && vvlan_subscribed_vid != vid) {
-        const int rv = unsubscribe(vvlan_subscribed_vid);
-        if (rv != 0) {
-            return rv;
-        }
+    /* A withdrawal that has not come yet may never come; the next one is not taken for it. */
+    vvlan_withdrawn = {};
+    if (vvlan_subscribed.known && vvlan_subscribed.vid != vid) {
+        unsubscribe(); /* logs its failure, which must not cost the new VLAN its notifications */
     }
     return subscribe(vid);
 }
@@ -167,14 +178,9 @@ static int open_registration_cycle(void *ctx, void *user)
  * else the registered one, the subscribed one, or the present one. */
 static uint32_t take_withdrawn_vid(void)
 {
-    const uint32_t candidates[] = {vvlan_withdrawn_vid, vvlan_registered_vid, vvlan_subscribed_vid};
-    vvlan_withdrawn_vid = VVLAN_VID_NONE;
-    for (const uint32_t vid : candidates) {
-        if (vid != VVLAN_VID_NONE) {
-            return vid;
-        }
-    }
-    return g_udp_vvlan_glb_cfg.vid;
+    const vvlan_known_vid_t withdrawn = vvlan_withdrawn.known ? vvlan_withdrawn : vvlan_registered;
+    vvlan_withdrawn = {};
+    return withdrawn.known ? withdrawn.vid : subscribed_or_present_vid();
 }
 
 static int withdraw_registration(void)
@@ -187,8 +193,8 @@ static int withdraw_registration(void)
         VVLAN_LOG_ERROR("Assert:unreg mac addr for vvlan(%04u) failed, rv = %d.", vid, rv);
         return rv;
     }
-    if (vvlan_registered_vid == vid) {
-        vvlan_registered_vid = VVLAN_VID_NONE;
+    if (vvlan_registered.vid == vid) {
+        vvlan_registered = {};
     }
     VVLAN_LOG_INFO("unreg mac addr for vvlan(%04u) successfully.", vid);
     return VVLAN_OK;
@@ -196,7 +202,7 @@ static int withdraw_registration(void)
 
 static int renew_registration(void *ctx)
 {
-    const uint32_t vid = vvlan_subscribed_vid != VVLAN_VID_NONE ? vvlan_subscribed_vid : g_udp_vvlan_glb_cfg.vid;
+    const uint32_t vid = subscribed_or_present_vid();
     vvlan_registration_t object;
     const ProtobufCMessage *registration = make_registration(&object, vid);
     int rv = tq_mom_setow(g_udp_vvlan_global, VVLAN_DB_ADDRESS, registration, nullptr, nullptr, VVLAN_MAC_OWNER);
@@ -204,7 +210,7 @@ static int renew_registration(void *ctx)
         VVLAN_LOG_ERROR("Assert:reg mac addr for vvlan(%04u) failed, rv = %d.", vid, rv);
         return rv;
     }
-    vvlan_registered_vid = vid;
+    vvlan_registered = {true, vid};
     VVLAN_LOG_INFO("reg mac addr for vvlan(%04u) successfully.", vid);
     tq_mom_dsend_ow(ctx, VVLAN_DB_ADDRESS, registration, TQ_MOM_MATCH_ALL, nullptr, nullptr, VVLAN_MAC_OWNER);
     rv = udp_vvlan_mac_scan(0);

@@ -32,7 +32,11 @@ int RecordingPlatform::call(const std::string &line)
     if (echo) {
         fprintf(stderr, "%s\n", line.c_str());
     }
-    return fault_of(line);
+    const int code = fault_of(line);
+    if (code == 0 && on_call) {
+        on_call(line);
+    }
+    return code;
 }
 
 int RecordingPlatform::fault_of(const std::string &line)

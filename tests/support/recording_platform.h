@@ -16,6 +16,7 @@
 #include "tq_mom.h"
 #include "tq_thread.h"
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -52,8 +53,9 @@ struct RecordingPlatform {
     std::string at(const void *ctx) const { return ctx == &global ? "" : " @other"; }
 
     tq_global_t global{};
-    Lines lines; // calls
-    Lines logs;  // "error text", "warn text", ... with line ends as "\n" in two characters
+    std::function<void(const std::string &line)> on_call; // from inside each call that goes well; may be empty
+    Lines lines;                                          // calls
+    Lines logs; // "error text", "warn text", ... with line ends as "\n" in two characters
     std::vector<Fault> faults;
     tq_mom_connect_cb_t connect_cb = nullptr;
     std::map<uint32_t, void *> connect_users; // by database

@@ -112,20 +112,58 @@ TEST_F(Macs, FailedRegistrationStepIsReturned)
     }
 }
 
-TEST_F(Macs, SubscriptionThatCannotBeEndedStaysRemembered)
+TEST_F(Macs, WithdrawalThatNeverCameIsNotTakenForALaterOne)
 {
-    platform().fail("unsubscribe", -5);
-    const std::string failed = "error Assert:unsub mac addr for voice vlan(0100) failed, rv = -5. / ";
-    EXPECT_EQ(voice_vlan(200), -11);
-    EXPECT_LOGS("error", failed + "error Assert: sub(1) mac addr for voice vlan fail! rv=-5 ");
-    EXPECT_EQ(calls({"sub", "unsub"}), of_vid("unsubscribe", "100")) << "the new subscription is not made";
-    EXPECT_EQ(voice_vlan(200, 0), -11);
-    EXPECT_LOGS("error", failed + "error Assert: sub(0) mac addr for voice vlan fail! rv=-5 ");
-    EXPECT_EQ(calls({"sub", "unsub"}), of_vid("unsubscribe", "100"));
+    voice_vlan(100, 0); // is not answered
+    voice_vlan(200);
+    deliver(subscription, established);
+    deliver(cycle, cycle_open);
+    calls();
+    EXPECT_EQ(deliver(subscription, withdrawn), 0);
+    EXPECT_CALLS(registration("del_ow", "200"));
+}
 
-    platform().faults.clear();
-    EXPECT_EQ(voice_vlan(300), 0);
-    EXPECT_EQ(calls({"sub", "unsub"}), of_vid("unsubscribe", "100") + "\n" + of_vid("subscribe", "300"));
+TEST_F(Macs, AnyNumberCanBeSubscribed)
+{
+    voice_vlan(UINT32_MAX);
+    deliver(subscription, established);
+    deliver(cycle, cycle_open);
+    EXPECT_EQ(calls({"setow"}), registration("setow", "4294967295"));
+    voice_vlan(200);
+    EXPECT_EQ(calls({"sub", "unsub"}), of_vid("unsubscribe", "4294967295") + "\n" + of_vid("subscribe", "200"));
+    deliver(subscription, withdrawn);
+    EXPECT_CALLS(registration("del_ow", "4294967295"));
+}
+
+TEST_F(Macs, SubscriptionThatCannotBeEndedDoesNotKeepTheNewVlanFromItsOwn)
+{
+    const struct {
+        std::vector<RecordingPlatform::Fault> faults;
+        const char *vid;
+        int rv;
+        const char *error;
+        const char *ended; // the VLAN that is still taken as subscribed
+    } rows[] = {
+        {{{"unsubscribe", -5}}, "200", 0, "error Assert:unsub mac addr for voice vlan(0100) failed, rv = -5.", "100"},
+        {{{"unsubscribe", -5}, {"subscribe 6", -6}},
+         "300",
+         -11,
+         "error Assert:unsub mac addr for voice vlan(0200) failed, rv = -5. / "
+         "error Assert:<ds> subscribe vid_reg_noti failed, rv = -6. / "
+         "error Assert: sub(1) mac addr for voice vlan fail! rv=-6 ",
+         "200"},
+        {{}, "300", 0, "", "200"},
+    };
+    for (const auto &row : rows) {
+        platform().faults = row.faults;
+        EXPECT_EQ(voice_vlan(static_cast<uint32_t>(std::stoi(row.vid))), row.rv);
+        EXPECT_LOGS("error", row.error);
+        EXPECT_EQ(calls({"sub", "unsub"}), of_vid("unsubscribe", row.ended) + "\n" + of_vid("subscribe", row.vid));
+    }
+    platform().fail("unsubscribe", -5);
+    EXPECT_EQ(voice_vlan(300, 0), -11);
+    EXPECT_LOGS("error", "error Assert:unsub mac addr for voice vlan(0300) failed, rv = -5. / "
+                         "error Assert: sub(0) mac addr for voice vlan fail! rv=-5 ");
 }
 
 TEST_F(Macs, MalformedNotificationsChangeNothing)

@@ -3,6 +3,8 @@
 // standard error.
 #include "tests/unit/module/module_test.h"
 
+#include <sstream>
+
 namespace vvl::test
 {
 namespace
@@ -85,6 +87,56 @@ TEST_F(Startup, ReconnectionOfTypeTwoOfTheMissingDatabaseInitialisesAgain)
     EXPECT_EQ(*flags[0] + *flags[1] + *flags[2] + *flags[3], 0);
     EXPECT_EQ(MODULE(udp_vvlan_get_recover_entry)(5), nullptr) << "read again from the store";
     EXPECT_LOGS("warn", "warn <mom> mom(6) reconnected, type = 2.");
+}
+
+// A store that answers each request before the call returns.
+void answer_at_once(const std::string &line)
+{
+    std::istringstream words(line);
+    std::string call;
+    std::string db;
+    std::string type;
+    words >> call >> db >> type;
+    type.resize(std::min(type.find('{'), type.size()));
+    const auto deliver = [](const std::string &key, int32_t operate, int32_t phase) {
+        platform().deliver(key, bare_record(operate, phase));
+    };
+    if (call == "connect") {
+        platform().connect_cb(&platform().global, platform().connect_users.at(static_cast<uint32_t>(std::stoi(db))));
+    } else if (call == "subscribe") {
+        deliver(call + " " + type, TQ_MOM_ESTABLISHED, TQ_MOM_RECORD);
+    } else if (call == "subscribe_field") {
+        for (const char *field : {"/5", "/6", "/7", "/8"}) {
+            deliver("subscribe " + type + field, TQ_MOM_ESTABLISHED, TQ_MOM_RECORD);
+        }
+    } else if (call == "unsubscribe") {
+        deliver(call + " " + type, TQ_MOM_WITHDRAWN, TQ_MOM_RECORD);
+    } else if (call == "dsbegin" || call == "dsbegin_ow") {
+        deliver(call + " " + type, 0, TQ_MOM_CYCLE_OPEN);
+    } else if (call == "scan") {
+        deliver(call + " " + type, TQ_MOM_SET, TQ_MOM_SCAN_OVER);
+    }
+}
+
+TEST_F(Startup, AnswersFromInsideTheCallsDoWhatLaterOnesDo)
+{
+    open();
+    platform().on_call = answer_at_once;
+    EXPECT_EQ(MODULE(udp_vvlan_rdnd_aware_callback)(), 0);
+    EXPECT_EQ(calls({"acl_del_expired", "timer"}),
+              by_line("acl_del_expired vvlan_secu_pas_app / acl_del_expired mac_vlan_app / "
+                      "acl_del_expired vvlan_secu_deny_app / timer 60.0s udp_vvlan"));
+    const Lines registration = {"unsubscribe", "del_ow", "subscribe", "setow"};
+    EXPECT_EQ(voice_vlan(100), 0);
+    calls();
+    EXPECT_EQ(voice_vlan(200), 0);
+    EXPECT_EQ(calls(registration), by_line("unsubscribe 6 u_bridge.mac_vid_reg_noti{index{t_fid:100}} flags=2 / "
+                                           "del_ow 6 u_bridge.mac_vid_reg{index{vid:100}} ow=1000 / "
+                                           "subscribe 6 u_bridge.mac_vid_reg_noti{index{t_fid:200}} flags=2 / "
+                                           "setow 6 u_bridge.mac_vid_reg{index{vid:200}} ow=1000"));
+    platform().fail("unsubscribe", -5);
+    EXPECT_EQ(voice_vlan(300), 0);
+    EXPECT_EQ(calls({"setow"}), "setow 6 u_bridge.mac_vid_reg{index{vid:300}} ow=1000");
 }
 
 TEST_F(Startup, FailedConnectionStepEndsTheProcessWithItsCode)
