@@ -43,20 +43,6 @@ int udp_vvlan_event_set_oui_cfg([[maybe_unused]] void *ctx, tq_mom_record_t *rec
     return VVLAN_OK;
 }
 
-/* The hash-set record of a global-configuration event. */
-static int check_hash(const tq_mom_hash_t *hash)
-{
-    if (hash == nullptr) {
-        VVLAN_LOG_ERROR("Assert:MOM hash is NULL.\n");
-        return VVLAN_E_INVALID;
-    }
-    if (hash->error != 0) {
-        VVLAN_LOG_ERROR("Assert:MOM hash error is %d.\n", hash->error);
-        return VVLAN_E_INVALID;
-    }
-    return VVLAN_OK;
-}
-
 static int apply_hash(const tq_mom_hash_t *hash, uint32_t tag)
 {
     if (hash->message == nullptr || (hash->fields == nullptr && hash->count != 0)) {
@@ -81,12 +67,17 @@ int udp_vvlan_event_set_glb_cfg([[maybe_unused]] void *ctx, tq_mom_record_t *rec
         VVLAN_LOG_ERROR("Assert:MOM args is NULL.\n");
         return VVLAN_E_INVALID;
     }
-    /* A field subscription hands over a hash-set record with every operation. */
-    const auto *hash = static_cast<const tq_mom_hash_t *>(record->object);
-    if (check_hash(hash) != 0) {
+    if (record->object == nullptr) {
+        VVLAN_LOG_ERROR("Assert:MOM hash is NULL.\n");
         return VVLAN_E_INVALID;
     }
+    /* With any other operation the object is a message and not a hash-set record. */
     if (record->operate == TQ_MOM_HSET) {
+        const auto *hash = static_cast<const tq_mom_hash_t *>(record->object);
+        if (hash->error != 0) {
+            VVLAN_LOG_ERROR("Assert:MOM hash error is %d.\n", hash->error);
+            return VVLAN_E_INVALID;
+        }
         VVLAN_LOG_INFO("receive a TQ_MOM_HSET event. operate=%d .", record->operate);
         const int rv = apply_hash(hash, tag);
         if (rv != 0) {

@@ -14,6 +14,8 @@
  * - Results are 0 or one of the codes below. A call that fails changes
  *   nothing. Nothing blocks for longer than TQ_MOM_SYNC_LIMIT_MS.
  * - ctx is the global context; db a database number, 0 to 15.
+ * - Before the host unloads a module, it ends the module's connections and
+ *   subscriptions. No callback comes afterwards.
  * - Flags other than those below, and of a cycle any but 0, are refused.
  * - An object whose key field is absent, or whose packed form is larger than
  *   TQ_MOM_OBJECT_SIZE_MAX, is refused with TQ_MOM_E_INVALID.
@@ -31,7 +33,7 @@ extern "C" {
 /* Operations (tq_mom_record_t::operate). */
 #define TQ_MOM_SET 1          /* object written; object: the message */
 #define TQ_MOM_DEL 3          /* object removed; object: the message as the subscriber saw it last, at least its key */
-#define TQ_MOM_HSET 4         /* fields of a keyless object written; object: tq_mom_hash_t */
+#define TQ_MOM_HSET 4         /* fields of a keyless object written; object: tq_mom_hash_t, here alone */
 #define TQ_MOM_PUBLISH 24     /* message published, not stored; object: the message */
 #define TQ_MOM_WITHDRAWN 28   /* unsubscribed: the subscriber withdraws its registration */
 #define TQ_MOM_ESTABLISHED 29 /* subscription established */
@@ -161,9 +163,10 @@ int tq_mom_unsubscribe(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uin
 
 /* Subscribes to single fields of a keyless object: callbacks[i] with users[i]
  * is told when fields[i] is among the fields that changed. Each field is a
- * subscription of its own, and is established by itself. Its records carry a
- * tq_mom_hash_t, TQ_MOM_DEL too: there message has no field, and fields are
- * those that were removed. The arrays hold count entries and are copied. */
+ * subscription of its own, and is established by itself. TQ_MOM_HSET alone
+ * carries a tq_mom_hash_t; with TQ_MOM_DEL, which comes when the object with this
+ * field was removed, the object is a message. The arrays hold count entries and
+ * are copied. */
 int tq_mom_subscribe_field(void *ctx, uint32_t db, const ProtobufCMessage *tmpl, uint32_t flags, const uint32_t *fields,
                            const tq_mom_callback_t *callbacks, void *const *users, uint32_t count);
 

@@ -74,12 +74,11 @@ void Delivery::send_plain(const Receiver &to, int32_t operate, int32_t phase, in
     send(to, record);
 }
 
-void Delivery::send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message,
-                         std::vector<uint32_t> fields)
+void Delivery::send_hash(const Receiver &to, const ProtobufCMessage &message, std::vector<uint32_t> fields)
 {
     tq_mom_hash_t hash{const_cast<ProtobufCMessage *>(&message), fields.data(), static_cast<uint32_t>(fields.size()),
                        TQ_MOM_OK};
-    tq_mom_record_t record{operate, &hash, TQ_MOM_RECORD, TQ_MOM_OK};
+    tq_mom_record_t record{TQ_MOM_HSET, &hash, TQ_MOM_RECORD, TQ_MOM_OK};
     send(to, record);
 }
 

@@ -48,7 +48,7 @@ class Delivery
         tq_mom_record_t record{operate, const_cast<ProtobufCMessage *>(&message), TQ_MOM_RECORD, TQ_MOM_OK};
         send(to, record);
     }
-    void send_hash(const Receiver &to, int32_t operate, const ProtobufCMessage &message, std::vector<uint32_t> fields);
+    void send_hash(const Receiver &to, const ProtobufCMessage &message, std::vector<uint32_t> fields); // TQ_MOM_HSET
 
     ClientCounters counters;
 

@@ -364,7 +364,7 @@ void Front::deliver_objects(uint32_t db, const ObjectType &type, ScanCache::Chos
         for (const auto &field : chosen.objects[i]->value.fields) {
             fields.push_back(field.first);
         }
-        delivery_.send_hash(to, TQ_MOM_HSET, *chosen.messages[i], std::move(fields));
+        delivery_.send_hash(to, *chosen.messages[i], std::move(fields));
     }
     chosen.remembered = changes_before;
 }

@@ -133,7 +133,7 @@ class Front final : public SessionEvents, public std::enable_shared_from_this<Fr
     void find_missed_deletions(const SubscriptionPtr &subscription);
     void deliver_missed_deletions(const SubscriptionPtr &subscription, const std::vector<Object> &present);
     void deliver_change(const SubscriptionPtr &subscription, const Change &change);
-    void deliver_removal(const SubscriptionPtr &subscription, const std::string &key, std::vector<uint32_t> fields);
+    void deliver_removal(const SubscriptionPtr &subscription, const std::string &key);
 
     Delivery delivery_;
     const Preparation prepare_;        // may be empty

@@ -208,7 +208,7 @@ void Front::deliver_missed_deletions(const SubscriptionPtr &subscription, const 
         if (!going(subscription->db, epoch) || subscription->ended) {
             return;
         }
-        deliver_removal(subscription, key, {subscription->field});
+        deliver_removal(subscription, key);
     }
 }
 
@@ -249,7 +249,7 @@ void Front::changed(const Change &change)
 void Front::deliver_change(const SubscriptionPtr &subscription, const Change &change)
 {
     if (change.kind == ChangeKind::removed) {
-        deliver_removal(subscription, change.name.key, change.fields);
+        deliver_removal(subscription, change.name.key);
         return;
     }
     MessagePtr message = delivery_.build(*subscription->type, change.name.db, {change.name.key, change.value});
@@ -259,28 +259,21 @@ void Front::deliver_change(const SubscriptionPtr &subscription, const Change &ch
     }
     subscription->delivered[change.name.key] = change.value.bytes;
     if (change.kind == ChangeKind::fields_set) {
-        delivery_.send_hash(subscription->to, TQ_MOM_HSET, *message, change.fields);
+        delivery_.send_hash(subscription->to, *message, change.fields);
     } else {
         delivery_.send_message(subscription->to, TQ_MOM_SET, *message);
     }
 }
 
 // A subscriber may need more of a removed object than its key, such as the port
-// of a learned address, so it gets the object as it saw it last. A receiver of
-// single fields reads every object as a tq_mom_hash_t, so a removal must not
-// give it anything else.
-void Front::deliver_removal(const SubscriptionPtr &subscription, const std::string &key, std::vector<uint32_t> fields)
+// of a learned address, so it gets the object as it saw it last.
+void Front::deliver_removal(const SubscriptionPtr &subscription, const std::string &key)
 {
     const auto known = subscription->delivered.extract(key);
     MessagePtr message = known.empty() || known.mapped().empty()
                              ? delivery_.build_removed(*subscription->type, subscription->db, key)
                              : delivery_.build(*subscription->type, subscription->db, {key, {known.mapped(), {}}});
-    if (!message) {
-        return;
-    }
-    if (subscription->field != 0) {
-        delivery_.send_hash(subscription->to, TQ_MOM_DEL, *message, std::move(fields));
-    } else {
+    if (message) {
         delivery_.send_message(subscription->to, TQ_MOM_DEL, *message);
     }
 }

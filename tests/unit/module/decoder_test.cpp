@@ -143,7 +143,7 @@ TEST_F(Decoders, HashSetAppliesTheSubscribedFieldAlone)
     EXPECT_EQ(cfg().age_time, 90);
     EXPECT_EQ(cfg().cos + cfg().secu_mode, 6);
     EXPECT_EQ(decode_glb({5, 8}, 6), 0) << "not among the changed fields";
-    EXPECT_EQ(decode_glb({6}, 6, TQ_MOM_SET), 0) << "not a hash-set";
+    EXPECT_EQ(decode_glb({6}, 6, TQ_MOM_SET, -6), 0) << "a message, of which nothing is read";
     EXPECT_EQ(decode_glb({6}, 0), -4) << "no tag";
     EXPECT_EQ(decode_glb({6}, 6, TQ_MOM_HSET, -6), -4) << "not built";
     EXPECT_EQ(decode_glb({5}, 5), -4) << "no glb_switch";

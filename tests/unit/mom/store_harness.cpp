@@ -74,7 +74,7 @@ std::string describe_message(const ProtobufCMessage &message, const std::string 
     return text;
 }
 
-std::string describe(const tq_mom_record_t &record, bool is_field)
+std::string describe(const tq_mom_record_t &record)
 {
     static const char *const phases[] = {"", "over", "open", "done"};
     static const std::map<int32_t, std::string> operations = {{TQ_MOM_SET, "set"},
@@ -93,7 +93,7 @@ std::string describe(const tq_mom_record_t &record, bool is_field)
     if (record.object == nullptr) {
         return operation;
     }
-    if (record.operate != TQ_MOM_HSET && !is_field) {
+    if (record.operate != TQ_MOM_HSET) {
         return operation + " " + describe_message(*static_cast<ProtobufCMessage *>(record.object), "");
     }
     const auto &hash = *static_cast<tq_mom_hash_t *>(record.object);
@@ -125,7 +125,6 @@ int get(const Step &s)
 
 int subscribe_fields(const Step &s)
 {
-    s.to->reads_fields = true;
     const std::vector<tq_mom_callback_t> callbacks(s.fields.size(), s.callback);
     const std::vector<void *> users(s.fields.size(), s.to);
     return tq_mom_subscribe_field(s.ctx, s.db, s.object, 0, s.fields.data(), callbacks.data(), users.data(),
@@ -202,7 +201,7 @@ int Recorder::callback(void *, tq_mom_record_t *record, void *user)
 {
     auto &recorder = *static_cast<Recorder *>(user);
     const int result = recorder.result;
-    recorder.add(describe(*record, recorder.reads_fields));
+    recorder.add(describe(*record));
     return result;
 }
 

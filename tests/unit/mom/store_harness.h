@@ -54,7 +54,6 @@ class Recorder
 
     std::function<void(const std::string &line)> on_line; // called for each, from inside the callback
     int result = 0;                                       // what the callback returns
-    bool reads_fields = false;                            // every object is a tq_mom_hash_t
 
   private:
     Lines lines_;
