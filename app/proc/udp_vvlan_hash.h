@@ -176,8 +176,10 @@ template <typename Traits> struct vvlan_hash_ops {
     }
 
     /* Walks buckets start to start + count - 1. The callback may remove records,
-     * the one that it got included. */
-    static int traverse(const vvlan_hash_t *table, walk_callback callback, uint32_t start, uint32_t count, void *arg)
+     * the one that it got included, and may replace or release the whole table:
+     * each step reads the caller's pointer, which is why it is a reference, and
+     * the table again. */
+    static int traverse(vvlan_hash_t *const &table, walk_callback callback, uint32_t start, uint32_t count, void *arg)
     {
         for (uint32_t bucket = start; table != nullptr && bucket < table->n_buckets && bucket - start < count;
              bucket++) {

@@ -297,4 +297,5 @@ void udp_vvlan_oui_release(void)
             free(VVLAN_LIST_ENTRY(link, vvlan_oui_t, link));
         }
     }
+    vvlan_range_count = 0;
 }

@@ -1,7 +1,9 @@
 /* One-shot timers on the host's event loop.
  *
  * A callback runs on the loop, one at a time with every other callback of the
- * host, never from inside the call that armed it.
+ * host, never from inside the call that armed it. A module cannot cancel a
+ * timer. The host cancels those that are armed before it unloads the module, so
+ * none fires into code that is gone.
  */
 #ifndef TQ_THREAD_H
 #define TQ_THREAD_H

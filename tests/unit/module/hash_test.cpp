@@ -155,7 +155,14 @@ TEST_F(HashTable, WalksStopAndTile)
     for (const auto &[start, length] : {std::pair{0u, 5u}, {5u, 0u}, {5u, 6u}, {11u, UINT32_MAX}, {32u, 9u}}) {
         EXPECT_EQ(MODULE(udp_vvlan_mac_hash_traverse_with_index)(count_record, start, length, &count), 0);
     }
-    EXPECT_EQ(count, 20u);
+    EXPECT_EQ(std::exchange(count, 0), 20u);
+    const auto replace_table = [](vvlan_mac_t *, void *arg) {
+        const auto &[release, init] = *static_cast<std::pair<void (*)(), int (*)()> *>(arg);
+        release();
+        return init();
+    };
+    std::pair functions(&MODULE(udp_vvlan_mac_release), &MODULE(udp_vvlan_mac_init));
+    EXPECT_EQ(MODULE(udp_vvlan_mac_hash_traverse)(replace_table, &functions), 0) << "the new table is empty";
 }
 
 // With nothing but deleted marks around it, a record goes to its home bucket.

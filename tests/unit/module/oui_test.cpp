@@ -78,6 +78,8 @@ TEST_F(Oui, TwentyFourBitsWinThenTheFullAddressThenTheLongestPrefix)
         set_oui(worst_first[i][0], worst_first[i][1], 0);
         EXPECT_EQ(match(mac), worst_first[i - 1][1]) << "after a deletion";
     }
+    MODULE(udp_vvlan_oui_release)();
+    EXPECT_EQ(match(mac), "none");
 }
 
 TEST_F(Oui, OnlyPrefixesMatchAndOnlyUpToTheirLastBit)
