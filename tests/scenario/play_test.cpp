@@ -173,6 +173,18 @@ TEST(PlayTest, FailedExpectationNamesItsLineAndWhatWasFound)
     }
 }
 
+TEST(PlayTest, WaitingPortThatIsTakenOutOfTheVoiceVlanIsNotTrapped)
+{
+    const Player player;
+    player.folder.write("pc.pcap", TempFolder::read(std::string(EXAMPLES) + "/security/pc.pcap"));
+    for (const char *taken_out : {"port 1 disable", "port 1 delete"}) {
+        const Outcome outcome =
+            player.play_text(std::string("vlan 100 on\noui add 00:1b:21:00:00:00/24\nport 1 auto\n") + taken_out +
+                             "\nplay pc.pcap port 1\nexpect frames in = 10\nexpect frames trapped = 0\n");
+        EXPECT_EQ(outcome.status, 0) << taken_out << ": " << outcome.errors;
+    }
+}
+
 TEST(PlayTest, LinkLossAndCapturesThatOverlap)
 {
     const Player player;

@@ -6,10 +6,12 @@
 #include "platform/fp/soft/plane_soft.h"
 #include "platform/host/services.h"
 #include "platform/mom/client.h"
+#include "platform/mom/databases.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/local/store_local.h"
 #include "platform/mom/messages.h"
 
+#include "p_bridge.pb-c.h"
 #include "s_bridge.pb-c.h"
 #include "u_bridge.pb-c.h"
 
@@ -41,7 +43,7 @@ class Rig : public testing::Test
         state.rules[static_cast<size_t>(fp::Acl::voice)] = {voice};
         plane.install(state);
         EXPECT_EQ(mom::attach(&probe, *store, loop, "probe"), 0);
-        for (uint32_t db : {0, 6, 8}) {
+        for (uint32_t db : mom::databases_in_use) {
             EXPECT_EQ(tq_mom_client_connect_sync(&probe, db), 0);
         }
         follow(0, "s_bridge.vvlan_port_noty");
@@ -69,6 +71,27 @@ class Rig : public testing::Test
         loop.run_pending();
     }
     void set_trap(uint32_t ifx, bool on = true) { put(8, "u_bridge.vvlan_port_cfg", std::to_string(ifx), on); }
+    void configure_port(uint32_t ifx, uint32_t enable, uint32_t mode)
+    {
+        PBridge__VvlanIndex index = P_BRIDGE__VVLAN_INDEX__INIT;
+        PBridge__VvlanPortCfg object = P_BRIDGE__VVLAN_PORT_CFG__INIT;
+        index.ifx = ifx;
+        object.index = &index;
+        object.enable = enable;
+        object.mode = mode;
+        EXPECT_EQ(tq_mom_set(&probe, mom::db_config, &object.base, nullptr, nullptr), 0);
+        loop.run_pending();
+    }
+    void switch_vlan(uint32_t vlan, uint32_t enable)
+    {
+        PBridge__VvlanEn glb_switch = P_BRIDGE__VVLAN_EN__INIT;
+        PBridge__VvlanGlbCfg object = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+        glb_switch.vlan = vlan;
+        glb_switch.enable = enable;
+        object.glb_switch = &glb_switch;
+        EXPECT_EQ(mom::set_fields(&probe, mom::db_config, &object.base, &mom::glb_cfg_switch, 1), 0);
+        loop.run_pending();
+    }
     void register_vlan(uint32_t vlan, bool on = true) { put(6, "u_bridge.mac_vid_reg", std::to_string(vlan), on); }
 
     bool stored(const std::string &key)
