@@ -18,26 +18,49 @@ namespace vvl::fp
 namespace
 {
 
+constexpr uint16_t vid_bits = 0xfff; // of a tag's control information (IEEE 802.1Q)
+
 // Digit 0 is the first one in text.
 unsigned digit_of(uint64_t mac, size_t digit)
 {
     return static_cast<unsigned>(mac >> (44 - 4 * digit)) & 15u;
 }
 
+// The module takes an OUI of 24 bits for a device before any other, and knows no
+// masks but prefixes; the planes must name the same winner. Greater comes first.
+int precedence_of(uint64_t mask)
+{
+    constexpr int assigned = 24; // bits of an OUI that IEEE assigns
+    const int length = std::popcount(mask);
+    const bool is_prefix = std::countr_zero(mask) + length == 8 * static_cast<int>(mac_size);
+    return !is_prefix ? 0 : length == assigned ? 8 * static_cast<int>(mac_size) + 1 : length;
+}
+
 // The best rule first.
 std::vector<Rule> by_rank(std::span<const Rule> rules)
 {
+    const auto key_of = [](const Rule &rule) {
+        const uint64_t mask = to_u64(rule.mask.data());
+        return std::tuple(-precedence_of(mask), -std::popcount(mask), rule.id);
+    };
     std::vector<Rule> ranked(rules.begin(), rules.end());
-    std::sort(ranked.begin(), ranked.end(), [](const Rule &a, const Rule &b) {
-        return std::tuple(-std::popcount(to_u64(a.mask.data())), a.id) <
-               std::tuple(-std::popcount(to_u64(b.mask.data())), b.id);
-    });
+    std::ranges::sort(ranked, {}, key_of);
     return ranked;
+}
+
+uint16_t vlan_of(std::span<const Rule> rules)
+{
+    const Rule *first = nullptr;
+    for (const Rule &rule : rules) {
+        const bool is_whole = rule.vid != 0 && (rule.vid_mask & vid_bits) == vid_bits;
+        first = is_whole && (first == nullptr || rule.id < first->id) ? &rule : first;
+    }
+    return first != nullptr ? first->vid : 0;
 }
 
 } // namespace
 
-Classifier::Classifier(std::span<const Rule> rules) : rules_(by_rank(rules))
+Classifier::Classifier(std::span<const Rule> rules) : vlan_(vlan_of(rules)), rules_(by_rank(rules))
 {
     for (size_t rank = 0; rank < rules_.size(); rank++) {
         const Rule &rule = rules_[rank];

@@ -30,6 +30,10 @@ class Classifier
     // for any source MAC do not count.
     bool names_mac(uint64_t mac) const;
 
+    // The VLAN that the rules are for: the id, 1 to 4094, that the rule with the
+    // lowest ACE id of those that ask for a whole one asks for; 0 where none does.
+    uint16_t vlan() const { return vlan_; }
+
     static constexpr size_t digit_count = 2 * mac_size; // hexadecimal digits of an address
 
     // A set of rules by their ranks, of which the lowest wins: bit n of word 0 is
@@ -61,6 +65,7 @@ class Classifier
 
     DigitSets agreeing_{};
     RuleSet naming_{};
+    uint16_t vlan_ = 0;
     std::vector<VlanMatch> vlans_; // by rank
     std::vector<Rule> rules_;      // by rank
 };

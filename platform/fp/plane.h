@@ -13,6 +13,35 @@
 namespace vvl::fp
 {
 
+// What both planes do to a frame, beside what its rules ask for:
+//
+// - Frames to reserved destinations (is_reserved) pass as they came in. No ACL acts
+//   on them and their sources are not learned; they may be trapped.
+// - A tag with a VLAN id decides the VLAN; behind an outer tag of VLAN 0 that is the
+//   inner one's. Such a frame counts as tagged once.
+// - The voice VLAN is the one that the rules of Acl::security are for
+//   (Classifier::vlan). A port is in it where it is an uplink, where its PVID is the
+//   voice VLAN, or where Acl::mac_vlan or Acl::voice is bound to it. A frame that
+//   comes in with the tag of the voice VLAN on another port is dropped, as a bridge
+//   that filters VLANs does; a voice frame is still trapped.
+// - An address beyond the limits below is forwarded, but not learned. One that is
+//   known never gives way to another.
+
+constexpr size_t addresses_max = 16384;       // that a plane remembers
+constexpr size_t other_addresses_max = 12288; // of them, such as no rule of Acl::voice names
+
+// Addresses of one port, by who they belong to.
+struct PortAddresses {
+    size_t others; // that no rule of Acl::voice names when they are learned
+    size_t voice;  // that one names
+};
+
+// Behind an access port is a handful of devices, behind an uplink a network.
+constexpr PortAddresses port_addresses_max(bool uplink)
+{
+    return uplink ? PortAddresses{8192, 2048} : PortAddresses{1024, 256};
+}
+
 // What a plane tells, from the loop. All may be called for the same frame.
 class PlaneEvents
 {
@@ -21,8 +50,8 @@ class PlaneEvents
 
     // A frame of a voice device came in on a trapped port. frame is as it came
     // in and lives until the call returns. The frame is forwarded as well, or
-    // dropped where Acl::security denies it (as it does to a phone that tags its
-    // frames before its port has Acl::voice).
+    // dropped where the port is not in the voice VLAN yet and the phone tags its
+    // frames.
     virtual void voice_trapped(uint32_t phyid, const Mac &source, std::span<const uint8_t> frame) = 0;
 
     // A source MAC was seen in a VLAN on a port, after the ACLs: at once where

@@ -33,13 +33,14 @@ constexpr uint8_t acl_bit(Acl acl)
 
 // How a frame is tagged, as the "vlan_form" match field sees it under mask 3.
 enum class VlanForm : uint8_t {
-    untagged = 0,      // no 802.1Q tag, or a priority tag (outer VLAN 0)
-    tagged = 1,        // one 802.1Q tag
-    double_tagged = 2, // an outer tag and an inner one
+    untagged = 0,      // no 802.1Q tag with a VLAN id; maybe priority tags (VLAN 0)
+    tagged = 1,        // one 802.1Q tag, or a priority tag and one inside
+    double_tagged = 2, // an outer tag with a VLAN id, and an inner tag
 };
 
-// One ACE. A match that is not set matches every frame; of several matching
-// rules the one whose MAC mask has most bits acts, then the one with the lowest id.
+// One ACE. A match that is not set matches every frame. Of several matching rules
+// the one with the MAC mask that comes first acts: a prefix of 24 bits, then of 48,
+// then the longest prefix, then the mask with most bits, then the lowest id.
 // Acl::mac_vlan acts by add_tag alone, and sees the VLAN id as it is on the wire
 // (0 without a tag); the others act by the rest, and see the resulting VLAN.
 struct Rule {
@@ -61,6 +62,14 @@ struct Rule {
     uint16_t tag_vid = 0;  // 1 to 4094
     bool operator==(const Rule &) const = default;
 };
+
+// Whether frames to this address (as of to_u64) are for the next bridge or switch
+// alone: 01:80:C2:00:00:00 to 0F (IEEE 802.1Q, table 8-1), and the vendors'
+// discovery addresses 01:00:0C:CC:CC:CC and CD.
+constexpr bool is_reserved(uint64_t destination)
+{
+    return (destination & ~uint64_t{0xf}) == 0x0180c2000000 || (destination & ~uint64_t{1}) == 0x01000ccccccc;
+}
 
 // A whole forwarding state.
 struct PlaneState {

@@ -5,6 +5,7 @@
 #include "platform/fp/rule.h"
 #include "tests/fuzz/byte_reader.h"
 
+#include <bit>
 #include <vector>
 
 namespace vvl::test
@@ -51,6 +52,23 @@ inline fp::Rule read_rule(ByteReader &in, uint64_t id)
     rule.dscp = in.u8() % 65;
     rule.tag_vid = static_cast<uint16_t>(in.one_of({100, 100, 1, 4094, 0}));
     return rule;
+}
+
+// Which of two matching rules acts, ids apart, as the module finds an OUI: 24
+// bits, 48, then the longest prefix. It takes no other masks; those come last.
+inline bool precedes(const fp::Rule &rule, const fp::Rule &other)
+{
+    const auto place = [](const fp::Rule &one) {
+        unsigned order = 0;
+        for (unsigned length = 49; length > 0; length--, order++) {
+            if (one.mask == prefix_mask(length == 49 ? 24 : length)) {
+                break;
+            }
+        }
+        return order;
+    };
+    const auto bits = [](const fp::Rule &one) { return std::popcount(to_u64(one.mask.data())); };
+    return place(rule) != place(other) ? place(rule) < place(other) : bits(rule) > bits(other);
 }
 
 inline std::vector<fp::Rule> read_rules(ByteReader &in)

@@ -1,14 +1,41 @@
-// The addresses that the kernel's programs have seen, in their map, and the
-// time that these programs count in.
+// The addresses that the kernel's programs have seen, in their map, how many there
+// are of each port, and the time that the programs count in. The programs count
+// what they add, the agent what it removes; what an agent that was killed did not
+// count is counted again.
 #pragma once
 
 #include "platform/fp/ebpf/layout.h"
+#include "platform/fp/fill.h"
 
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <string>
 
 namespace vvl::fp
 {
+
+// Which ports, and whether the whole table, have come near their limits.
+class AddressFill
+{
+  public:
+    // Logs what has changed since the last look.
+    void look(const vv_shared &shared);
+
+  private:
+    struct Marks {
+        FillMark others;
+        FillMark voice;
+    };
+
+    void look(Marks &marks, const std::string &name, const vv_share &others, const vv_share &voice);
+
+    std::map<uint32_t, Marks> ports_; // by index
+    Marks all_;
+};
+
+// Sets how many addresses a port may have.
+void limit_addresses(vv_shared &shared, uint32_t index, bool uplink);
 
 class Addresses
 {
@@ -27,11 +54,16 @@ class Addresses
     void count_tick();
 
   private:
+    void count_again(); // makes the numbers of addresses those of the map
+    void walk(const std::function<void(uint64_t key, const vv_seen &)> &visit) const;
+    void remove(uint64_t key, const vv_seen &seen);
     void forget_if(const std::function<bool(const vv_seen &)> &leaves);
     void begin_epoch() { __atomic_add_fetch(&shared_.epoch, 1, __ATOMIC_RELAXED); }
 
     int map_;
     vv_shared &shared_;
+    bool is_counted_ = false; // since this agent's start
+    AddressFill fill_;
 };
 
 } // namespace vvl::fp

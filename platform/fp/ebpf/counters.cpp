@@ -31,6 +31,14 @@ template <typename Value> Value read_sum(const UniqueFd &map, uint32_t index)
     return value;
 }
 
+std::string addresses_text(const vv_share &others, const vv_share &voice)
+{
+    const auto text = [](const vv_share &share) {
+        return ", " + std::to_string(share.used) + " of " + std::to_string(share.max);
+    };
+    return text(others) + " addresses" + text(voice) + " voice addresses";
+}
+
 std::string port_line(const KernelSide &side, uint32_t index)
 {
     const vv_port &port = side.shared().ports[index];
@@ -48,7 +56,7 @@ std::string port_line(const KernelSide &side, uint32_t index)
     for (const auto &[word, count] : columns) {
         line += std::string(", ") + std::to_string(count) + " " + word;
     }
-    return line;
+    return line + addresses_text(port.others, port.voice);
 }
 
 } // namespace
@@ -83,6 +91,7 @@ bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report,
             report.push_back(port_line(side, index));
         }
     }
+    report.push_back("all ports" + addresses_text(side.shared().others, side.shared().voice));
     for (size_t i = 0; i < acl_count; i++) {
         const Acl acl = static_cast<Acl>(i);
         for (uint64_t id = 1; id <= FP_UDP_ACE_COUNT_MAX; id++) {

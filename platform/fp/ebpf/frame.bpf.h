@@ -25,18 +25,20 @@
 #define GROUP_BIT (1ull << 40)
 
 /* How a frame came in. The first three are the forms that rules match; the
- * last one matches as untagged, and becomes double-tagged with a VLAN id. */
+ * last one, two tags without a VLAN, matches as untagged, and becomes
+ * double-tagged with a VLAN id. */
 #define FORM_UNTAGGED 0
 #define FORM_TAGGED 1
 #define FORM_DOUBLE_TAGGED 2
 #define FORM_PRIORITY_TAG_OUTSIDE 3
 
 struct header {
+    __u64 destination;
     __u64 source;
     __u16 type;     /* behind the tags */
     __u16 tci;      /* of the outer tag */
     __u16 tag_type; /* of the outer tag; 0: there is none */
-    __u16 vid;      /* of the outer tag; 0 without one */
+    __u16 vid;      /* of the outer tag that has one; 0: none has */
     __u8 tag_count;
     bool tag_in_bytes;
     __u8 form;
@@ -71,7 +73,17 @@ static __always_inline void pull(struct __sk_buff *skb)
         moved;                                                                                                         \
     })
 
-/* Reads what stands behind the outer tag, or in its place. */
+/* Frames to these are for the next bridge or switch, and no ACL acts on them:
+ * 01:80:C2:00:00:00 to 0F (IEEE 802.1Q, table 8-1) and the vendors' discovery
+ * addresses 01:00:0C:CC:CC:CC and CD. */
+static __always_inline bool is_reserved(__u64 destination)
+{
+    return (destination & GROUP_BIT) &&
+           ((destination & ~0xfull) == 0x0180c2000000ull || (destination & ~1ull) == 0x01000cccccccull);
+}
+
+/* Reads what stands behind the outer tag, or in its place. An inner tag counts
+ * behind an outer one of VLAN 0, which gives a priority alone. */
 static __always_inline bool read_inside(struct __sk_buff *skb, struct header *header)
 {
     __u8 *data = (__u8 *)(long)skb->data;
@@ -86,6 +98,12 @@ static __always_inline bool read_inside(struct __sk_buff *skb, struct header *he
         if (at + TAG_SIZE + TYPE_SIZE > end)
             return false;
         header->tag_count = 2;
+        if (header->vid == 0) {
+            header->vid = bpf_ntohs(*(const __u16 *)(at + TYPE_SIZE)) & 0xfff;
+            header->form = header->vid != 0 ? FORM_TAGGED : FORM_PRIORITY_TAG_OUTSIDE;
+        } else {
+            header->form = FORM_DOUBLE_TAGGED;
+        }
         header->type = bpf_ntohs(*(const __u16 *)(at + TAG_SIZE));
         header->payload += TAG_SIZE;
     }
@@ -100,6 +118,7 @@ static __always_inline bool read_header(struct __sk_buff *skb, struct header *he
 
     if (data + TAG_OFFSET + TYPE_SIZE > end)
         return false;
+    header->destination = read_mac(data);
     header->source = read_mac(data + 6);
     __u16 type = bpf_ntohs(*(const __u16 *)(data + TAG_OFFSET));
     header->tag_count = 0;
@@ -117,32 +136,42 @@ static __always_inline bool read_header(struct __sk_buff *skb, struct header *he
         header->tag_count = 1;
         header->tag_in_bytes = true;
     }
-    if (!read_inside(skb, header))
-        return false;
     header->vid = header->tci & 0xfff;
-    if (header->vid != 0)
-        header->form = header->tag_count;
-    else
-        header->form = header->tag_count == 2 ? FORM_PRIORITY_TAG_OUTSIDE : FORM_UNTAGGED;
-    return true;
+    header->form = header->vid != 0 ? FORM_TAGGED : FORM_UNTAGGED;
+    return read_inside(skb, header);
+}
+
+/* What a treatment takes of the header, in a word and back. */
+static __always_inline __u64 pack_header(const struct header *header)
+{
+    return header->tci | (__u64)header->tag_type << 16 | (__u64)header->type << 32 | (__u64)header->payload << 48 |
+           (__u64)header->tag_in_bytes << 56;
+}
+
+static __always_inline struct header unpack_header(__u64 word)
+{
+    return (struct header){.tci = word,
+                           .tag_type = word >> 16,
+                           .type = word >> 32,
+                           .payload = word >> 48,
+                           .tag_in_bytes = (word >> 56) & 1};
 }
 
 /* ---- Rewriting ----------------------------------------------------------- */
 
-static __always_inline __u8 *packet_of(struct __sk_buff *skb, const struct header *header)
+static __always_inline __u8 *packet_of(struct __sk_buff *skb, __u32 payload)
 {
     __u8 *data = (__u8 *)(long)skb->data;
-    if (header->payload == PAYLOAD_UNTAGGED)
+    if (payload == PAYLOAD_UNTAGGED)
         return moved_by(data, PAYLOAD_UNTAGGED);
-    return header->payload == PAYLOAD_TAGGED ? moved_by(data, PAYLOAD_TAGGED) : moved_by(data, PAYLOAD_DOUBLE_TAGGED);
+    return payload == PAYLOAD_TAGGED ? moved_by(data, PAYLOAD_TAGGED) : moved_by(data, PAYLOAD_DOUBLE_TAGGED);
 }
 
 /* The checksum is updated from the one word that changes (RFC 1624, equation
  * 3), so that one that was wrong on arrival leaves wrong. */
-static __always_inline bool set_ipv4_dscp(struct __sk_buff *skb, const struct header *header, __u8 dscp)
+static __always_inline bool set_ipv4_dscp(struct __sk_buff *skb, __u32 payload, __u8 dscp)
 {
-    __u8 *packet = packet_of(skb, header);
-    __u32 payload = header->payload;
+    __u8 *packet = packet_of(skb, payload);
 
     if (skb->len < payload + IPV4_HEADER_MIN || packet + 12 > (__u8 *)(long)skb->data_end || packet[0] >> 4 != 4)
         return false;
@@ -163,10 +192,9 @@ static __always_inline bool set_ipv4_dscp(struct __sk_buff *skb, const struct he
 
 /* IPv6 has no checksum that would make up for the change, so one over the whole
  * frame that came with it is kept true. */
-static __always_inline bool set_ipv6_dscp(struct __sk_buff *skb, const struct header *header, __u8 dscp)
+static __always_inline bool set_ipv6_dscp(struct __sk_buff *skb, __u32 payload, __u8 dscp)
 {
-    __u8 *packet = packet_of(skb, header);
-    __u32 payload = header->payload;
+    __u8 *packet = packet_of(skb, payload);
 
     if (skb->len < payload + IPV6_HEADER || packet + 2 > (__u8 *)(long)skb->data_end || packet[0] >> 4 != 6)
         return false;
@@ -177,11 +205,13 @@ static __always_inline bool set_ipv6_dscp(struct __sk_buff *skb, const struct he
     return true;
 }
 
-static __always_inline bool set_dscp(struct __sk_buff *skb, const struct header *header, __u8 dscp)
+/* payload: as of struct header, type: behind the tags. Returns whether there is an
+ * IP header that has the DSCP. */
+__noinline int vvlan_set_dscp(struct __sk_buff *skb, __u32 payload, __u32 type, __u32 dscp)
 {
-    if (header->type == TYPE_IPV4)
-        return set_ipv4_dscp(skb, header, dscp);
-    return header->type == TYPE_IPV6 && set_ipv6_dscp(skb, header, dscp);
+    if (type == TYPE_IPV4)
+        return set_ipv4_dscp(skb, payload, dscp);
+    return type == TYPE_IPV6 && set_ipv6_dscp(skb, payload, dscp);
 }
 
 /* Gives the frame its outer tag. Returns false where memory ran out. */

@@ -10,7 +10,7 @@
 
 #include <linux/types.h>
 
-#define VV_LAYOUT 1
+#define VV_LAYOUT 2
 #define VV_MAGIC 0x7676706cu
 
 #define VV_PORTS_MAX 4096       /* ports that are attached, bound or trapped */
@@ -21,7 +21,10 @@
 #define VV_RANKS 128 /* ranks of rules in an ACL; the last one stands for none */
 #define VV_RANK_NONE 127
 #define VV_DIGITS 12              /* hexadecimal digits of an address */
-#define VV_SEEN_MAX 32768         /* addresses that the plane remembers; one beyond is forwarded but not learned */
+#define VV_SEEN_MAX 16384         /* addresses that the plane remembers; one beyond is forwarded but not learned */
+#define VV_SEEN_OTHERS_MAX 12288  /* of them, such as no rule names; the rest is kept for voice devices */
+#define VV_TURNS 1024             /* of the table of turns; a power of two */
+#define VV_SPEAKER_TICKS 300      /* a port's speaker that is silent for so long may be followed by another device */
 #define VV_EVENTS_SIZE (1u << 20) /* bytes of the ring of events; a power of two, whole pages */
 #define VV_TRAP_BYTES_MAX 2048    /* bytes of a trapped frame that are copied; a power of two */
 #define VV_TRAPS_PER_TICK 64      /* frames trapped on one port per tick; the others are only forwarded */
@@ -67,7 +70,7 @@ struct vv_acl {
     __u64 agreeing[VV_DIGITS][16][2];
     __u64 naming[2]; /* the rules with a MAC mask */
     __u32 count;
-    __u32 unused;
+    __u32 vlan; /* that the rules are for, 0: none. Of the security ACL: the voice VLAN */
 };
 
 /* The rules themselves are in a map of their own, by state, ACL and rank. */
@@ -75,12 +78,14 @@ struct vv_acl {
 #define VV_RULES_MAX (VV_STATES * VV_ACLS * VV_RANKS)
 
 /* How a port's frames are treated, in one word so that it changes in one store:
- * generation in bits 63 to 32, PVID in 27 to 16, bound ACLs in 7 to 0. A
- * generation is never used for two treatments of a port; what was worked out
- * under another one is worked out anew. */
+ * generation in bits 63 to 32, PVID in 27 to 16, VV_BIND_UPLINK, bound ACLs in
+ * 7 to 0. A generation is never used for two treatments of a port; what was
+ * worked out under another one is worked out again. */
 #define VV_BIND_GENERATION(bind) ((__u32)((bind) >> 32))
 #define VV_BIND_PVID(bind) ((__u16)((bind) >> 16))
 #define VV_BIND_BOUND(bind) ((__u8)(bind))
+#define VV_BIND_UPLINK 0x100u       /* the port leads to the network, not to a device */
+#define VV_BIND_OF_PORT 0x0fff0100u /* the bits that do not depend on the ACLs */
 
 struct vv_state {
     struct vv_acl acls[VV_ACLS];
@@ -91,14 +96,27 @@ struct vv_state {
 #define VV_PORT_TRAP 2u
 #define VV_PORT_MADE_CLSACT 4u /* the interface had no clsact queue discipline before */
 
+/* Entries in use of a part of the addresses, and how many there may be. */
+struct vv_share {
+    __u32 used;
+    __u32 max;
+};
+
+/* The speaker of a port is the voice device that decides in which form the port
+ * gets what goes to all of its devices. */
 struct vv_port {
     __u32 phyid;
     __u32 ifindex; /* 0: no interface is attached */
     __u32 flags;
-    __u16 untag_vid; /* VLAN that the port's last heard voice device uses without tags; 0: it tags */
+    __u16 untag_vid; /* VLAN that the speaker uses without tags; 0: it tags */
     __u16 unused;
     __u32 trap_tick; /* tick that trap_count counts in */
     __u32 trap_count;
+    __u64 speaker;      /* its address; 0: there is none yet */
+    __u32 speaker_tick; /* when it was heard last */
+    __u32 unused_too;
+    struct vv_share others; /* addresses that no rule named when they were learned */
+    struct vv_share voice;  /* addresses that one did */
 };
 
 /* One value, mapped into the agent. */
@@ -109,7 +127,10 @@ struct vv_shared {
     __u32 active;                    /* index of the state in force */
     __u32 tick;                      /* seconds, counted by the agent; stands still without one */
     __u32 generation;                /* the last one that was given out */
-    __u32 epoch;                     /* changes with each tick and each address that is to be reported anew */
+    __u32 epoch;                     /* changes with each tick and each address that is to be reported again */
+    struct vv_share others;          /* as of a port, of all ports */
+    struct vv_share voice;           /* max: of all addresses together */
+    __u32 turns[VV_TURNS];           /* by VV_TURN: counts the changes of form of the devices there */
     __u64 places[VV_IFINDEX_PLACES]; /* ifindex in bits 63 to 32, port index in 31 to 0; 0: free */
     struct vv_port ports[VV_PORTS_MAX];
     struct vv_state states[VV_STATES];
@@ -118,6 +139,7 @@ struct vv_shared {
 /* Key of the addresses seen: the address, above it the VLAN that the port puts
  * the frame into before any ACL (12 bits), and the form of its tags (2 bits). */
 #define VV_SEEN_KEY(mac, vid, form) ((__u64)(mac) | (__u64)(vid) << 48 | (__u64)(form) << 60)
+#define VV_SEEN_VID(key) ((__u16)((key) >> 48 & 0xfff))
 
 /* What the ACLs decide about an address on a port, in one word: generation in
  * bits 63 to 32, port index in 31 to 16, then VV_NAMED and the rank in the
@@ -126,15 +148,22 @@ struct vv_shared {
 #define VV_VERDICT_OWNER(generation, port) ((__u64)(generation) << 32 | (__u64)(port) << 16)
 #define VV_NAMED 0x8000u       /* a rule of the voice ACL names the address */
 #define VV_BY_SECURITY 0x0080u /* the rank is in the security ACL */
+#define VV_FILTERED 0x00ffu    /* instead of these two: dropped, the port is not in the VLAN of the frame's tag */
 
 struct vv_seen {
     __u64 verdict;
     __u32 port;     /* index of the port where it was seen last */
     __u32 tick;     /* when it was reported last */
     __u16 vlan;     /* as reported */
-    __u16 reported; /* 0: not yet, since the ring was full */
-    __u32 unused;
+    __u8 reported;  /* 0: not yet, since the ring was full */
+    __u8 is_newest; /* of the two forms, with a tag and without, in which the device talks in the VLAN */
+    __u32 is_voice; /* counted in the port's share for voice devices */
 };
+
+/* A device that changes its form is noticed at once, although each processor
+ * keeps answers for both forms: an answer holds only until the device's turn is
+ * another one. Devices that share a turn only take the longer way more often. */
+#define VV_TURN(mac) ((__u32)(mac) & (VV_TURNS - 1))
 
 #define VV_CACHE_SIZE 1024 /* of each processor; a power of two */
 
@@ -154,12 +183,13 @@ union vv_action {
 
 #define VV_ACTION_NAMED 32u       /* a rule of the voice ACL names the sender */
 #define VV_ACTION_BY_SECURITY 64u /* mark_ace is of the security ACL */
+#define VV_ACTION_SPEAKS 128u     /* a voice device in the voice VLAN */
 
 /* The last answer for an address, on one processor: spares a frame the lookup of
  * struct vv_seen where nothing has changed since. */
 struct vv_cached {
     __u64 key;
-    __u64 stamp; /* VV_VERDICT_OWNER with the epoch in bits 15 to 0 */
+    __u64 stamp; /* VV_VERDICT_OWNER with the sum of epoch and turn in bits 15 to 0 */
     union vv_action action;
 };
 
@@ -174,7 +204,7 @@ struct vv_port_counters {
     __u64 tagged;
     __u64 remarked;
     __u64 dropped;
-    __u64 events_lost; /* no room in the ring, or an address beyond VV_SEEN_MAX */
+    __u64 events_lost; /* no room in the ring, or for the address */
 };
 
 #define VV_ACE_INDEX(acl, id) ((acl)*VV_RANKS + (id))
@@ -200,9 +230,9 @@ struct vv_trapped {
 static_assert(sizeof(vv_rule) == 32);
 static_assert(sizeof(vv_acl) == VV_DIGITS * 16 * 16 + 24);
 static_assert(sizeof(vv_state) == VV_ACLS * sizeof(vv_acl) + VV_PORTS_MAX * 8ul);
-static_assert(sizeof(vv_port) == 24);
-static_assert(sizeof(vv_shared) ==
-              32 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) + VV_STATES * sizeof(vv_state));
+static_assert(sizeof(vv_port) == 56);
+static_assert(sizeof(vv_shared) == 48 + VV_TURNS * 4 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) +
+                                       VV_STATES * sizeof(vv_state));
 static_assert(sizeof(vv_seen) == 24 && sizeof(vv_event) == 24);
 static_assert(sizeof(vv_port_counters) == 56);
 #endif

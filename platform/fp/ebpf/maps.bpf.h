@@ -64,6 +64,19 @@ static __always_inline __u32 within(__u32 index, __u32 mask)
     return index & mask;
 }
 
+/* The value of an array at an index, or null. The key is a whole word, of which the
+ * kernel reads one half: where the stack has held a whole word before, a process
+ * with few capabilities may write nothing smaller there. */
+static __always_inline void *value_at(void *array, __u32 index)
+{
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    __u64 key = index;
+#else
+    __u64 key = (__u64)index << 32;
+#endif
+    return bpf_map_lookup_elem(array, &key);
+}
+
 static __always_inline struct vv_port *port_at(__u32 index)
 {
     return &vv.ports[within(index, VV_PORTS_MAX - 1)];
@@ -74,15 +87,23 @@ static __always_inline __u64 bind_of(const struct vv_state *state, __u32 index)
     return once(state->bind[within(index, VV_PORTS_MAX - 1)]);
 }
 
-/* The index of an interface's port, or VV_PORTS_MAX. */
-static __always_inline __u32 port_of(__u32 ifindex)
+/* The same as below, for an interface that is not in its first place. Not static:
+ * the verifier follows each way out of a loop to the program's end. */
+__noinline __u32 vvlan_port_elsewhere(__u32 ifindex)
 {
-    for (int i = 0; i < VV_IFINDEX_PROBES; i++) {
+    for (int i = 1; i < VV_IFINDEX_PROBES; i++) {
         __u64 place = once(vv.places[(ifindex + i) & (VV_IFINDEX_PLACES - 1)]);
         if (place >> 32 == ifindex)
             return (__u32)place & (VV_PORTS_MAX - 1);
     }
     return VV_PORTS_MAX;
+}
+
+/* The index of an interface's port, or VV_PORTS_MAX. */
+static __always_inline __u32 port_of(__u32 ifindex)
+{
+    __u64 place = once(vv.places[ifindex & (VV_IFINDEX_PLACES - 1)]);
+    return place >> 32 == ifindex ? (__u32)place & (VV_PORTS_MAX - 1) : vvlan_port_elsewhere(ifindex);
 }
 
 #endif

@@ -157,7 +157,8 @@ bool EbpfPlane::add_port(const PlanePort &port, std::string &why)
         why = name_of(port) + ": the plane has " + std::to_string(VV_PORTS_MAX) + " ports already";
         return false;
     }
-    impl_->states->set_pvid(index, port.pvid);
+    impl_->states->set_pvid(index, port.pvid, port.uplink);
+    limit_addresses(impl_->side.shared(), index, port.uplink);
     if (!impl_->states->place_interface(index, ifindex)) {
         why = name_of(port) + ": no place is left for interface index " + std::to_string(ifindex);
         return false;

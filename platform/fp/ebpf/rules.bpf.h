@@ -37,8 +37,7 @@ static __always_inline struct rank_set ranks_for(const struct vv_acl *acl, __u64
  * reach in two steps takes another capability to load. */
 static __always_inline const struct vv_rule *rule_at(__u32 state, __u32 acl, __u32 rank)
 {
-    __u32 index = VV_RULE_INDEX(state, acl, rank);
-    return bpf_map_lookup_elem(&rules, &index);
+    return value_at(&rules, VV_RULE_INDEX(state, acl, rank));
 }
 
 struct search {
@@ -58,8 +57,7 @@ static long look_at_one(__u32 turn, void *context)
     if (left == 0)
         return 1;
     __u32 rank = search->first_rank + lowest_bit(left);
-    __u32 index = search->first_rule + rank;
-    const struct vv_rule *rule = bpf_map_lookup_elem(&rules, &index);
+    const struct vv_rule *rule = value_at(&rules, search->first_rule + rank);
     search->left = left & (left - 1);
     if (!rule || ((rule->vlan ^ search->vlan) & rule->vlan_mask) != 0)
         return 0;
@@ -102,6 +100,15 @@ static __always_inline __u32 vlan_word(__u32 vid, __u32 form)
     return form << 16 | vid;
 }
 
+/* Whether the frame's tag names the voice VLAN and the port is not in it. As
+ * Plane says, the voice VLAN is the one that the security ACL is for. */
+static __always_inline bool is_filtered(__u32 state, __u64 bind, __u32 vid)
+{
+    const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[VV_ACL_SECURITY];
+    return vid != 0 && vid == acl->vlan && vid != VV_BIND_PVID(bind) && !(bind & VV_BIND_UPLINK) &&
+           !(VV_BIND_BOUND(bind) & (VV_BOUND_MAC_VLAN | VV_BOUND_VOICE));
+}
+
 /* Works out the low half of a verdict: the order of the ACLs. The MAC-VLAN ACL
  * sees the frame as it came in and decides the VLAN, unless a tag has; the
  * others see the VLAN that results from it. */
@@ -109,6 +116,10 @@ __noinline __u32 vvlan_judge(__u32 state, __u64 mac, __u64 bind, __u32 vid, __u3
 {
     __u32 bound = VV_BIND_BOUND(bind), vlan = vid, tag_rank = VV_RANK_NONE, rank = VV_RANK_NONE, flags = 0;
 
+    if (vvlan_names(state, mac))
+        flags |= VV_NAMED;
+    if (is_filtered(state, bind, vid))
+        return flags | VV_FILTERED | VV_RANK_NONE << 8;
     if (vid == 0) {
         __u32 resulting_form = form == FORM_PRIORITY_TAG_OUTSIDE ? FORM_DOUBLE_TAGGED : FORM_TAGGED;
         vlan = VV_BIND_PVID(bind);
@@ -128,10 +139,9 @@ __noinline __u32 vvlan_judge(__u32 state, __u64 mac, __u64 bind, __u32 vid, __u3
         rank = vvlan_find_rank(state, VV_ACL_VOICE, mac, vlan_word(vlan, form)) & (VV_RANKS - 1);
     if (rank == VV_RANK_NONE && (bound & VV_BOUND_SECURITY)) {
         rank = vvlan_find_rank(state, VV_ACL_SECURITY, mac, vlan_word(vlan, form)) & (VV_RANKS - 1);
-        flags |= VV_BY_SECURITY;
+        if (rank != VV_RANK_NONE)
+            flags |= VV_BY_SECURITY;
     }
-    if (vvlan_names(state, mac))
-        flags |= VV_NAMED;
     return flags | tag_rank << 8 | rank;
 }
 

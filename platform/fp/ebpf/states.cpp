@@ -78,6 +78,7 @@ void compile(std::span<const Rule> rules, vv_acl &acl, vv_rule *out)
     acl = {};
     std::memcpy(acl.agreeing, classifier.agreeing().data(), sizeof acl.agreeing);
     std::memcpy(acl.naming, classifier.naming().data(), sizeof acl.naming);
+    acl.vlan = classifier.vlan();
     for (const Rule &rule : classifier.ranked()) {
         out[acl.count++] = kernel_rule(rule);
     }
@@ -89,9 +90,15 @@ size_t first_rule(size_t state, size_t acl)
     return VV_RULE_INDEX(state, acl, size_t{0});
 }
 
-uint64_t bind_word(uint32_t generation, uint16_t pvid, uint8_t acls)
+// of_port: a word with the bits that do not depend on the ACLs.
+uint64_t bind_word(uint32_t generation, uint64_t of_port, uint8_t acls)
 {
-    return uint64_t{generation} << 32 | uint64_t{pvid} << 16 | acls;
+    return uint64_t{generation} << 32 | (of_port & VV_BIND_OF_PORT) | acls;
+}
+
+uint64_t bits_of_port(uint16_t pvid, bool uplink)
+{
+    return uint64_t{pvid} << 16 | (uplink ? VV_BIND_UPLINK : 0);
 }
 
 uint32_t first_place(uint32_t ifindex, uint32_t probe)
@@ -157,7 +164,7 @@ uint32_t States::port_for(uint32_t phyid, const IsNeeded &is_needed)
     port_by_phyid_.erase(place->phyid);
     *place = {};
     place->phyid = phyid;
-    store_bind(port, 1, 0);
+    store_bind(port, bits_of_port(1, false), 0);
     place->flags = VV_PORT_USED;
     port_by_phyid_[phyid] = port;
     return port;
@@ -168,9 +175,9 @@ uint32_t States::next_generation()
     return ++shared_->generation;
 }
 
-void States::store_bind(uint32_t port, uint16_t pvid, uint8_t acls)
+void States::store_bind(uint32_t port, uint64_t of_port, uint8_t acls)
 {
-    __atomic_store_n(&active().bind[port], bind_word(next_generation(), pvid, acls), __ATOMIC_RELEASE);
+    __atomic_store_n(&active().bind[port], bind_word(next_generation(), of_port, acls), __ATOMIC_RELEASE);
 }
 
 int States::install(const PlaneState &state)
@@ -197,7 +204,7 @@ int States::install(const PlaneState &state)
         return switch_state(state, bound);
     }
     if (changed_count == 1) {
-        store_bind(changed, VV_BIND_PVID(active().bind[changed]), bound[changed]);
+        store_bind(changed, active().bind[changed], bound[changed]);
     }
     return 0;
 }
@@ -217,17 +224,18 @@ int States::switch_state(const PlaneState &to, const Bound &bound)
     }
     const uint32_t generation = next_generation();
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {
-        state.bind[port] = bind_word(generation, VV_BIND_PVID(active().bind[port]), bound[port]);
+        state.bind[port] = bind_word(generation, active().bind[port], bound[port]);
     }
     free_states_--;
     __atomic_store_n(&shared_->active, next, __ATOMIC_RELEASE);
     return 0;
 }
 
-void States::set_pvid(uint32_t port, uint16_t pvid)
+void States::set_pvid(uint32_t port, uint16_t pvid, bool uplink)
 {
-    if (const uint64_t bind = active().bind[port]; VV_BIND_PVID(bind) != pvid) {
-        store_bind(port, pvid, VV_BIND_BOUND(bind));
+    const uint64_t of_port = bits_of_port(pvid, uplink);
+    if (const uint64_t bind = active().bind[port]; (bind & VV_BIND_OF_PORT) != of_port) {
+        store_bind(port, of_port, VV_BIND_BOUND(bind));
     }
 }
 

@@ -38,7 +38,7 @@ class States
     // one that is. check_state() accepts it, and all its ports were made before.
     // Returns 0, or a negative system error with nothing changed.
     int install(const PlaneState &state);
-    void set_pvid(uint32_t port, uint16_t pvid);
+    void set_pvid(uint32_t port, uint16_t pvid, bool uplink);
     PlaneState installed() const; // read from the map
 
     // Makes this interface the port's only one. Returns false where other
@@ -53,7 +53,7 @@ class States
     std::vector<Rule> rules_in_force(size_t acl) const;
     int switch_state(const PlaneState &state, const Bound &bound);
     vv_state &active() const { return shared_->states[shared_->active % VV_STATES]; }
-    void store_bind(uint32_t port, uint16_t pvid, uint8_t acls);
+    void store_bind(uint32_t port, uint64_t of_port, uint8_t acls);
     uint32_t next_generation();
 
     vv_shared *shared_;

@@ -13,149 +13,171 @@
 
 static __always_inline void count_ace(__u32 acl, __u8 id)
 {
-    __u32 index = VV_ACE_INDEX(acl, id);
-    __u64 *count = bpf_map_lookup_elem(&ace_counters, &index);
+    __u64 *count = value_at(&ace_counters, VV_ACE_INDEX(acl, id));
     if (count)
         ++*count;
 }
 
-/* Carries out what the rules ask for. */
-static __always_inline int treat(struct __sk_buff *skb, const struct header *header, union vv_action action,
-                                 struct vv_port_counters *counters)
+static __always_inline struct vv_cached *cached_for(__u64 key)
 {
-    bool has_tag = header->tag_type != 0, remarked = false;
-    __u16 tci = header->tci;
+    struct vv_cache *all = value_at(&cache, 0);
+    /* Multiplicative hashing: the high bits of a product with 2^64 divided by the golden ratio. */
+    __u64 place = key * 0x9e3779b97f4a7c15ull >> 54;
+    return all ? &all->entries[place & (VV_CACHE_SIZE - 1)] : 0;
+}
 
+/* What a verdict comes to, as a word of union vv_action. Each rule is used right
+ * behind its lookup; see vvlan_learn. */
+__noinline __u64 vvlan_action_of(__u32 state, __u32 verdict)
+{
+    union vv_action action = {};
+    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1), rank = verdict & (VV_RANKS - 1);
+    __u32 named = verdict & VV_NAMED ? VV_ACTION_NAMED : 0;
+
+    if ((verdict & 0xff) == VV_FILTERED) {
+        action.flags = VV_RULE_DROP | named;
+        return action.word;
+    }
+    if (rank != VV_RANK_NONE) {
+        __u32 by_security = verdict & VV_BY_SECURITY ? VV_ACTION_BY_SECURITY : 0;
+        const struct vv_rule *rule = rule_at(state, by_security ? VV_ACL_SECURITY : VV_ACL_VOICE, rank);
+        if (rule) {
+            action.mark_ace = rule->id;
+            action.flags = (rule->flags & ~VV_RULE_TAG) | by_security | (named && !by_security ? VV_ACTION_SPEAKS : 0);
+            action.cos = rule->cos;
+            action.dscp = rule->dscp;
+            action.prio = rule->prio;
+        }
+    }
+    if (tag_rank != VV_RANK_NONE) {
+        const struct vv_rule *rule = rule_at(state, VV_ACL_MAC_VLAN, tag_rank);
+        if (rule) {
+            action.flags |= VV_RULE_TAG | (named ? VV_ACTION_SPEAKS : 0);
+            action.tag_ace = rule->id;
+            action.tag_vid = rule->tag_vid;
+        }
+    }
+    action.flags |= named;
+    return action.word;
+}
+
+/* The verdict, searched for, and kept where there is an entry. */
+static __noinline __u64 judge(__u64 key, __u64 bind, __u64 stamp, __u32 state)
+{
+    __u32 form = key >> 60, vid = form == FORM_TAGGED || form == FORM_DOUBLE_TAGGED ? VV_SEEN_VID(key) : 0;
+    __u64 verdict = (stamp & ~0xffffull) | vvlan_judge(state, mac_of(key), bind, vid, form);
+    struct vv_seen *entry = bpf_map_lookup_elem(&seen, &key);
+
+    if (entry)
+        once(entry->verdict) = verdict;
+    return verdict;
+}
+
+/* What to do with a frame whose sender is not in the cache, after learning it: a
+ * word of union vv_action. A sender whose frames are denied is not learned, nor is
+ * a group address, which is no sender, or an all-zero one, which is a sender
+ * without an address. key: of struct vv_seen; stamp: of struct vv_cached. */
+__noinline __u64 vvlan_look_up(__u64 key, __u64 bind, __u64 stamp, __u32 state)
+{
+    bool is_station = mac_of(key) != 0 && !(key & GROUP_BIT);
+    __u32 port = (stamp >> 16) & (VV_PORTS_MAX - 1);
+    struct vv_seen before = {}, *entry = bpf_map_lookup_elem(&seen, &key);
+
+    if (entry)
+        before = *entry;
+    __u64 verdict = (before.verdict ^ stamp) >> 16 ? judge(key, bind, stamp, state) : before.verdict;
+    union vv_action action = {.word = vvlan_action_of(state, verdict)};
+    if (!is_station || (action.flags & VV_RULE_DROP))
+        return action.word;
+    __u16 vlan = action.flags & VV_RULE_TAG ? action.tag_vid : VV_SEEN_VID(key);
+    bool is_news = !before.reported || !before.is_newest || before.port != port || before.vlan != vlan ||
+                   before.tick != once(vv.tick);
+    if (is_news && !vvlan_learn(key, port, verdict, vlan, VV_BIND_PVID(bind))) {
+        struct vv_port_counters *counters = value_at(&port_counters, port);
+        if (counters)
+            counters->events_lost++;
+        return action.word;
+    }
+    struct vv_cached *cached = cached_for(key);
+    if (cached)
+        *cached = (struct vv_cached){key, stamp, action};
+    return action.word;
+}
+
+/* The functions that follow are not static, and take numbers, so that the verifier
+ * goes through them once and not with each form of a frame and each answer: for a
+ * process with few capabilities it joins no paths. */
+
+/* Follows the port's speaker. Another device becomes it where there is none or
+ * where it has fallen silent, so one frame with a made-up address, or a second
+ * telephone, does not change the form of what goes to all. */
+__noinline int vvlan_note_form(__u32 index, __u64 source, __u32 untag_vid)
+{
+    struct vv_port *port = port_at(index);
+    __u32 tick = once(vv.tick);
+
+    if (port->speaker != source) {
+        if (port->speaker != 0 && tick - port->speaker_tick < VV_SPEAKER_TICKS)
+            return 0;
+        port->speaker = source;
+    }
+    if (port->speaker_tick != tick)
+        port->speaker_tick = tick;
+    if (port->untag_vid != untag_vid)
+        port->untag_vid = untag_vid;
+    return 1;
+}
+
+/* Carries out what the rules ask for. word: of pack_header. */
+__noinline int vvlan_treat(struct __sk_buff *skb, __u64 word, __u64 source, __u32 index, __u64 action_word)
+{
+    struct header header = unpack_header(word);
+    union vv_action action = {.word = action_word};
+    struct vv_port_counters *counters = value_at(&port_counters, index);
+    bool has_tag = header.tag_type != 0, remarked = false;
+    __u16 tci = header.tci;
+
+    if (!counters)
+        return TC_ACT_UNSPEC;
+    /* A voice frame is trapped even where it is dropped, or a phone that tags its
+     * own frames could never join. */
+    if ((action.flags & VV_ACTION_NAMED) && (port_at(index)->flags & VV_PORT_TRAP))
+        vvlan_trap(skb, index, source);
+    if (action.flags & VV_ACTION_SPEAKS)
+        vvlan_note_form(index, source, action.flags & VV_RULE_TAG ? action.tag_vid : 0);
     if (action.flags & VV_RULE_TAG) {
         tci = (tci & 0xf000) | action.tag_vid;
         has_tag = true;
         counters->tagged++;
         count_ace(VV_ACL_MAC_VLAN, action.tag_ace);
     }
-    if (action.mark_ace) {
+    if (action.mark_ace)
         count_ace(action.flags & VV_ACTION_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE, action.mark_ace);
-        if (action.flags & VV_RULE_DROP) {
-            counters->dropped++;
-            return TC_ACT_SHOT;
-        }
-        if (action.flags & VV_RULE_PRIO)
-            skb->priority = action.prio;
-        if ((action.flags & VV_RULE_COS) && has_tag) {
-            tci = (tci & 0x1fff) | action.cos << 13;
-            remarked = true;
-        }
-        if (action.flags & VV_RULE_DSCP)
-            remarked |= set_dscp(skb, header, action.dscp);
-        counters->remarked += remarked;
+    if (action.flags & VV_RULE_DROP) {
+        counters->dropped++;
+        return TC_ACT_SHOT;
     }
-    if (has_tag && !set_tag(skb, header, tci)) {
+    if (action.flags & VV_RULE_PRIO)
+        skb->priority = action.prio;
+    if ((action.flags & VV_RULE_COS) && has_tag) {
+        tci = (tci & 0x1fff) | action.cos << 13;
+        remarked = true;
+    }
+    if (action.flags & VV_RULE_DSCP)
+        remarked |= vvlan_set_dscp(skb, header.payload, header.type, action.dscp) != 0;
+    counters->remarked += remarked;
+    if (has_tag && !set_tag(skb, &header, tci)) {
         counters->dropped++;
         return TC_ACT_SHOT;
     }
     return TC_ACT_UNSPEC;
 }
 
-/* What the programs ask about a frame's sender. */
-struct question {
-    __u64 key; /* of struct vv_seen */
-    __u64 bind;
-    __u64 stamp; /* of struct vv_cached */
-    __u32 port;
-    __u32 state;
-    __u16 vid;
-    __u16 form;
-};
-
-static __always_inline struct vv_cached *cached_for(__u64 key)
-{
-    __u32 zero = 0;
-    struct vv_cache *all = bpf_map_lookup_elem(&cache, &zero);
-    /* Multiplicative hashing: the high bits of a product with 2^64 divided by the golden ratio. */
-    __u64 place = key * 0x9e3779b97f4a7c15ull >> 54;
-    return all ? &all->entries[place & (VV_CACHE_SIZE - 1)] : 0;
-}
-
-/* What a verdict comes to. */
-static __always_inline union vv_action action_of(__u32 state, __u32 verdict)
-{
-    union vv_action action = {};
-    __u32 tag_rank = (verdict >> 8) & (VV_RANKS - 1), rank = verdict & (VV_RANKS - 1);
-    __u32 acl = verdict & VV_BY_SECURITY ? VV_ACL_SECURITY : VV_ACL_VOICE;
-    const struct vv_rule *tagging = tag_rank != VV_RANK_NONE ? rule_at(state, VV_ACL_MAC_VLAN, tag_rank) : 0;
-    const struct vv_rule *marking = rank != VV_RANK_NONE ? rule_at(state, acl, rank) : 0;
-
-    if (marking) {
-        action.mark_ace = marking->id;
-        action.flags = marking->flags & ~VV_RULE_TAG;
-        action.cos = marking->cos;
-        action.dscp = marking->dscp;
-        action.prio = marking->prio;
-        if (acl == VV_ACL_SECURITY)
-            action.flags |= VV_ACTION_BY_SECURITY;
-    }
-    if (tagging) {
-        action.flags |= VV_RULE_TAG;
-        action.tag_ace = tagging->id;
-        action.tag_vid = tagging->tag_vid;
-    }
-    if (verdict & VV_NAMED)
-        action.flags |= VV_ACTION_NAMED;
-    return action;
-}
-
-/* What to do with a frame whose sender is not in the cache, after learning it. A
- * sender whose frames are denied is not learned, nor is a group address, which
- * is no sender, or an all-zero one, which is a sender without an address. */
-static __noinline __u64 look_up(const struct question *question, struct vv_cached *cached,
-                                struct vv_port_counters *counters)
-{
-    __u64 key = question->key, mac = key & 0xffffffffffffull;
-    bool is_station = mac != 0 && !(mac & GROUP_BIT);
-    struct vv_seen *entry = is_station ? bpf_map_lookup_elem(&seen, &key) : 0;
-    __u64 verdict = entry ? once(entry->verdict) : 0;
-    __u64 owner = question->stamp & ~0xffffull;
-
-    if ((verdict ^ owner) >> 16) {
-        verdict = owner | vvlan_judge(question->state, mac, question->bind, question->vid, question->form);
-        if (entry)
-            once(entry->verdict) = verdict;
-    }
-    union vv_action action = action_of(question->state, verdict);
-    if (!is_station || (action.flags & VV_RULE_DROP))
-        return action.word;
-    __u16 vlan = question->vid ? question->vid : VV_BIND_PVID(question->bind);
-    if (action.flags & VV_RULE_TAG)
-        vlan = action.tag_vid;
-    if (!entry || entry->port != question->port || entry->tick != once(vv.tick) || entry->vlan != vlan ||
-        !entry->reported) {
-        if (!learn(entry, key, question->port, vlan, verdict)) {
-            counters->events_lost++;
-            return action.word;
-        }
-    }
-    if (cached)
-        *cached = (struct vv_cached){key, question->stamp, action};
-    return action.word;
-}
-
-/* Remembers how the port's voice device talks, for what goes to all devices. */
-static __always_inline void note_form(struct vv_port *port, const struct header *header, union vv_action action)
-{
-    __u16 untag_vid = port->untag_vid;
-
-    if (action.flags & VV_RULE_TAG) {
-        if (untag_vid != action.tag_vid)
-            port->untag_vid = action.tag_vid;
-    } else if (untag_vid != 0 && header->vid == untag_vid) {
-        port->untag_vid = 0;
-    }
-}
-
 static __always_inline int ingress(struct __sk_buff *skb)
 {
     struct header header = {};
     __u32 index = port_of(skb->ifindex);
-    struct vv_port_counters *counters = bpf_map_lookup_elem(&port_counters, &index);
+    struct vv_port_counters *counters = value_at(&port_counters, index);
     if (index >= VV_PORTS_MAX || !counters)
         return TC_ACT_UNSPEC;
     counters->in++;
@@ -166,55 +188,55 @@ static __always_inline int ingress(struct __sk_buff *skb)
     }
 
     __u32 state = once(vv.active) & (VV_STATES - 1);
+    /* Such a frame goes on as it came in, and says nothing about how its device
+     * talks; it may only make the port join. */
+    if (is_reserved(header.destination)) {
+        if ((port_at(index)->flags & VV_PORT_TRAP) && vvlan_names(state, header.source))
+            vvlan_trap(skb, index, header.source);
+        return TC_ACT_UNSPEC;
+    }
     __u64 bind = bind_of(&vv.states[state], index);
     __u64 key = VV_SEEN_KEY(header.source, header.vid ? header.vid : VV_BIND_PVID(bind), header.form);
-    __u64 stamp = VV_VERDICT_OWNER(VV_BIND_GENERATION(bind), index) | (once(vv.epoch) & 0xffff);
+    __u32 turn = once(vv.turns[within(VV_TURN(header.source), VV_TURNS - 1)]);
+    __u64 stamp = VV_VERDICT_OWNER(VV_BIND_GENERATION(bind), index) | ((once(vv.epoch) + turn) & 0xffff);
     struct vv_cached *cached = cached_for(key);
     union vv_action action;
     if (cached && cached->key == key && cached->stamp == stamp) {
         action = cached->action;
     } else {
-        struct question question = {key, bind, stamp, index, state, header.vid, header.form};
-        action.word = look_up(&question, cached, counters);
+        action.word = vvlan_look_up(key, bind, stamp, state);
     }
-    if (action.word == 0)
-        return TC_ACT_UNSPEC;
-
-    if (action.flags & VV_ACTION_NAMED) {
-        struct vv_port *port = port_at(index);
-        /* A voice frame is trapped even where the security ACL drops it, or a
-         * phone that tags its own frames could never join. */
-        if (port->flags & VV_PORT_TRAP)
-            trap(skb, port, index, header.source, counters);
-        note_form(port, &header, action);
-    }
-    return treat(skb, &header, action, counters);
+    return action.word ? vvlan_treat(skb, pack_header(&header), header.source, index, action.word) : TC_ACT_UNSPEC;
 }
 
-/* Whether the device that a frame of the VLAN is for wants it without a tag.
- * Devices of one port may differ; what goes to all of them, or to one that has
- * not been heard of, follows the one that talked last. */
+/* Whether the device that a frame of the VLAN is for wants it without a tag, as
+ * its own newest frame came. What goes to all devices of the port, or to one
+ * that has not been heard of, follows the port's speaker. */
 static __always_inline bool wants_untagged(const struct vv_port *port, __u32 index, __u16 pvid, __u16 vid,
                                            __u64 destination)
 {
-    if (!(destination & GROUP_BIT)) {
-        __u64 key = VV_SEEN_KEY(destination, pvid, FORM_UNTAGGED);
-        struct vv_seen *entry = bpf_map_lookup_elem(&seen, &key);
-        if (entry && entry->port == index)
+    if (destination & GROUP_BIT)
+        return port->untag_vid == vid;
+    bool is_known = false;
+    __u64 key = VV_SEEN_KEY(destination, pvid, FORM_UNTAGGED);
+    struct vv_seen *entry = bpf_map_lookup_elem(&seen, &key);
+    if (entry && entry->port == index) {
+        if (entry->vlan != vid || entry->is_newest)
             return entry->vlan == vid;
-        key = VV_SEEN_KEY(destination, vid, FORM_TAGGED);
-        entry = bpf_map_lookup_elem(&seen, &key);
-        if (entry && entry->port == index)
-            return false;
+        is_known = true;
     }
-    return port->untag_vid == vid;
+    key = VV_SEEN_KEY(destination, vid, FORM_TAGGED);
+    entry = bpf_map_lookup_elem(&seen, &key);
+    if (entry && entry->port == index)
+        return false;
+    return is_known || port->untag_vid == vid;
 }
 
 static __always_inline int egress(struct __sk_buff *skb)
 {
     struct header header = {};
     __u32 index = port_of(skb->ifindex);
-    struct vv_port_counters *counters = bpf_map_lookup_elem(&port_counters, &index);
+    struct vv_port_counters *counters = value_at(&port_counters, index);
     if (index >= VV_PORTS_MAX || !counters)
         return TC_ACT_UNSPEC;
     counters->out++;
@@ -223,13 +245,10 @@ static __always_inline int egress(struct __sk_buff *skb)
     if (!(VV_BIND_BOUND(bind) & VV_BOUND_MAC_VLAN))
         return TC_ACT_UNSPEC;
     pull(skb);
-    const __u8 *data = (const __u8 *)(long)skb->data;
-    if (!read_header(skb, &header) || header.vid == 0 || header.tag_count != 1 || header.tag_type != TYPE_CTAG)
+    if (!read_header(skb, &header) || header.vid == 0 || header.tag_count != 1 || header.tag_type != TYPE_CTAG ||
+        is_reserved(header.destination))
         return TC_ACT_UNSPEC;
-    data = (const __u8 *)(long)skb->data;
-    if (data + 6 > (const __u8 *)(long)skb->data_end)
-        return TC_ACT_UNSPEC;
-    if (wants_untagged(port_at(index), index, VV_BIND_PVID(bind), header.vid, read_mac(data)) &&
+    if (wants_untagged(port_at(index), index, VV_BIND_PVID(bind), header.vid, header.destination) &&
         bpf_skb_vlan_pop(skb) != 0) {
         counters->dropped++;
         return TC_ACT_SHOT;

@@ -83,7 +83,7 @@ VlanForm FrameHeader::form() const
     if (!in_tagged_vlan()) {
         return VlanForm::untagged;
     }
-    return tag_count == 1 ? VlanForm::tagged : VlanForm::double_tagged;
+    return tag_count == 2 && outer_vid != 0 ? VlanForm::double_tagged : VlanForm::tagged;
 }
 
 bool read_header(std::span<const uint8_t> frame, FrameHeader &header)
@@ -100,9 +100,9 @@ bool read_header(std::span<const uint8_t> frame, FrameHeader &header)
         if (frame.size() < at + tag_size + type_size) {
             return false;
         }
-        if (header.tag_count == 0) {
-            header.vid = read_u16(&frame[at + 2]) & 0x0fff;
-        }
+        const uint16_t vid = read_u16(&frame[at + 2]) & 0x0fff;
+        header.outer_vid = header.tag_count == 0 ? vid : header.outer_vid;
+        header.vid = header.vid == 0 ? vid : header.vid;
         header.tag_count++;
         at += tag_size;
         type = read_u16(&frame[at]);
@@ -124,7 +124,7 @@ void add_tag(std::vector<uint8_t> &frame, FrameHeader &header, uint16_t vid)
     } else {
         write_u16(&frame[tag_offset + 2], (read_u16(&frame[tag_offset + 2]) & 0xf000u) | vid);
     }
-    header.vid = vid;
+    header.vid = header.outer_vid = vid;
 }
 
 bool set_cos(std::span<uint8_t> frame, const FrameHeader &header, uint8_t cos)

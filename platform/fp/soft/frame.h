@@ -16,12 +16,12 @@ struct FrameHeader {
     uint64_t destination = 0; // as of to_u64
     uint64_t source = 0;      // as of to_u64
     uint8_t tag_count = 0;    // 0 to 2; further tags count as payload
-    uint16_t vid = 0;         // VLAN id of the outer tag; 0 without one
+    uint16_t outer_vid = 0;   // VLAN id of the outer tag; 0 without one
+    uint16_t vid = 0;         // of the outer tag that has one: the inner one counts behind a VLAN 0
     uint16_t ethertype = 0;   // behind the tags; below 0x0600 it is a length
     size_t payload = 0;       // offset of the first byte behind it
 
-    // Whether a tag says which VLAN the frame is in. A priority tag (VLAN 0)
-    // does not, even with another tag inside.
+    // Whether a tag says which VLAN the frame is in. A priority tag (VLAN 0) does not.
     bool in_tagged_vlan() const { return vid != 0; }
     VlanForm form() const;
 };

@@ -59,7 +59,7 @@ struct SoftPlane::Impl {
     Port *port_for_policy(uint32_t phyid);
     bool has_room_for(const std::map<uint32_t, uint8_t> &binding) const;
     void handle(uint32_t phyid, Port &port, std::span<const uint8_t> original, std::vector<uint8_t> &frame);
-    void learn(uint16_t vlan, uint64_t source, uint32_t phyid);
+    void learn(uint16_t vlan, uint64_t source, uint32_t phyid, bool from_uplink);
     void trap(uint32_t phyid, Port &port, uint64_t source, std::span<const uint8_t> original);
     void forward(uint32_t phyid, bool from_uplink, uint16_t vlan, uint64_t destination, std::span<const uint8_t> frame);
     void send(uint32_t phyid, Port &port, std::span<const uint8_t> frame);
@@ -93,12 +93,12 @@ void SoftPlane::Impl::handle(uint32_t phyid, Port &port, std::span<const uint8_t
     }
     const bool voice = port.trap && acls.at(Acl::voice).names_mac(header.source);
     const bool from_uplink = port.uplink;
-    const Verdict verdict = run_acls(acls, port.acls, port.pvid, frame, header);
+    const Verdict verdict = run_acls(acls, {port.acls, port.pvid, port.uplink}, frame, header);
     port.counters.tagged += verdict.tagged;
     port.counters.remarked += verdict.remarked;
     port.counters.dropped += verdict.drop;
-    if (!verdict.drop) {
-        learn(verdict.vlan, header.source, phyid);
+    if (!verdict.drop && !verdict.reserved) {
+        learn(verdict.vlan, header.source, phyid, from_uplink);
     }
     if (voice) {
         trap(phyid, port, header.source, original);
@@ -108,14 +108,15 @@ void SoftPlane::Impl::handle(uint32_t phyid, Port &port, std::span<const uint8_t
     }
 }
 
-void SoftPlane::Impl::learn(uint16_t vlan, uint64_t source, uint32_t phyid)
+void SoftPlane::Impl::learn(uint16_t vlan, uint64_t source, uint32_t phyid, bool from_uplink)
 {
     // A group address cannot be a sender, and an all-zero one is not an address:
     // to learn either would redirect frames that are meant for others.
     if (source == 0 || (source & group_bit)) {
         return;
     }
-    if (macs.learn(vlan, source, phyid, loop.now_us()) && events) {
+    const MacTable::Sender sender = {phyid, from_uplink, acls.at(Acl::voice).names_mac(source)};
+    if (macs.learn(vlan, source, sender, loop.now_us()) && events) {
         events->mac_seen(vlan, mac_of(source), phyid);
     }
 }

@@ -1,4 +1,5 @@
 // The bridge behind the ACLs: where frames go, and what is learned from them.
+#include "platform/base/log.h"
 #include "platform/fp/soft/mac_table.h"
 #include "tests/unit/fp/plane_fixture.h"
 
@@ -99,6 +100,45 @@ TEST_P(BridgeTest, AddressIsLearnedInTheResultingVlanAndNotFromDeniedFrames)
     EXPECT_EQ(std::vector<Seen>({{voice_vlan, phone, 1}}), seen_);
 }
 
+// Made-up addresses behind port 1, of which the half is of a voice vendor.
+TEST_P(BridgeTest, FloodTakesRoomFromNobodyElse)
+{
+    std::vector<std::string> lines;
+    const LogSink before = set_log_sink([&](LogLevel, const std::string &text) { lines.push_back(text); });
+    install(Acl::voice, {voice_mark_rule(5)}, 0);
+    const auto learned = [&](uint32_t phyid, const Mac &mac) {
+        seen_.clear();
+        rig_->send(phyid, frame_to(server, mac));
+        return !seen_.empty();
+    };
+    const auto flood = [&](Mac mac, size_t count) {
+        size_t taken = 0;
+        for (size_t i = 0; i < count; i++) {
+            mac[4] = static_cast<uint8_t>(i >> 8);
+            mac[5] = static_cast<uint8_t>(i);
+            taken += learned(1, mac);
+        }
+        return taken;
+    };
+    const PortAddresses max = port_addresses_max(false);
+    EXPECT_EQ(max.others, flood(stranger, max.others + 100));
+    EXPECT_FALSE(learned(1, server));
+    EXPECT_TRUE(learned(2, server));
+    EXPECT_TRUE(learned(1, phone));
+    EXPECT_EQ(max.voice - 1, flood(Mac{phone[0], phone[1], phone[2], 0x99, 0, 0}, max.voice + 100));
+    EXPECT_TRUE(learned(2, phone)); // known, and moves
+    EXPECT_TRUE(learned(2, Mac{phone[0], phone[1], phone[2], 0x88, 0, 0}));
+    rig_->advance(1'000'000);
+    rig_->plane().set_link(1, false);
+    rig_->plane().set_link(1, true);
+    EXPECT_TRUE(learned(1, stranger));
+    rig_->advance(1'000'000);
+    set_log_sink(before);
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find("port 1, addresses of other devices: ")) << lines[0];
+    EXPECT_NE(std::string::npos, lines[3].find("enough room again")) << lines[3];
+}
+
 INSTANTIATE_TEST_SUITE_P(Planes, BridgeTest, ::testing::ValuesIn(planes_under_test),
                          [](const auto &row) { return row.param.name; });
 
@@ -132,18 +172,25 @@ TEST(SoftPlaneLoop, FrameThatComesBackDuringItsOwnOutputIsForwardedWhole)
 TEST(MacTable, FullTableKeepsWhatItKnowsAndCountsTheRest)
 {
     MacTable table;
-    for (uint64_t mac = 1; mac <= mac_table_max; mac++) {
-        ASSERT_TRUE(table.learn(1, mac, 1, 0));
+    const size_t per_port = port_addresses_max(false).others;
+    const auto from = [](uint64_t port, bool voice = false) {
+        return MacTable::Sender{static_cast<uint32_t>(port), false, voice};
+    };
+    for (uint64_t mac = 0; mac < other_addresses_max; mac++) {
+        ASSERT_TRUE(table.learn(1, mac + 1, from(mac / per_port), 0));
     }
     uint32_t phyid = 0;
-    EXPECT_FALSE(table.learn(2, 1, 1, 0));
+    EXPECT_FALSE(table.learn(2, 1, from(99), 0));
     EXPECT_FALSE(table.find(2, 1, phyid));
     EXPECT_EQ(1u, table.refused());
-    EXPECT_TRUE(table.learn(1, 1, 2, 0)); // a known one may still move
-    table.forget_port(1);
+    EXPECT_TRUE(table.learn(1, 1, from(99), 0)); // a known one may still move
+    table.forget_port(0);
     EXPECT_TRUE(table.find(1, 1, phyid));
-    EXPECT_EQ(2u, phyid);
-    EXPECT_TRUE(table.learn(2, 1, 1, 0));
+    EXPECT_EQ(99u, phyid);
+    EXPECT_TRUE(table.learn(2, 1, from(99), 0));
+    for (uint64_t mac = 0; mac < addresses_max - other_addresses_max; mac++) {
+        ASSERT_TRUE(table.learn(3, mac + 1, from(200 + mac / port_addresses_max(false).voice, true), 0));
+    }
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "platform/fp/classifier.h"
 
 #include "fp_udp.h"
+#include "tests/fuzz/plane_rules.h"
 
 #include <algorithm>
 #include <bit>
@@ -30,7 +31,7 @@ uint64_t find_naively(const std::vector<Rule> &rules, const Mac &mac, uint16_t v
     for (const Rule &rule : rules) { // ascending ids, so the first of equal masks stays
         const bool matches = matches_mac(rule, mac) && (vid & rule.vid_mask) == (rule.vid & rule.vid_mask) &&
                              (form & rule.form_mask) == (rule.form & rule.form_mask);
-        if (matches && (!best || mask_bits(rule) > mask_bits(*best))) {
+        if (matches && (!best || vvl::test::precedes(rule, *best))) {
             best = &rule;
         }
     }

@@ -146,9 +146,34 @@ TEST_F(EbpfTest, FramesLeaveABoundPortAsItsDeviceTalks)
     rig_->send(1, ethernet(server, tagging, {0x8100, voice_vlan}, 0x0800, ipv4(0)));
     EXPECT_EQ(to(tagging), rig_->leave(1, to(tagging)).frame);
     EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame);
-    EXPECT_EQ(to(broadcast), rig_->leave(1, to(broadcast)).frame); // as the one that talked last
+    EXPECT_EQ(to(broadcast, {}), rig_->leave(1, to(broadcast)).frame); // the port's first device goes on
 
+    // The newest form decides, however often it changes; LLDP says nothing about it.
+    const Mac lldp = {0x01, 0x80, 0xc2, 0, 0, 0x0e};
+    for (int i = 0; i < 3; i++) {
+        rig_->send(1, ethernet(server, phone, {0x8100, voice_vlan}, 0x0800, ipv4(0)));
+        rig_->send(1, ethernet(lldp, phone, {}, 0x88cc, {}));
+        EXPECT_EQ(to(phone), rig_->leave(1, to(phone)).frame);
+        EXPECT_EQ(to(broadcast), rig_->leave(1, to(broadcast)).frame);
+        rig_->send(1, from_phone());
+        rig_->send(1, ethernet(lldp, phone, {0x8100, voice_vlan}, 0x88cc, {}));
+        EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame);
+        EXPECT_EQ(to(broadcast, {}), rig_->leave(1, to(broadcast)).frame);
+    }
+    EXPECT_EQ(to(lldp), rig_->leave(1, to(lldp)).frame);
+
+    // Where the first device has fallen silent, another one takes its place.
+    rig_->plane().set_events(this);
+    for (uint32_t tick = 0; tick < VV_SPEAKER_TICKS; tick++) {
+        EXPECT_EQ(to(broadcast, {}), rig_->leave(1, to(broadcast)).frame);
+        rig_->advance(1'000'000);
+    }
+    rig_->send(1, ethernet(server, tagging, {0x8100, voice_vlan}, 0x0800, ipv4(0)));
+    EXPECT_EQ(to(broadcast), rig_->leave(1, to(broadcast)).frame);
+    rig_->plane().set_link(1, false); // whoever comes behind it now is the first one
     rig_->send(1, from_phone());
+    EXPECT_EQ(to(broadcast, {}), rig_->leave(1, to(broadcast)).frame);
+
     rig_->plane().forget(voice_vlan, phone);
     EXPECT_EQ(untagged, rig_->leave(1, to(phone)).frame); // aged, its port still knows
     state_.binding.clear();

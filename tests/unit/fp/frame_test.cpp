@@ -41,7 +41,8 @@ TEST(FrameHeader, ReadsEveryFormAtEveryLength)
         {framed({0x88a8, 7, 0x8100, 9}, 0x0800, ipv4(0, 1, 3)), VlanForm::double_tagged, 7, 0x0800, 22},
         {framed({0x8100, 7, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::double_tagged, 7, 0x0800, 22},
         {framed({0x9100, 7, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::double_tagged, 7, 0x0800, 22},
-        {framed({0x8100, 0, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::untagged, 0, 0x0800, 22},
+        {framed({0x8100, 0, 0x8100, 9}, 0x0800, ipv4(0)), VlanForm::tagged, 9, 0x0800, 22},
+        {framed({0x8100, 0xe000, 0x88a8, 0}, 0x0800, ipv4(0)), VlanForm::untagged, 0, 0x0800, 22},
         {framed({0x8100, 7}, 0x9100, ipv4(0)), VlanForm::tagged, 7, 0x9100, 18}, // an outer type inside
         {framed({}, 0x05dc, Bytes(50, 0x42)), VlanForm::untagged, 0, 0x05dc, 14},
         {framed({0x8100, 3}, 4, {1, 2, 3, 4}), VlanForm::tagged, 3, 4, 18},
@@ -116,6 +117,7 @@ TEST(FrameRewrite, ChangesItsOwnBitsAlone)
         {tag, framed({}, 0x0800, ipv4(0)), framed({0x8100, 100}, 0x0800, ipv4(0))},
         {tag, framed({}, 3, {1, 2, 3}), framed({0x8100, 100}, 3, {1, 2, 3})},
         {tag, framed({0x8100, 0xb000}, 0x0806, {1}), framed({0x8100, 0xb064}, 0x0806, {1})},
+        {tag, framed({0x8100, 0, 0x8100, 0}, 0x0806, {1}), framed({0x8100, 100, 0x8100, 0}, 0x0806, {1})},
         {cos, framed({0x88a8, 0xf007, 0x8100, 0x2009}, 5, {}), framed({0x88a8, 0x5007, 0x8100, 0x2009}, 5, {})},
         {dscp, framed({}, 0x0800, odd_checksum), framed({}, 0x0800, odd_checksum)}, // nothing to change
         {dscp, framed({0x8100, 5}, 0x86dd, ipv6(0xfe)), framed({0x8100, 5}, 0x86dd, ipv6(46 << 2 | 2))},

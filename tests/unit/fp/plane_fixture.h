@@ -86,6 +86,12 @@ inline void PrintTo(const PlaneUnderTest &row, std::ostream *out)
     *out << row.name;
 }
 
+// Of the tests' plane; in the kernel its interface is that of ebpf_rig.h.
+inline PlanePort port_of(uint32_t phyid, uint16_t pvid)
+{
+    return {.phyid = phyid, .pvid = pvid, .interface = "port" + std::to_string(phyid)};
+}
+
 class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneEvents
 {
   public:
