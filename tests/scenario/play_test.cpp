@@ -190,6 +190,8 @@ TEST(PlayTest, LinkLossAndCapturesThatOverlap)
     const Player player;
     player.folder.write("pc.pcap", TempFolder::read(std::string(EXAMPLES) + "/security/pc.pcap"));
     const Outcome outcome = player.play_text("vlan 100 on\n"
+                                             "port 1 manual\n" // the PC tags: its port is in the VLAN
+                                             "port 2 manual\n"
                                              "play pc.pcap port 1 background\n"
                                              "play pc.pcap port 2 from 500ms\n"
                                              "expect frames in = 10\n" // five of port 1, five of port 2

@@ -77,9 +77,25 @@ static __always_inline void *value_at(void *array, __u32 index)
     return bpf_map_lookup_elem(array, &key);
 }
 
+/* A pointer moved by a variable number of bytes. The verifier of Linux 6.12 knows
+ * nothing of the pointer's lower half on the branch where a processor may guess the
+ * number, and gives up at a copy of it, until a constant has been added. */
+#define moved_by_bytes(pointer, bytes)                                                                                 \
+    ({                                                                                                                 \
+        __u8 *moved = (__u8 *)(pointer);                                                                               \
+        __u64 distance = (bytes);                                                                                      \
+        asm volatile("%0 += %1\n\t%0 += 0" : "+r"(moved) : "r"(distance));                                             \
+        moved;                                                                                                         \
+    })
+
 static __always_inline struct vv_port *port_at(__u32 index)
 {
-    return &vv.ports[within(index, VV_PORTS_MAX - 1)];
+    return (struct vv_port *)moved_by_bytes(vv.ports, within(index, VV_PORTS_MAX - 1) * sizeof(struct vv_port));
+}
+
+static __always_inline const struct vv_state *state_at(__u32 index)
+{
+    return (const struct vv_state *)moved_by_bytes(vv.states, within(index, VV_STATES - 1) * sizeof(struct vv_state));
 }
 
 static __always_inline __u64 bind_of(const struct vv_state *state, __u32 index)

@@ -26,7 +26,8 @@ static __always_inline struct rank_set ranks_for(const struct vv_acl *acl, __u64
     struct rank_set set = {~0ull, ~0ull};
 #pragma unroll
     for (int digit = 0; digit < VV_DIGITS; digit++) {
-        const __u64 *agreeing = acl->agreeing[digit][(mac >> (44 - 4 * digit)) & 15];
+        __u64 value = (mac >> (44 - 4 * digit)) & 15;
+        const __u64 *agreeing = (const __u64 *)moved_by_bytes(acl->agreeing[digit], value * sizeof acl->agreeing[0][0]);
         set.low &= agreeing[0];
         set.high &= agreeing[1];
     }
@@ -70,7 +71,8 @@ static long look_at_one(__u32 turn, void *context)
  * it once rather than once per call. */
 __noinline __u32 vvlan_find_rank(__u32 state, __u32 index, __u64 mac, __u32 vlan)
 {
-    const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[within(index, 3)];
+    const struct vv_acl *acl =
+        (const struct vv_acl *)moved_by_bytes(state_at(state)->acls, within(index, 3) * sizeof(struct vv_acl));
     if (index >= VV_ACLS || acl->count == 0)
         return VV_RANK_NONE;
     struct rank_set set = ranks_for(acl, mac);
@@ -90,7 +92,7 @@ __noinline __u32 vvlan_find_rank(__u32 state, __u32 index, __u64 mac, __u32 vlan
  * which a process with few capabilities could not load otherwise. */
 __noinline int vvlan_names(__u32 state, __u64 mac)
 {
-    const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[VV_ACL_VOICE];
+    const struct vv_acl *acl = &state_at(state)->acls[VV_ACL_VOICE];
     struct rank_set set = ranks_for(acl, mac);
     return ((set.low & acl->naming[0]) | (set.high & acl->naming[1])) != 0;
 }
@@ -104,7 +106,7 @@ static __always_inline __u32 vlan_word(__u32 vid, __u32 form)
  * Plane says, the voice VLAN is the one that the security ACL is for. */
 static __always_inline bool is_filtered(__u32 state, __u64 bind, __u32 vid)
 {
-    const struct vv_acl *acl = &vv.states[within(state, VV_STATES - 1)].acls[VV_ACL_SECURITY];
+    const struct vv_acl *acl = &state_at(state)->acls[VV_ACL_SECURITY];
     return vid != 0 && vid == acl->vlan && vid != VV_BIND_PVID(bind) && !(bind & VV_BIND_UPLINK) &&
            !(VV_BIND_BOUND(bind) & (VV_BOUND_MAC_VLAN | VV_BOUND_VOICE));
 }

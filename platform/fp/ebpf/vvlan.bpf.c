@@ -195,7 +195,7 @@ static __always_inline int ingress(struct __sk_buff *skb)
             vvlan_trap(skb, index, header.source);
         return TC_ACT_UNSPEC;
     }
-    __u64 bind = bind_of(&vv.states[state], index);
+    __u64 bind = bind_of(state_at(state), index);
     __u64 key = VV_SEEN_KEY(header.source, header.vid ? header.vid : VV_BIND_PVID(bind), header.form);
     __u32 turn = once(vv.turns[within(VV_TURN(header.source), VV_TURNS - 1)]);
     __u64 stamp = VV_VERDICT_OWNER(VV_BIND_GENERATION(bind), index) | ((once(vv.epoch) + turn) & 0xffff);
@@ -240,7 +240,7 @@ static __always_inline int egress(struct __sk_buff *skb)
     if (index >= VV_PORTS_MAX || !counters)
         return TC_ACT_UNSPEC;
     counters->out++;
-    const struct vv_state *state = &vv.states[once(vv.active) & (VV_STATES - 1)];
+    const struct vv_state *state = state_at(once(vv.active));
     __u64 bind = bind_of(state, index);
     if (!(VV_BIND_BOUND(bind) & VV_BOUND_MAC_VLAN))
         return TC_ACT_UNSPEC;
