@@ -42,18 +42,6 @@ class CaptureTest : public testing::Test
         return bytes;
     }
 
-    // The reason for which the bytes are refused.
-    std::string refusal(const std::string &bytes)
-    {
-        Capture capture{{1, {}}};
-        std::string why;
-        const std::string path = folder.write("c.pcap", bytes);
-        EXPECT_FALSE(read_capture(path, capture, why));
-        EXPECT_EQ(capture.size(), 1u) << "unchanged";
-        EXPECT_TRUE(why.starts_with(path + ": ")) << why;
-        return why.substr(std::min(why.size(), path.size() + 2));
-    }
-
     TempFolder folder;
 };
 
@@ -73,16 +61,26 @@ TEST_F(CaptureTest, WrittenFramesAreReadBackWithTimesThatNeverGoBack)
 TEST_F(CaptureTest, DamagedOrUnfitFileIsRefusedWithItsReason)
 {
     const std::string good = sample();
-    EXPECT_EQ(refusal(patch(good, 0, 0x12345678)), "unknown file format");
-    EXPECT_EQ(refusal(patch(good, link_type_at, 113)), "link type LINUX_SLL is not Ethernet");
-    EXPECT_EQ(refusal(good.substr(0, file_header_size)), "contains no frame");
-    EXPECT_NE(refusal(good.substr(0, 10)).find("truncated"), std::string::npos);
-    // Cut within a frame, and within the header of one.
-    EXPECT_NE(refusal(good.substr(0, good.size() - 1)).find("truncated"), std::string::npos);
-    EXPECT_NE(refusal(good.substr(0, record_at(2) + 3)).find("truncated"), std::string::npos);
-    EXPECT_EQ(refusal(patch(good, record_at(1) + 12, 214)), "frame 2 is cut short: 60 of 214 bytes were captured");
-    EXPECT_EQ(refusal(patch(good, record_at(1) + 12, 70'000)), "frame 2 is larger than 65535 bytes");
-    EXPECT_NE(refusal(patch(good, record_at(1) + 8, 0x7fffffff)), "");
+    const std::pair<std::string, const char *> rows[] = {
+        {patch(good, 0, 0x12345678), "unknown file format"},
+        {patch(good, link_type_at, 113), "link type LINUX_SLL is not Ethernet"},
+        {good.substr(0, file_header_size), "contains no frame"},
+        {good.substr(0, 10), "truncated"},
+        {good.substr(0, good.size() - 1), "truncated"},  // within a frame
+        {good.substr(0, record_at(2) + 3), "truncated"}, // within the header of one
+        {patch(good, record_at(1) + 12, 214), "frame 2 is cut short: 60 of 214 bytes were captured"},
+        {patch(good, record_at(1) + 12, 70'000), "frame 2 is larger than 65535 bytes"},
+        {patch(good, record_at(1) + 8, 0x7fffffff), ""},
+    };
+    for (const auto &[bytes, reason] : rows) {
+        Capture capture{{1, {}}};
+        std::string why;
+        const std::string path = folder.write("c.pcap", bytes);
+        EXPECT_FALSE(read_capture(path, capture, why)) << reason;
+        EXPECT_EQ(capture.size(), 1u) << "unchanged";
+        EXPECT_TRUE(why.starts_with(path + ": ")) << why;
+        EXPECT_NE(why.find(reason), std::string::npos) << why;
+    }
 }
 
 } // namespace

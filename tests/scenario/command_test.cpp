@@ -9,13 +9,6 @@ namespace
 
 using namespace oper;
 
-Grammar grammar_with_ports()
-{
-    Grammar grammar = scenario_grammar();
-    grammar.ports = {1, 2, 24};
-    return grammar;
-}
-
 constexpr std::pair<const char *, const char *> bad_lines[] = {
     // The first word.
     {"vlam 100 on", "unknown command 'vlam'; did you mean 'vlan'?"},
@@ -25,12 +18,10 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
     {"play a.pcap port 1 form 3s",
      "'form' after 'play a.pcap port 1': expected from or background; did you mean 'from'?"},
     // Too few and too many words.
-    {"port 1", "'port 1' is incomplete: expected auto, manual, disable or delete"},
     {"qos cos 6 dscp", "'qos cos 6 dscp' is incomplete: expected DSCP"},
     {"vlan 100 on now", "'now' after 'vlan 100 on': nothing more is expected"},
     // Ranges, one step outside each.
     {"vlan 0 on", "VLAN '0' is not 1 to 4094"},
-    {"qos cos 8 dscp 46", "COS '8' is not 0 to 7"},
     {"qos cos 6 dscp 64", "DSCP '64' is not 0 to 63"},
     {"age 65536", "MINUTES '65536' is not 0 to 65535"},
     {"age 99999999999999999999", "MINUTES '99999999999999999999' is not 0 to 65535"},
@@ -42,8 +33,6 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
     {"oui add 00:04:76:00:00:00/49", "OUI 00:04:76:00:00:00/49: prefix length 49 is not 1 to 48"},
     {"oui add 00:04:76:22:00:00/24",
      "OUI 00:04:76:22:00:00/24: the address has bits outside its mask ff:ff:ff:00:00:00"},
-    {"oui add 00:04:76:00:00:01/ff:ff:ff:00:00:00",
-     "OUI 00:04:76:00:00:01/ff:ff:ff:00:00:00: the address has bits outside its mask ff:ff:ff:00:00:00"},
     {"oui add 00:04:76:00:00:00/zz", "OUI 00:04:76:00:00:00/zz: 'zz' is neither a prefix length nor a mask"},
     {"oui add 00:00:00:00:00:00/00:00:00:00:00:00",
      "OUI 00:00:00:00:00:00/00:00:00:00:00:00: '00:00:00:00:00:00' is neither a prefix length nor a mask"},
@@ -53,26 +42,33 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
     {"wait 30", "'30' is not a time: expected a number with us, ms, s, m, h or d, as in 30s"},
     {"wait 9223372036854775807d", "time '9223372036854775807d' is more than 10000 days"},
     // Expectations.
-    {"expect prot 1 joined",
-     "'prot' after 'expect': expected port, bound, ouis, macs, error-event, frames, object or no; did you mean "
-     "'port'?"},
     {"expect bound 1 voise", "ACL 'voise' is not one of voice|mac_vlan|security|none"},
     {"expect object p_bridge.vvlan_oui_cfg 00:04:76:00:00:00/50",
      "'00:04:76:00:00:00/50' is not a key of p_bridge.vvlan_oui_cfg"},
-    {"expect no object u_bridge.vvlan_jion 1",
-     "TYPE 'u_bridge.vvlan_jion' is not one of p_bridge.vvlan_port_cfg|p_bridge.vvlan_oui_cfg|"
-     "p_bridge.vvlan_port_auto|s_cluster.reg_pkt_info|u_bridge.vvlan_join|u_bridge.vvlan_port_cfg|"
-     "u_bridge.vvlan_oui_cfg|u_bridge.mac_vid_reg|u_bridge.mac_vid_reg_noti"},
     // The line itself.
     {"play \"a.pcap port 1", "the quotation mark is not closed"},
     {"vlan 100\x01 on", "the line holds a control character"},
 };
 
-TEST(CommandTest, BadLineIsRefusedWithItsReason)
+class CommandTest : public testing::Test
 {
-    const Grammar grammar = grammar_with_ports();
+  protected:
+    CommandTest() { grammar.ports = {1, 2, 24}; }
+
+    const Arguments &parse(std::string_view line)
+    {
+        command = {};
+        EXPECT_TRUE(parse_command(grammar, line, command, why)) << line << ": " << why;
+        return command.args;
+    }
+
+    Grammar grammar = scenario_grammar();
     Command command;
     std::string why;
+};
+
+TEST_F(CommandTest, BadLineIsRefusedWithItsReason)
+{
     for (const auto &[line, error] : bad_lines) {
         EXPECT_FALSE(parse_command(grammar, line, command, why)) << line;
         EXPECT_EQ(why, error) << line;
@@ -82,35 +78,25 @@ TEST(CommandTest, BadLineIsRefusedWithItsReason)
     EXPECT_EQ(why, "the line is longer than 1024 bytes");
 }
 
-class GoodLine : public testing::Test
+TEST_F(CommandTest, RangesIncludeTheirEndsAndTimesAreMicroseconds)
 {
-  protected:
-    const Arguments &parse(std::string_view line)
-    {
-        std::string why;
-        command = {};
-        EXPECT_TRUE(parse_command(grammar, line, command, why)) << line << ": " << why;
-        return command.args;
+    const std::tuple<const char *, const char *, uint64_t> rows[] = {
+        {"vlan 1 on", "VLAN", 1},
+        {"vlan 4094 off", "VLAN", 4094},
+        {"age 0x10", "MINUTES", 16},
+        {"qos cos 7 dscp 63", "DSCP", 63},
+        {"wait 7us", "TIME", 7},
+        {"wait 200ms", "TIME", 200'000},
+        {"wait 2h", "TIME", 7'200'000'000},
+        {"wait 1d", "TIME", 86'400'000'000},
+    };
+    for (const auto &[line, name, number] : rows) {
+        EXPECT_EQ(parse(line)[name].number, number) << line;
     }
-
-    const Grammar grammar = grammar_with_ports();
-    Command command;
-};
-
-TEST_F(GoodLine, RangesIncludeTheirEndsAndTimesAreMicroseconds)
-{
-    EXPECT_EQ(parse("vlan 1 on")["VLAN"].number, 1u);
-    EXPECT_EQ(parse("vlan 4094 off")["VLAN"].number, 4094u);
-    EXPECT_EQ(parse("age 0x10")["MINUTES"].number, 16u);
-    EXPECT_EQ(parse("qos cos 7 dscp 63")["DSCP"].number, 63u);
     EXPECT_EQ(parse("ports 5..5")["RANGE"].last, 5u);
-    EXPECT_EQ(parse("wait 7us")["TIME"].number, 7u);
-    EXPECT_EQ(parse("wait 200ms")["TIME"].number, 200'000u);
-    EXPECT_EQ(parse("wait 2h")["TIME"].number, 7'200'000'000u);
-    EXPECT_EQ(parse("wait 1d")["TIME"].number, 86'400'000'000u);
 }
 
-TEST_F(GoodLine, OuiTakesPrefixLengthOrMask)
+TEST_F(CommandTest, OuiTakesPrefixLengthOrMask)
 {
     const Argument by_length = parse("oui add 00:04:76:00:00:00/24")["OUI"];
     const Argument by_mask = parse("oui add 00-04-76-00-00-00/ff:ff:ff:00:00:00")["OUI"];
@@ -121,7 +107,7 @@ TEST_F(GoodLine, OuiTakesPrefixLengthOrMask)
     EXPECT_EQ(oui_text(odd.mac, odd.mask), "00:04:00:00:00:01/ff:ff:00:00:00:ff");
 }
 
-TEST_F(GoodLine, OptionalPartsMayBeLeftOutEachByItself)
+TEST_F(CommandTest, OptionalPartsMayBeLeftOutEachByItself)
 {
     EXPECT_EQ(parse("play a.pcap port 1").find("TIME"), nullptr);
     EXPECT_EQ(command.args.find("background"), nullptr);
@@ -134,7 +120,7 @@ TEST_F(GoodLine, OptionalPartsMayBeLeftOutEachByItself)
     EXPECT_EQ(parse("expect bound 1 voice security").list().size(), 3u);
 }
 
-TEST_F(GoodLine, CommentsAndQuotesAreUnderstood)
+TEST_F(CommandTest, CommentsAndQuotesAreUnderstood)
 {
     parse("   # nothing but this");
     EXPECT_EQ(command.row, nullptr);

@@ -1,6 +1,6 @@
 #include "platform/base/number.h"
-#include "platform/base/virtual_loop.h"
-#include "tests/unit/base/watch_a_socket.h"
+
+#include <gtest/gtest.h>
 
 #include <climits>
 
@@ -31,13 +31,6 @@ TEST(Number, is_read_whole_and_within_its_range)
         EXPECT_FALSE(parse_integer(bad, INT_MIN, INT_MAX, value)) << bad;
         EXPECT_EQ(value, 5) << bad;
     }
-}
-
-TEST(VirtualLoopTest, watched_descriptor_is_served_while_the_clock_stands_still)
-{
-    VirtualLoop loop;
-    test::watch_a_socket(loop, [&] { loop.run_pending(); });
-    EXPECT_EQ(loop.now_us(), 0u);
 }
 
 } // namespace

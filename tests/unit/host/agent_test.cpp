@@ -1,13 +1,12 @@
-// The agent: loading and unloading modules of every temper. What a module left
-// behind would be called after its code is gone, so each test that unloads
-// lets time pass afterwards.
+// The agent in its switch: loading and unloading modules of every temper. What a
+// module left behind would be called after its code is gone, so each test that
+// unloads lets time pass afterwards.
 #include "platform/base/log.h"
 #include "platform/base/virtual_loop.h"
 #include "platform/fp/soft/plane_soft.h"
-#include "platform/host/agent.h"
 #include "platform/host/services.h"
+#include "platform/host/switch.h"
 #include "platform/mom/local/store_local.h"
-#include "platform/mom/store.h"
 
 #include <gtest/gtest.h>
 
@@ -35,29 +34,33 @@ class AgentTest : public testing::Test
         set_zlog_sink({});
     }
 
+    // Makes a switch with this module.
     Agent &use(const std::string &name)
     {
+        target.reset(); // a process has one
         module = MODULE_DIR "/" + name + ".so";
-        agent = std::make_unique<Agent>(loop, *store, manager, ports, module);
-        return *agent;
+        target = std::make_unique<Switch>(SwitchConfig{module, {{1, 0x101, 1, false}}}, loop, mom::make_local_store(),
+                                          std::make_unique<fp::SoftPlane>(loop));
+        return target->agent();
     }
 
-    std::vector<std::string> take_lines() { return std::exchange(lines, {}); }
+    std::vector<std::string> lines_of_s(uint64_t seconds)
+    {
+        loop.advance(seconds * 1'000'000);
+        return std::exchange(lines, {});
+    }
 
     std::vector<std::string> lines;  // of the module
     std::vector<std::string> errors; // of the platform
     VirtualLoop loop;
-    std::unique_ptr<mom::Store> store = mom::make_local_store();
-    fp::SoftPlane plane{loop};
-    fp::Manager manager{plane, loop};
-    std::vector<PortId> ports{{1, 0x101}};
     std::string module;
-    std::unique_ptr<Agent> agent;
+    std::unique_ptr<Switch> target;
+    std::string why;
 };
 
 using Lines = std::vector<std::string>;
 
-TEST_F(AgentTest, a_failed_load_names_the_step_and_leaves_nothing_behind)
+TEST_F(AgentTest, a_failed_start_names_the_step_and_leaves_nothing_behind)
 {
     const std::pair<const char *, const char *> rows[] = {
         {"module_without_hook", "it has no function udp_vvlan_rdnd_aware_callback"},
@@ -65,47 +68,46 @@ TEST_F(AgentTest, a_failed_load_names_the_step_and_leaves_nothing_behind)
         {"module_hook_fails", "udp_vvlan_rdnd_aware_callback failed with -5"},
     };
     for (const auto &[name, reason] : rows) {
-        Agent &failing = use(name);
+        Agent &agent = use(name);
         for (int attempt = 0; attempt < 2; attempt++) { // the second finds no trace of the first
-            std::string why;
-            EXPECT_FALSE(failing.load(why));
+            EXPECT_FALSE(target->start(why));
             EXPECT_EQ(why, "module '" + module + "': " + reason);
-            EXPECT_FALSE(failing.loaded());
-            EXPECT_TRUE(failing.debug_commands().empty()) << name;
-            loop.advance(10'000'000);
-            EXPECT_EQ(take_lines(), Lines{}) << name;
+            EXPECT_FALSE(agent.loaded());
+            EXPECT_TRUE(agent.debug_commands().empty()) << name;
+            EXPECT_EQ(lines_of_s(10), Lines{}) << name;
         }
     }
     EXPECT_EQ(errors, Lines{});
 }
 
-TEST_F(AgentTest, unloading_silences_the_module_and_loading_again_starts_it_afresh)
+TEST_F(AgentTest, stopping_silences_the_module_and_starting_again_begins_afresh)
 {
-    Agent &good = use("module_good");
-    std::string why;
+    Agent &agent = use("module_good");
     for (int round = 0; round < 2; round++) {
-        ASSERT_TRUE(good.load(why)) << why;
-        EXPECT_EQ(take_lines(), Lines{}) << "called from inside the load";
-        EXPECT_FALSE(good.load(why));
+        ASSERT_TRUE(target->start(why)) << why;
+        EXPECT_EQ(lines, Lines{}) << "called from inside the start";
+        EXPECT_FALSE(agent.load(why));
         EXPECT_EQ(why, "module '" + module + "': it is already loaded");
-        EXPECT_EQ(good.debug_commands().size(), 1u);
-        loop.advance(2'500'000);
-        EXPECT_EQ(take_lines(), (Lines{"connected 1", "tick 1", "tick 2", "tick 3"}));
-        good.unload();
-        EXPECT_FALSE(good.loaded());
-        EXPECT_TRUE(good.debug_commands().empty());
-        loop.advance(10'000'000);
-        EXPECT_EQ(take_lines(), Lines{});
+        EXPECT_FALSE(target->start(why));
+        EXPECT_EQ(why, "switch: it is already running");
+        EXPECT_EQ(agent.debug_commands().size(), 1u);
+        EXPECT_EQ(lines_of_s(2), (Lines{"connected 1", "tick 1", "tick 2"}));
+        target->stop();
+        EXPECT_FALSE(agent.loaded());
+        EXPECT_TRUE(agent.debug_commands().empty());
+        EXPECT_EQ(lines_of_s(10), Lines{});
     }
+    ASSERT_TRUE(target->start(why)) << why;
+    target.reset(); // while it runs
+    EXPECT_EQ(lines_of_s(10), Lines{});
     EXPECT_EQ(errors, Lines{});
 }
 
 TEST_F(AgentTest, a_module_that_stays_in_memory_is_reported)
 {
-    Agent &staying = use("module_stays");
-    std::string why;
-    ASSERT_TRUE(staying.load(why)) << why;
-    staying.unload();
+    use("module_stays");
+    ASSERT_TRUE(target->start(why)) << why;
+    target->stop();
     EXPECT_EQ(errors, (Lines{"module '" + module + "': still in memory after unloading"}));
 }
 

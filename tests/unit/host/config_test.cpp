@@ -23,9 +23,13 @@ TEST(Config, a_good_file_is_read_with_defaults_and_paths_from_its_own_folder)
                        "[ store ]\n"
                        "kind = local\n"
                        "[plane]\n"
+                       "kind = ebpf\n"
+                       "pin-folder = pins\n"
                        "[port 0x10]\n"
                        "\tphyid = 0x101\n"
+                       "interface = ethernet-of-15b\n"
                        "[port 7]\n"
+                       "interface = eth1\n"
                        "role = uplink\n"
                        "phyid = 4294967295\n"
                        "pvid = 4094";
@@ -36,29 +40,15 @@ TEST(Config, a_good_file_is_read_with_defaults_and_paths_from_its_own_folder)
     EXPECT_EQ(config.log_file, "/var/log/vv#1.log");
     EXPECT_EQ(config.startup, "/etc/vv/startup.vv");
     EXPECT_EQ(config.log_level, LogLevel::debug);
+    EXPECT_EQ(config.plane, PlaneKind::ebpf);
+    EXPECT_EQ(config.ebpf.pin_folder, "/etc/vv/pins");
     ASSERT_EQ(config.network.ports.size(), 2u);
     const SwitchPort &access = config.network.ports[0];
-    EXPECT_EQ(std::make_tuple(access.ifx, access.phyid, access.pvid, access.uplink),
-              std::make_tuple(16u, 257u, uint16_t{1}, false));
+    EXPECT_EQ(std::tie(access.ifx, access.phyid, access.pvid, access.uplink, access.interface),
+              std::make_tuple(16u, 257u, 1, false, "ethernet-of-15b"));
     const SwitchPort &uplink = config.network.ports[1];
-    EXPECT_EQ(std::make_tuple(uplink.ifx, uplink.phyid, uplink.pvid, uplink.uplink),
-              std::make_tuple(7u, UINT32_MAX, uint16_t{4094}, true));
-}
-
-TEST(Config, the_plane_in_the_kernel_gets_interfaces_and_a_folder)
-{
-    const std::string port = "[host]\n[port 1]\nphyid = 1\ninterface = ethernet-of-15b\n[plane]\n";
-    const std::pair<const char *, std::string> folders[] = {{"", fp::EbpfOptions().pin_folder},
-                                                            {"pin-folder = /run/bpf/sw1\n", "/run/bpf/sw1"},
-                                                            {"pin-folder = pins\n", "/etc/vv/pins"}};
-    for (const auto &[line, folder] : folders) {
-        HostConfig config;
-        std::string why;
-        ASSERT_TRUE(parse_config(port + "kind = ebpf\n" + line, "/etc/vv/vvland.conf", config, why)) << why;
-        EXPECT_EQ(config.plane, PlaneKind::ebpf);
-        EXPECT_EQ(config.ebpf.pin_folder, folder);
-        EXPECT_EQ(config.network.ports[0].interface, "ethernet-of-15b");
-    }
+    EXPECT_EQ(std::tie(uplink.ifx, uplink.phyid, uplink.pvid, uplink.uplink, uplink.interface),
+              std::make_tuple(7u, UINT32_MAX, 4094, true, "eth1"));
 }
 
 struct Fault {
@@ -68,20 +58,17 @@ struct Fault {
 
 const Fault faults[] = {
     // lines
-    {"", "1: the file has no section '[host]'"},
     {"[store]\nkind = local\n", "2: the file has no section '[host]'"},
     {"module = m\n[host]\n", "1: 'module' comes before the first section"},
     {"[host\n", "1: a section line must end in ']'"},
     {"[host]\nmodule m\n", "2: expected '[section]' or 'key = value'"},
     {"[host]\nmodule = a\001b\n", "2: the line has a control character"},
     // sections
-    {"[hosts]\n", "1: unknown section '[hosts]'"},
     {"[host 1]\n", "1: unknown section '[host 1]'"},
     {"[host]\nmodule = m\n\n[host]\n", "4: section '[host]' is already in line 1"},
     {"[port 5]\nphyid = 1\n[port 0x5]\nphyid = 2\n", "3: section '[port 5]' is already in line 1"},
     {"[port]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     {"[port 2147483648]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
-    {"[port 1 2]\n", "1: [port N]: N must be a number from 1 to 2147483647"},
     // keys; a section that lacks one is named where it began
     {"[host]\nmodule = m\n[port 3]\npvid = 2\n", "3: section '[port 3]' lacks 'phyid'"},
     {"[host]\nmodules = m\n", "2: unknown key 'modules' in '[host]'"},
@@ -91,7 +78,6 @@ const Fault faults[] = {
     // values
     {"[host]\nlog-level = loud\n", "2: 'log-level' must be debug, info, warn or error, not 'loud'"},
     {"[store]\nkind = Local\n", "2: 'kind' must be local or redis, not 'Local'"},
-    {"[plane]\nkind = hard\n", "2: 'kind' must be soft or ebpf, not 'hard'"},
     {"[port 1]\ninterface = ethernet-of-16-b\n",
      "2: 'interface' must be 1 to 15 bytes without '/', ':' or blanks, not 'ethernet-of-16-b'"},
     {"[port 1]\ninterface = a b\n", "2: 'interface' must be 1 to 15 bytes without '/', ':' or blanks, not 'a b'"},
@@ -102,9 +88,7 @@ const Fault faults[] = {
     // the plane may be chosen behind the ports
     {"[host]\n[port 1]\nphyid = 1\ninterface = eth1\n[port 2]\nphyid = 2\n[plane]\nkind = ebpf\n",
      "5: section '[port 2]' lacks 'interface', which the ebpf plane needs"},
-    {"[port 1]\nrole = trunk\n", "2: 'role' must be access or uplink, not 'trunk'"},
     {"[port 1]\npvid = 4095\n", "2: 'pvid' must be a number from 1 to 4094, not '4095'"},
-    {"[port 1]\npvid = 10 20\n", "2: 'pvid' must be a number from 1 to 4094, not '10 20'"},
     {"[port 1]\nphyid = 4294967296\n", "2: 'phyid' must be a number from 0 to 4294967295, not '4294967296'"},
     {"[port 1]\nphyid = 9\n[port 2]\nphyid = 0x9\n", "4: 'phyid' already belongs to [port 1], not '0x9'"},
 };

@@ -16,90 +16,81 @@ namespace
 
 // ---- Timers ------------------------------------------------------------
 
-struct Firing {
-    tq_thread_master *master;
-    std::vector<uint64_t> times;
-    VirtualLoop *loop;
-    bool again;
+class Timers : public testing::Test
+{
+  protected:
+    static int note_firing(tq_thread_t *thread)
+    {
+        auto *test = static_cast<Timers *>(thread->arg);
+        test->firings.push_back(test->loop.now_us());
+        if (test->arms_again) {
+            test->arms_again = false;
+            test->add(test->context, {60, 0}, "again");
+        }
+        return 1;
+    }
+
+    tq_thread_t *add(HostContext &to, timeval interval, const char *name)
+    {
+        return tq_thread_add_timer_timeval_withname(to.global.master, note_firing, this, &interval, name);
+    }
+
+    VirtualLoop loop;
+    HostContext context{loop};
+    std::vector<uint64_t> firings;
+    bool arms_again = false;
 };
 
-int note_firing(tq_thread_t *thread)
+TEST_F(Timers, fire_once_at_their_time_and_may_arm_themselves_again)
 {
-    auto *firing = static_cast<Firing *>(thread->arg);
-    firing->times.push_back(firing->loop->now_us());
-    const timeval interval = {60, 0};
-    if (firing->again) {
-        firing->again = false;
-        tq_thread_add_timer_timeval_withname(firing->master, note_firing, firing, &interval, "again");
-    }
-    return 1;
-}
-
-TEST(Timers, fire_once_at_their_time_and_may_arm_themselves_again)
-{
-    VirtualLoop loop;
-    HostContext context(loop);
-    Firing firing{context.global.master, {}, &loop, true};
-    const timeval interval = {1, 500000};
-    ASSERT_NE(tq_thread_add_timer_timeval_withname(context.global.master, note_firing, &firing, &interval, nullptr),
-              nullptr);
-    EXPECT_TRUE(firing.times.empty()) << "called from inside the arming call";
+    arms_again = true;
+    ASSERT_NE(add(context, {1, 500000}, nullptr), nullptr);
+    EXPECT_TRUE(firings.empty()) << "called from inside the arming call";
     loop.advance(200'000'000);
-    EXPECT_EQ(firing.times, (std::vector<uint64_t>{1'500'000, 61'500'000}));
+    EXPECT_EQ(firings, (std::vector<uint64_t>{1'500'000, 61'500'000}));
 }
 
-TEST(Timers, cancelling_all_leaves_other_contexts_alone)
+TEST_F(Timers, cancelling_all_leaves_other_contexts_alone)
 {
-    VirtualLoop loop;
-    HostContext gone(loop);
     HostContext staying(loop);
-    Firing firing{staying.global.master, {}, &loop, false};
-    const timeval interval = {5, 0};
-    for (HostContext *context : {&gone, &gone, &staying}) {
-        tq_thread_add_timer_timeval_withname(context->global.master, note_firing, &firing, &interval, "age");
+    for (HostContext *to : {&context, &context, &staying}) {
+        add(*to, {5, 0}, "age");
     }
-    EXPECT_EQ(gone.master.names(), (std::vector<std::string>{"age", "age"}));
-    gone.master.cancel_all();
+    EXPECT_EQ(context.master.names(), (std::vector<std::string>{"age", "age"}));
+    context.master.cancel_all();
     loop.advance(10'000'000);
-    EXPECT_EQ(firing.times.size(), 1u);
+    EXPECT_EQ(firings.size(), 1u);
     EXPECT_TRUE(staying.master.names().empty());
 }
 
-TEST(Timers, refuse_missing_arguments_bad_intervals_and_one_too_many)
+TEST_F(Timers, refuse_missing_arguments_bad_intervals_and_one_too_many)
 {
-    VirtualLoop loop;
-    HostContext context(loop);
     tq_thread_master *master = context.global.master;
     const timeval good = {0, 0};
-    auto add = [](tq_thread_master *to, tq_thread_func_t func, const timeval *interval) {
-        return tq_thread_add_timer_timeval_withname(to, func, nullptr, interval, "");
-    };
-    EXPECT_EQ(add(nullptr, note_firing, &good), nullptr);
-    EXPECT_EQ(add(master, nullptr, &good), nullptr);
-    EXPECT_EQ(add(master, note_firing, nullptr), nullptr);
+    EXPECT_EQ(tq_thread_add_timer_timeval_withname(nullptr, note_firing, this, &good, ""), nullptr);
+    EXPECT_EQ(tq_thread_add_timer_timeval_withname(master, nullptr, this, &good, ""), nullptr);
+    EXPECT_EQ(tq_thread_add_timer_timeval_withname(master, note_firing, this, nullptr, ""), nullptr);
     for (const timeval &bad : {timeval{-1, 0}, timeval{0, -1}, timeval{0, 1000000}, timeval{INT_MAX, 0}}) {
-        EXPECT_EQ(add(master, note_firing, &bad), nullptr) << bad.tv_sec << " s " << bad.tv_usec << " us";
+        EXPECT_EQ(add(context, bad, ""), nullptr) << bad.tv_sec << " s " << bad.tv_usec << " us";
     }
     for (unsigned i = 0; i < TQ_THREAD_TIMER_COUNT_MAX; i++) {
-        ASSERT_NE(add(master, note_firing, &good), nullptr);
+        ASSERT_NE(add(context, good, ""), nullptr);
     }
-    EXPECT_EQ(add(master, note_firing, &good), nullptr);
+    EXPECT_EQ(add(context, good, ""), nullptr);
 }
 
 // ---- Debug commands ----------------------------------------------------
 
-int last_number;
-int calls;
+std::vector<int> calls; // with their numbers; -1: without one
 
 void take_nothing()
 {
-    calls++;
+    calls.push_back(-1);
 }
 
 void take_number(int number)
 {
-    calls++;
-    last_number = number;
+    calls.push_back(number);
 }
 
 TEST(DebugCommands, are_registered_by_the_shape_of_their_argument_description)
@@ -131,19 +122,17 @@ TEST(DebugCommands, hand_over_an_integer_of_the_whole_range_and_nothing_else)
     commands.add("set", 0, "level=%d  :", reinterpret_cast<ssat_handler_t>(take_number));
     commands.add("show", 0, "void  :", take_nothing);
     std::string why;
-    for (const int value : {0, INT_MAX, INT_MIN}) {
-        last_number = value == 1 ? 2 : 1;
-        EXPECT_TRUE(commands.run("set", std::to_string(value), why)) << why;
-        EXPECT_EQ(last_number, value);
+    for (const char *good : {"0", "2147483647", "-2147483648"}) {
+        EXPECT_TRUE(commands.run("set", good, why)) << why;
     }
-    calls = 0;
+    EXPECT_TRUE(commands.run("show", "", why)) << why;
     for (const char *bad : {"", "1x", "2147483648", "-2147483649"}) {
         EXPECT_FALSE(commands.run("set", bad, why)) << bad;
         EXPECT_EQ(why, "debug command 'set': level must be an integer, not '" + std::string(bad) + "'");
     }
     EXPECT_FALSE(commands.run("show", "1", why));
     EXPECT_FALSE(commands.run("sho", "", why));
-    EXPECT_EQ(calls, 0);
+    EXPECT_EQ(calls, (std::vector<int>{0, INT_MAX, INT_MIN, -1}));
 }
 
 // ---- Port-id map -------------------------------------------------------
@@ -156,15 +145,15 @@ TEST(PortMap, answers_both_ways_and_keeps_its_rows_where_new_ones_are_not_one_to
     ASSERT_TRUE(set_port_map(ports));
     EXPECT_FALSE(set_port_map(same_phyid));
     EXPECT_FALSE(set_port_map(same_ifx));
-    uint32_t result = 99;
-    EXPECT_EQ(libddm_get_phyid_by_ifx(3, &result), -7);
-    EXPECT_EQ(libddm_get_ifx_by_phyid(2, &result), -7);
+    uint32_t phyid = 99;
+    uint32_t ifx = 99;
+    EXPECT_EQ(libddm_get_phyid_by_ifx(3, &phyid), -7);
+    EXPECT_EQ(libddm_get_ifx_by_phyid(2, &ifx), -7);
     EXPECT_EQ(libddm_get_phyid_by_ifx(1, nullptr), -4);
-    EXPECT_EQ(result, 99u);
-    EXPECT_EQ(libddm_get_phyid_by_ifx(1, &result), 0);
-    EXPECT_EQ(result, 0x101u);
-    EXPECT_EQ(libddm_get_ifx_by_phyid(1, &result), 0);
-    EXPECT_EQ(result, 2u);
+    EXPECT_EQ(std::make_pair(phyid, ifx), std::make_pair(99u, 99u));
+    EXPECT_EQ(libddm_get_phyid_by_ifx(1, &phyid), 0);
+    EXPECT_EQ(libddm_get_ifx_by_phyid(1, &ifx), 0);
+    EXPECT_EQ(std::make_pair(phyid, ifx), std::make_pair(0x101u, 2u));
     set_port_map({});
 }
 
