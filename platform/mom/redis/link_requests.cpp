@@ -104,11 +104,13 @@ int RedisLink::request_now(const char *function, const std::vector<std::string_v
 
 int RedisLink::watch(const std::string &type, Done done)
 {
-    return request("state", {}, [this, type, done = std::move(done)](const redisReply &) {
-        return [this, type, done] {
-            order_.watch(type);
+    return request("state", {}, [this, type, done = std::move(done)](const redisReply &reply) {
+        return [this, type, done, result = result_of(reply, "state")] {
+            if (result == TQ_MOM_OK) {
+                order_.watch(type);
+            }
             if (done) {
-                done(TQ_MOM_OK);
+                done(result);
             }
         };
     });

@@ -250,12 +250,6 @@ void *Play::ctx(const std::string &name)
     return ctx;
 }
 
-void Play::detach_client(const std::string &client)
-{
-    detach(ctx(client));
-    clients_.erase(client);
-}
-
 int Play::on_lost(void *ctx, uint32_t db)
 {
     static_cast<Client *>(ctx)->links->add("lost " + std::to_string(db));
@@ -302,6 +296,11 @@ void Play::perform(const std::string &step)
     words >> client >> operation >> s.db >> std::ws;
     std::getline(words, object);
     s.ctx = ctx(client);
+    if (operation == "detach") {
+        detach(s.ctx);
+        clients_.erase(client);
+        return;
+    }
     s.owner = owner.empty() ? 0 : std::stoul(owner);
     s.to = recorder.empty() ? nullptr : &told(recorder);
     s.callback = recorder.empty() ? nullptr : Recorder::callback;

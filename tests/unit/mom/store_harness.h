@@ -71,6 +71,7 @@ class Play
     Play &operator=(const Play &) = delete;
 
     // Runs a script of steps, each on a line or before a semicolon:
+    //   CLIENT detach
     //   CLIENT OPERATION DB [OBJECT] [@OWNER] [> RECORDER] [= RESULT]   expects RESULT (0 where it is left out);
     //                                                                   store_harness.cpp has the operations
     //   RECORDER: TEXT   runs the loop, then expects what the recorder has been told
@@ -79,7 +80,6 @@ class Play
 
     void *ctx(const std::string &client);
     Recorder &told(const std::string &recorder) { return recorders_[recorder]; }
-    void detach_client(const std::string &client);
 
   private:
     struct Client {

@@ -81,8 +81,16 @@ const Script scripts[] = {
         r begin_sync 4 port 0 = -11; r connect_sync 4 = -11; r restore 4; b: none; w set 6 port 11
         a: set port 10, set port 11; r.links: lost 4, back 4 type 2; r list 4 port 0 > a
         a! set port 1, set port 2, set port 3)"},
-    // Plain subscriptions with a scan behind them are the random test's part. a and
-    // b know by subscription, c by a scan; b ends and forgets what it knew.
+    {"a_detached_client_is_silent",
+     R"(r subscribe 4 port 0 > a; a: established; w set 4 port 1; r scan 4 port 0 > a; r connect 4 > a; r cut 6
+        r detach; a:; r.links:)"},
+    // Subscribed, and then read, at the start and after a loss.
+    {"a_client_that_follows_is_told_what_the_store_holds",
+     R"(w set 4 port 1; r subscribe 4 port 0 > a; r scan 4 port 0 > a; w set 4 port 2; w set 4 port 3
+        a: established, set port 1, over, set port 2, set port 3; r cut 4; w del 4 port 1; w del 4 port 2; w set 4 port 2 mode=5
+        w set 4 port 4; r restore 4; r subscribe 4 port 0 > a; r scan 4 port 0 > a; w del 4 port 3; r scan 4 port 0 > a
+        a: established, del port 1, set port 2 mode=5, set port 3, set port 4, over, del port 3, set port 2 mode=5, set port 4, over)"},
+    // a and b know by subscription, c by a scan; b ends and forgets what it knew.
     {"missed_deletions_are_delivered_once_and_to_who_subscribes_again",
      R"(r subscribe 4 port 0 > a; r subscribe 4 port 0 > b; r subscribe_match 4 mac 10/0/- > c; w set 4 port 2 mode=1
         w set 4 port 3; w set 4 mac 10/0/00:04:76:22:20:17; w set 4 mac 11/0/00:04:76:22:20:17; r list 4 mac 0/0/- > d

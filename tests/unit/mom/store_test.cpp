@@ -1,5 +1,4 @@
 // The contract of store.h and tq_mom.h where a script does not say it.
-#include "platform/mom/owned_client.h"
 #include "tests/unit/mom/store_harness.h"
 
 #include "p_bridge.pb-c.h"
@@ -123,18 +122,6 @@ TEST_P(StoreContract, CallbacksMayEndAndMakeSubscriptions)
     EXPECT_EQ(counters(play_.ctx("r")).delivered, 7u);
 }
 
-TEST_P(StoreContract, DetachedClientsAreSilent)
-{
-    play_(R"(r subscribe 4 port 0 > a
-        a: established
-        w set 4 port 1
-        r scan 4 port 0 > a
-        r connect 4 > a
-        r cut 6)");
-    play_.detach_client("r");
-    play_("a:; r.links:");
-}
-
 TEST_P(StoreContract, CallbacksMayDetachTheirClientOrCutItsLink)
 {
     play_("w set 4 port 1; w set 4 port 2");
@@ -150,33 +137,9 @@ TEST_P(StoreContract, CallbacksMayDetachTheirClientOrCutItsLink)
         }
         play_("w set 4 port 1; a: set port 1; b:");
         play_.told("a").on_line = {};
-        play_.detach_client("short");
+        play_("short detach");
     }
     EXPECT_EQ(attach(play_.ctx("r"), *store_, loop_, "twice"), TQ_MOM_E_INVALID);
-}
-
-TEST_P(StoreContract, AnOwningClientSubscribesWhenItIsConnectedAndAfterALoss)
-{
-    Recorder told;
-    {
-        OwnedClient client(*store_, loop_, "owned");
-        EXPECT_EQ(client.connect(4, [&] { told.add("subscribe"); }), 0);
-        EXPECT_EQ(client.connect(0), 0);
-        EXPECT_EQ(client.connect(16), TQ_MOM_E_INVALID);
-        loop_.run_pending();
-        EXPECT_EQ(told.take(), "subscribe");
-        for (const uint32_t db : {0u, 4u}) {
-            EXPECT_EQ(set_link(client.ctx(), db, false) | set_link(client.ctx(), db, true), 0);
-        }
-        loop_.run_pending();
-        EXPECT_EQ(told.take(), "subscribe");
-        client.close();
-        EXPECT_EQ(tq_mom_scan(client.ctx(), 4, make("port 0").get(), 0, Recorder::callback, &told), TQ_MOM_E_INVALID);
-        EXPECT_EQ(client.connect_now(4), 0);
-        EXPECT_EQ(tq_mom_scan(client.ctx(), 4, make("port 0").get(), 0, Recorder::callback, &told), 0);
-    }
-    loop_.run_pending();
-    EXPECT_EQ(told.take(), "");
 }
 
 } // namespace
