@@ -22,9 +22,9 @@ const Script scripts[] = {
      R"(r subscribe 4 port 0 > a; a: established; r set 4 port 5 > a; r del 4 port 5 > a; r clear_expire 4 port 6 > a
         a!; a: set port 5, done, del port 5, done, done)"},
     {"keyless_object_keeps_fields_that_were_written_with_their_default",
-     R"(r scan 4 glb > a; w set_fields 4 glb age_time=30 secu_mode=0; r scan 4 glb > a; w set_fields 4 glb secu_mode=1
+     R"(r scan 4 glb > a; w set_fields 4 glb age_time=300 secu_mode=0; r scan 4 glb > a; w set_fields 4 glb secu_mode=1
         r scan 4 glb > a
-        a: over, hset glb fields 6 7 age_time=30, over, hset glb fields 6 7 secu_mode=1 age_time=30, over)"},
+        a: over, hset glb fields 6 7 age_time=300, over, hset glb fields 6 7 secu_mode=1 age_time=300, over)"},
     {"keyless_set_notifies_written_and_removed_fields",
      R"(r subscribe 4 glb > a; w set 4 glb secu_mode=1; w set 4 glb secu_mode=1; w set 4 glb age_time=30; w set 4 glb
         w del 4 glb; w del 4 glb
