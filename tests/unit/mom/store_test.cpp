@@ -1,4 +1,5 @@
 // The contract of store.h and tq_mom.h where a script does not say it.
+#include "platform/mom/owned_client.h"
 #include "tests/unit/mom/store_harness.h"
 
 #include "p_bridge.pb-c.h"
@@ -140,6 +141,17 @@ TEST_P(StoreContract, CallbacksMayDetachTheirClientOrCutItsLink)
         play_("short detach");
     }
     EXPECT_EQ(attach(play_.ctx("r"), *store_, loop_, "twice"), TQ_MOM_E_INVALID);
+}
+
+TEST_P(StoreContract, AnOwningClientSubscribesWhenItIsConnectedAndAfterALoss)
+{
+    int count = 0;
+    OwnedClient client(*store_, loop_, "owned");
+    EXPECT_EQ(client.connect(4, [&] { count++; }), 0);
+    loop_.run_pending();
+    EXPECT_EQ(set_link(client.ctx(), 4, false) | set_link(client.ctx(), 4, true), 0);
+    loop_.run_pending();
+    EXPECT_EQ(count, 2);
 }
 
 } // namespace
