@@ -8,63 +8,47 @@ namespace vvl::fp::test
 namespace
 {
 
-class BridgeTest : public PlaneTest
-{
-  protected:
-    std::vector<uint32_t> ports_reached(uint32_t phyid, const Bytes &frame)
-    {
-        std::vector<uint32_t> ports;
-        for (const auto &[port, bytes] : rig_->send(phyid, frame)) {
-            EXPECT_EQ(frame, bytes);
-            ports.push_back(port);
-        }
-        return ports;
-    }
-};
-
-using Ports = std::vector<uint32_t>;
-
 Bytes frame_to(const Mac &to, const Mac &from, std::initializer_list<unsigned> tags = {})
 {
     return ethernet(to, from, tags, 0x0800, ipv4(0));
 }
 
 // The bridge of the software plane; behind the one in the kernel is another.
-class SoftBridgeTest : public BridgeTest
+TEST(SoftBridge, FramesLeaveByThePortsThatTheirDestinationAndVlanSay)
 {
-};
-
-TEST_P(SoftBridgeTest, UnknownAndGroupDestinationsFollowTheUplinkRule)
-{
-    for (const Mac &to : {server, broadcast, Mac{1, 0, 0x5e, 0, 0, 1}}) {
-        EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(to, phone)));
-        EXPECT_EQ(Ports({1, 2, 3}), ports_reached(uplink, frame_to(to, stranger)));
+    SoftRig rig;
+    using Ports = std::vector<uint32_t>;
+    const auto expect_at = [&](const Ports &ports, uint32_t from, const Bytes &frame) {
+        Sent expected;
+        for (const uint32_t port : ports) {
+            expected.emplace_back(port, frame);
+        }
+        EXPECT_EQ(expected, rig.send(from, frame));
+    };
+    for (const Mac &to : {server, broadcast, Mac{1, 0, 0x5e, 0, 0, 1}}) { // unknown or a group
+        expect_at({uplink}, 1, frame_to(to, phone));
+        expect_at({1, 2, 3}, uplink, frame_to(to, stranger));
     }
-    rig_->plane().set_link(2, false);
-    EXPECT_EQ(Ports({1, 3}), ports_reached(uplink, frame_to(broadcast, stranger)));
-    EXPECT_EQ(Ports(), ports_reached(2, frame_to(broadcast, phone)));
-    EXPECT_EQ(1u, rig_->plane().counters(2).dropped);
-    EXPECT_EQ(Ports(), ports_reached(77, frame_to(broadcast, phone)));
+    expect_at({uplink}, 2, frame_to(broadcast, server));
+    expect_at({2}, 1, frame_to(server, phone));
+    expect_at({2}, uplink, frame_to(server, stranger));
+    expect_at({}, 2, frame_to(server, stranger)); // behind the same port
+    expect_at({2}, 3, frame_to(server, phone, {0x8100, 1}));
+    expect_at({uplink}, 3, frame_to(server, phone)); // VLAN 7
+    expect_at({uplink}, 1, frame_to(server, phone, {0x8100, 7}));
+
+    rig.plane().forget(1, server);
+    expect_at({uplink}, 1, frame_to(server, phone));
+    expect_at({uplink}, 2, frame_to(broadcast, server));
+    rig.plane().set_link(2, false);
+    expect_at({uplink}, 1, frame_to(server, phone));
+    expect_at({1, 3}, uplink, frame_to(broadcast, stranger));
+    expect_at({}, 2, frame_to(broadcast, phone));
+    EXPECT_EQ(1u, rig.plane().counters(2).dropped);
+    expect_at({}, 77, frame_to(broadcast, phone));
 }
 
-TEST_P(SoftBridgeTest, KnownDestinationIsReachedInItsVlanAlone)
-{
-    rig_->send(2, frame_to(broadcast, server));
-    EXPECT_EQ(Ports({2}), ports_reached(1, frame_to(server, phone)));
-    EXPECT_EQ(Ports({2}), ports_reached(uplink, frame_to(server, stranger)));
-    EXPECT_EQ(Ports(), ports_reached(2, frame_to(server, stranger))); // behind the same port
-    EXPECT_EQ(Ports({2}), ports_reached(3, frame_to(server, phone, {0x8100, 1})));
-    EXPECT_EQ(Ports({uplink}), ports_reached(3, frame_to(server, phone))); // VLAN 7
-    EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone, {0x8100, 7})));
-
-    rig_->plane().forget(1, server);
-    EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone)));
-    rig_->send(2, frame_to(broadcast, server));
-    rig_->plane().set_link(2, false);
-    EXPECT_EQ(Ports({uplink}), ports_reached(1, frame_to(server, phone)));
-}
-
-TEST_P(BridgeTest, AddressIsReportedWhenNewMovedForgottenOrDue)
+TEST_P(PlaneTest, AddressIsReportedWhenNewMovedForgottenOrDue)
 {
     const Bytes frame = frame_to(broadcast, phone);
     const auto reports = [&](uint32_t phyid, const Bytes &bytes) {
@@ -87,7 +71,7 @@ TEST_P(BridgeTest, AddressIsReportedWhenNewMovedForgottenOrDue)
     EXPECT_EQ(Reports({{1, phone, 2}}), reports(2, frame));
 }
 
-TEST_P(BridgeTest, AddressIsLearnedInTheResultingVlanAndNotFromDeniedFrames)
+TEST_P(PlaneTest, AddressIsLearnedInTheResultingVlanAndNotFromDeniedFrames)
 {
     state_.rules[0] = {voice_tag_rule(5)};
     state_.rules[2] = {deny_rule()};
@@ -101,11 +85,12 @@ TEST_P(BridgeTest, AddressIsLearnedInTheResultingVlanAndNotFromDeniedFrames)
 }
 
 // Made-up addresses behind port 1, of which the half is of a voice vendor.
-TEST_P(BridgeTest, FloodTakesRoomFromNobodyElse)
+TEST_P(PlaneTest, FloodTakesRoomFromNobodyElse)
 {
     std::vector<std::string> lines;
     const LogSink before = set_log_sink([&](LogLevel, const std::string &text) { lines.push_back(text); });
-    install(Acl::voice, {voice_mark_rule(5)}, 0);
+    state_.rules[1] = {voice_mark_rule(5)};
+    install();
     const auto learned = [&](uint32_t phyid, const Mac &mac) {
         seen_.clear();
         rig_->send(phyid, frame_to(server, mac));
@@ -139,34 +124,17 @@ TEST_P(BridgeTest, FloodTakesRoomFromNobodyElse)
     EXPECT_NE(std::string::npos, lines[3].find("enough room again")) << lines[3];
 }
 
-INSTANTIATE_TEST_SUITE_P(Planes, BridgeTest, ::testing::ValuesIn(planes_under_test),
-                         [](const auto &row) { return row.param.name; });
-
-INSTANTIATE_TEST_SUITE_P(Planes, SoftBridgeTest, ::testing::Values(planes_under_test[0]),
-                         [](const auto &row) { return row.param.name; });
-
 // An output that brings the frame back in, as a cable between two ports would.
-TEST(SoftPlaneLoop, FrameThatComesBackDuringItsOwnOutputIsForwardedWhole)
+TEST(SoftBridge, FrameThatComesBackDuringItsOwnOutputIsForwardedWhole)
 {
-    VirtualLoop loop;
-    SoftPlane plane(loop);
-    for (uint32_t phyid : {1u, 2u, 3u}) {
-        std::string why;
-        EXPECT_TRUE(plane.add_port({.phyid = phyid}, why)) << why;
-    }
-    std::string why;
-    EXPECT_TRUE(plane.add_port({.phyid = uplink, .uplink = true}, why)) << why;
-    const Bytes frame = frame_to(broadcast, phone);
-    Sent sent;
-    plane.set_output([&](uint32_t phyid, std::span<const uint8_t> bytes) {
-        sent.emplace_back(phyid, Bytes(bytes.begin(), bytes.end()));
+    SoftRig rig;
+    const Bytes frame = frame_to(broadcast, phone), other = frame_to(server, stranger, {0x8100, 5});
+    rig.on_output = [&](uint32_t phyid) {
         if (phyid == 1) {
-            plane.receive(2, frame_to(server, stranger, {0x8100, 5}));
+            rig.soft().receive(2, other);
         }
-    });
-    plane.receive(uplink, frame);
-    const Sent expected = {{1, frame}, {uplink, frame_to(server, stranger, {0x8100, 5})}, {2, frame}, {3, frame}};
-    EXPECT_EQ(expected, sent);
+    };
+    EXPECT_EQ(Sent({{1, frame}, {uplink, other}, {2, frame}, {3, frame}}), rig.send(uplink, frame));
 }
 
 TEST(MacTable, FullTableKeepsWhatItKnowsAndCountsTheRest)

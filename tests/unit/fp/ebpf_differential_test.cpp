@@ -1,14 +1,12 @@
 // Both planes give the same answer: random rule sets, and random and mutated
 // frames, through the programs in the kernel and through run_acls.
 #include "platform/fp/soft/pipeline.h"
-#include "tests/fuzz/byte_reader.h"
-#include "tests/fuzz/plane_rules.h"
+#include "tests/unit/fp/dice.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
 #include <cstdlib>
 #include <map>
 #include <net/if.h>
-#include <random>
 
 namespace vvl::fp::test
 {
@@ -18,37 +16,11 @@ namespace
 constexpr unsigned rule_sets = 250; // unless VVLAN_RULE_SETS says how many
 constexpr unsigned frames_per_set = 4096;
 
-class Dice
-{
-  public:
-    explicit Dice(uint64_t seed) : random_(seed) {}
-    unsigned below(unsigned count) { return static_cast<unsigned>(random_() % count); }
-    template <typename T, size_t count> T one_of(const T (&values)[count]) { return values[below(count)]; }
-    Bytes bytes(size_t size)
-    {
-        Bytes out(size);
-        std::generate(out.begin(), out.end(), [&] { return static_cast<uint8_t>(random_()); });
-        return out;
-    }
-
-  private:
-    std::mt19937_64 random_;
-};
-
 PlaneState random_state(Dice &dice)
 {
     PlaneState state;
     for (auto &rules : state.rules) {
-        const Bytes input = dice.bytes(dice.below(2500));
-        vvl::test::ByteReader reader(input);
-        std::string why;
-        for (const Rule &rule : vvl::test::read_rules(reader)) {
-            std::vector<Rule> longer = rules;
-            longer.push_back(rule);
-            if (check_rules(longer, why)) {
-                rules = std::move(longer);
-            }
-        }
+        rules = dice.rules();
     }
     state.binding[1] = static_cast<uint8_t>(dice.below(8));
     return state;
@@ -68,9 +40,7 @@ Bytes random_frame(Dice &dice)
     const unsigned types[] = {0x8100, 0x8100, 0x88a8, 0x9100, 0x0806};
     const unsigned vids[] = {100, 100, 1, 0, 0x8000, 0x6064, 0xb000, 4095};
     const unsigned payload_types[] = {0x0800, 0x0800, 0x86dd, 0x0806, 0x8100, 60};
-    const Bytes input = dice.bytes(8);
-    vvl::test::ByteReader reader(input);
-    const Mac from = vvl::test::read_address(reader);
+    const Mac from = dice.address();
     const Mac to = dice.one_of(receivers);
     const Bytes payload =
         dice.below(4) == 0 ? ipv6(dice.below(256)) : ipv4(dice.below(256), dice.below(65536), dice.below(11));
@@ -186,10 +156,8 @@ TEST(EbpfDifferential, KernelAndClassifierTreatEveryFrameAlike)
         }
     }
     const PortCounters counted = rig.plane().counters(1);
-    EXPECT_EQ(expected.in, counted.in);
-    EXPECT_EQ(expected.tagged, counted.tagged);
-    EXPECT_EQ(expected.remarked, counted.remarked);
-    EXPECT_EQ(expected.dropped, counted.dropped);
+    expected.out = counted.out; // the kernel's bridge sends
+    EXPECT_EQ(expected, counted);
     // None of the outcomes is a rare one.
     for (const uint64_t count : {counted.tagged, counted.remarked, counted.dropped}) {
         EXPECT_LT(expected.in / 20, count);

@@ -5,6 +5,7 @@
 #include "platform/fp/error.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
+#include <bpf/bpf.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -43,6 +44,9 @@ class EbpfTest : public ::testing::Test, public PlaneEvents
 
     void install() { ASSERT_EQ(0, rig_->plane().install(state_)); }
 
+    // Whether tc has anything to tell.
+    static bool has(const std::string &what) { return std::system(("tc " + what + " | grep -q .").c_str()) == 0; }
+
     static Bytes from_phone() { return ethernet(server, phone, {}, 0x0800, ipv4(1)); }
     static Bytes to(const Mac &mac, std::initializer_list<unsigned> tags = {0x8100, 0xc064})
     {
@@ -55,59 +59,33 @@ class EbpfTest : public ::testing::Test, public PlaneEvents
     std::vector<uint16_t> seen_in_;
 };
 
-// Neither the treatment nor the counters, traps and addresses notice a new agent.
+// Neither the treatment nor the counters, traps and addresses notice a new agent,
+// nor that the last one is of another version: then the programs change places at
+// the interfaces, and the maps stay.
 TEST_F(EbpfTest, NextAgentTakesOverWhatTheLastOneLeft)
 {
     ASSERT_EQ(0, rig_->plane().set_trap(1, true));
     const Sent before = rig_->send(1, from_phone());
+    std::string why;
     for (int i = 0; i < 3; i++) {
+        KernelSide last, next;
+        ASSERT_TRUE(open_kernel_side(pin_folder, last, why)) << why;
+        last.shared().build += i == 1;
         rig_->restart_agent();
         EXPECT_EQ(state_, rig_->plane().installed());
         rig_->plane().set_events(this);
         EXPECT_EQ(before, rig_->send(1, from_phone()));
+        ASSERT_TRUE(open_kernel_side(pin_folder, next, why)) << why;
+        for (size_t hook = 0; hook < last.program_ids.size(); hook++) {
+            EXPECT_EQ(i == 1, last.program_ids[hook] != next.program_ids[hook]);
+            EXPECT_TRUE(has(std::string("filter show dev port1 ") + (hook == 0 ? "ingress" : "egress") +
+                            " | grep ' id " + std::to_string(next.program_ids[hook]) + " '"));
+        }
     }
     EXPECT_EQ(4u, rig_->plane().counters(1).tagged);
     EXPECT_EQ(4u, rig_->ebpf().ace_frames(Acl::voice, 5));
     EXPECT_EQ(4, trapped_); // the first frame's too, which nobody had read
     EXPECT_EQ(std::vector<uint16_t>({voice_vlan}), seen_in_);
-}
-
-// As after an upgrade: the maps stay, the programs change places at the interfaces.
-TEST_F(EbpfTest, ProgramsOfAnotherVersionAreReplacedInTheirPlace)
-{
-    const Sent before = rig_->send(1, from_phone());
-    std::string why;
-    KernelSide side;
-    ASSERT_TRUE(open_kernel_side(pin_folder, side, why)) << why;
-    const std::vector<uint32_t> earlier = side.program_ids;
-    side.shared().build++;
-    rig_->restart_agent();
-    EXPECT_EQ(state_, rig_->plane().installed());
-    EXPECT_EQ(before, rig_->send(1, from_phone()));
-
-    KernelSide renewed;
-    ASSERT_TRUE(open_kernel_side(pin_folder, renewed, why)) << why;
-    for (size_t i = 0; i < earlier.size(); i++) {
-        EXPECT_NE(earlier[i], renewed.program_ids[i]);
-        const std::string hook = i == 0 ? "ingress" : "egress";
-        EXPECT_EQ(0, std::system(("tc filter show dev port1 " + hook + " | grep -q ' id " +
-                                  std::to_string(renewed.program_ids[i]) + " '")
-                                     .c_str()));
-    }
-}
-
-// More changes than there are states, so that each is filled again.
-TEST_F(EbpfTest, EveryStateIsReusedWhole)
-{
-    const Bytes frame = from_phone();
-    for (unsigned i = 0; i < 40; i++) {
-        state_.rules[1][0].cos = static_cast<uint8_t>(i % 8);
-        state_.binding[2] = i % 2 == 0 ? all_acls : 0;
-        install();
-        const Bytes marked = ethernet(server, phone, {0x8100, (i % 8) << 13 | voice_vlan}, 0x0800, ipv4(46 << 2 | 1));
-        EXPECT_EQ(Sent({{uplink, marked}}), rig_->send(1, frame));
-        EXPECT_EQ(Sent({{uplink, i % 2 == 0 ? marked : frame}}), rig_->send(2, frame));
-    }
 }
 
 TEST_F(EbpfTest, PlacesOfPortsThatNobodyHasAnyMoreAreTakenAgain)
@@ -212,7 +190,6 @@ TEST_F(EbpfTest, DetachTakesOffOnlyWhatIsOurs)
     std::vector<std::string> report;
     EXPECT_TRUE(ebpf_detach({.pin_folder = pin_folder}, report, why)) << why;
     EXPECT_EQ(6u, report.size()); // five interfaces and the pins
-    const auto has = [](const std::string &what) { return std::system(("tc " + what + " | grep -q .").c_str()) == 0; };
     EXPECT_TRUE(has("filter show dev port77 ingress"));
     EXPECT_FALSE(has("filter show dev port77 egress"));
     EXPECT_TRUE(has("filter show dev port2 egress"));
@@ -235,22 +212,15 @@ TEST_F(EbpfTest, SecondAgentAndStrangersAreRefused)
     EXPECT_EQ(state_, rig_->plane().installed());
 
     make_interface(78);
-    bpf_tc_hook hook{};
-    hook.sz = sizeof hook;
-    hook.ifindex = static_cast<int>(if_nametoindex("port78"));
-    hook.attach_point = BPF_TC_EGRESS;
-    bpf_tc_opts place{};
-    place.sz = sizeof place;
-    place.handle = VV_FILTER_HANDLE;
-    place.priority = VV_FILTER_PRIORITY;
-    Probe stranger;
-    place.prog_fd = stranger.ingress_program();
-    ASSERT_EQ(0, bpf_tc_hook_create(&hook));
-    ASSERT_EQ(0, bpf_tc_attach(&hook, &place));
+    ASSERT_EQ(0, bpf_obj_pin(Probe().ingress_program(), "/sys/fs/bpf/stranger"));
+    ASSERT_EQ(0, std::system(("tc qdisc add dev port78 clsact && tc filter add dev port78 egress prio " +
+                              std::to_string(VV_FILTER_PRIORITY) + " handle " + std::to_string(VV_FILTER_HANDLE) +
+                              " bpf da object-pinned /sys/fs/bpf/stranger")
+                                 .c_str()));
     EXPECT_FALSE(rig_->plane().add_port({.phyid = 78, .interface = "port78"}, why));
     EXPECT_EQ("port 78 (port78): another program has the filter egress priority 22102 already", why);
-    EXPECT_EQ(0, std::system("tc filter show dev port78 egress | grep -q probe_ingress"));
-    std::system("ip link delete port78");
+    EXPECT_TRUE(has("filter show dev port78 egress | grep stranger"));
+    std::system("ip link delete port78; rm /sys/fs/bpf/stranger");
 
     EXPECT_EQ(nullptr, EbpfPlane::open(loop, {.pin_folder = "/tmp"}, why));
     EXPECT_EQ("/tmp: not on a BPF file system (mount -t bpf)", why);

@@ -96,51 +96,5 @@ TEST(FrameRewrite, Ipv4DscpKeepsEcnAndChecksumForAnyHeader)
     }
 }
 
-TEST(FrameRewrite, ChangesItsOwnBitsAlone)
-{
-    using Change = void (*)(Bytes &, FrameHeader &);
-    const Change tag = [](Bytes &frame, FrameHeader &header) { add_tag(frame, header, 100); };
-    const Change cos = [](Bytes &frame, FrameHeader &header) { set_cos(frame, header, 2); };
-    const Change dscp = [](Bytes &frame, FrameHeader &header) { set_dscp(frame, header, 46); };
-    const auto ipv4_that_begins = [](uint8_t first) {
-        Bytes packet = ipv4(0);
-        packet[0] = first;
-        return framed({}, 0x0800, packet);
-    };
-    Bytes odd_checksum = ipv4(46 << 2);
-    odd_checksum[10] = odd_checksum[11] = 0xff;
-    const struct {
-        Change change;
-        Bytes before;
-        Bytes after;
-    } cases[] = {
-        {tag, framed({}, 0x0800, ipv4(0)), framed({0x8100, 100}, 0x0800, ipv4(0))},
-        {tag, framed({}, 3, {1, 2, 3}), framed({0x8100, 100}, 3, {1, 2, 3})},
-        {tag, framed({0x8100, 0xb000}, 0x0806, {1}), framed({0x8100, 0xb064}, 0x0806, {1})},
-        {tag, framed({0x8100, 0, 0x8100, 0}, 0x0806, {1}), framed({0x8100, 100, 0x8100, 0}, 0x0806, {1})},
-        {cos, framed({0x88a8, 0xf007, 0x8100, 0x2009}, 5, {}), framed({0x88a8, 0x5007, 0x8100, 0x2009}, 5, {})},
-        {dscp, framed({}, 0x0800, odd_checksum), framed({}, 0x0800, odd_checksum)}, // nothing to change
-        {dscp, framed({0x8100, 5}, 0x86dd, ipv6(0xfe)), framed({0x8100, 5}, 0x86dd, ipv6(46 << 2 | 2))},
-    };
-    // A header that lies about its length or version is left alone.
-    for (uint8_t first : {0x44, 0x4f, 0x65, 0x05}) {
-        Bytes frame = ipv4_that_begins(first);
-        FrameHeader header;
-        ASSERT_TRUE(read_header(frame, header));
-        EXPECT_FALSE(set_dscp(frame, header, 46));
-        EXPECT_EQ(ipv4_that_begins(first), frame);
-    }
-    for (const auto &one : cases) {
-        Bytes frame = one.before;
-        FrameHeader header, again;
-        ASSERT_TRUE(read_header(frame, header));
-        one.change(frame, header);
-        EXPECT_EQ(one.after, frame);
-        ASSERT_TRUE(read_header(frame, again));
-        EXPECT_EQ(again.payload, header.payload);
-        EXPECT_EQ(again.form(), header.form());
-    }
-}
-
 } // namespace
 } // namespace vvl::fp::test

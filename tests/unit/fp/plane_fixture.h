@@ -42,6 +42,9 @@ class SoftRig final : public Rig
     {
         plane_.set_output([this](uint32_t phyid, std::span<const uint8_t> frame) {
             sent_.emplace_back(phyid, Bytes(frame.begin(), frame.end()));
+            if (on_output) {
+                on_output(phyid);
+            }
         });
         std::string why;
         for (const PlanePort &port : ports_under_test) {
@@ -49,12 +52,15 @@ class SoftRig final : public Rig
         }
     }
     DataPlane &plane() override { return plane_; }
+    SoftPlane &soft() { return plane_; }
     Sent send(uint32_t phyid, const Bytes &frame) override
     {
         plane_.receive(phyid, Bytes(frame.begin(), frame.end())); // as large on the heap
         return std::exchange(sent_, {});
     }
     void advance(uint64_t delta_us) override { loop_.advance(delta_us); }
+
+    std::function<void(uint32_t phyid)> on_output; // may bring a frame in
 
   private:
     VirtualLoop loop_;
@@ -114,14 +120,6 @@ class PlaneTest : public ::testing::TestWithParam<PlaneUnderTest>, public PlaneE
     }
 
     void install() { ASSERT_EQ(0, rig_->plane().install(state_)); }
-
-    // Replaces the rules of an ACL, and what is bound to port 1.
-    void install(Acl acl, const std::vector<Rule> &rules, uint8_t bound)
-    {
-        state_.rules[static_cast<size_t>(acl)] = rules;
-        state_.binding[1] = bound;
-        install();
-    }
 
     // The frame as it leaves the uplink, where nothing is learned, or nothing.
     Bytes through(uint32_t phyid, const Bytes &frame)

@@ -21,45 +21,92 @@ Bytes tagged(const Mac &from, unsigned control, unsigned tos = 1)
     return ethernet(server, from, {0x8100, control}, 0x0800, ipv4(tos));
 }
 
-TEST_P(PlaneTest, MacVlanRuleTagsUntaggedFramesOfItsDevices)
+struct Passage {
+    uint32_t phyid;
+    Bytes in;
+    Bytes out; // empty: dropped
+};
+
+Passage unchanged(uint32_t phyid, const Bytes &frame)
 {
-    install(Acl::mac_vlan, {voice_tag_rule(5)}, 0);
-    EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
-    install(Acl::mac_vlan, {voice_tag_rule(5)}, acl_bit(Acl::mac_vlan));
-    EXPECT_EQ(tagged(phone, 100), through(1, untagged(phone)));
-    EXPECT_EQ(tagged(phone, 0xb064), through(1, tagged(phone, 0xb000))); // priority tag, with DEI
-    EXPECT_EQ(2u, rig_->plane().counters(1).tagged);
-
-    Rule any_form = voice_tag_rule(5);
-    any_form.form_mask = 0; // a tag has the last word even then
-    install(Acl::mac_vlan, {any_form}, acl_bit(Acl::mac_vlan));
-    EXPECT_EQ(tagged(phone, 8), through(1, tagged(phone, 8)));
-    EXPECT_EQ(untagged(stranger), through(1, untagged(stranger)));
-    EXPECT_EQ(untagged(phone), through(2, untagged(phone)));
-
-    install(Acl::mac_vlan, {}, acl_bit(Acl::mac_vlan));
-    EXPECT_EQ(untagged(phone), through(1, untagged(phone)));
-    EXPECT_EQ(2u, rig_->plane().counters(1).tagged);
-    EXPECT_EQ(0u, rig_->plane().counters(1).remarked);
+    return {phyid, frame, frame};
 }
 
-TEST_P(PlaneTest, VoiceRuleMarksItsDevicesInTheVoiceVlan)
+// Each state replaces the one of the row before.
+TEST_P(PlaneTest, FramesLeaveAsRulesAndBindingsSay)
 {
-    install(Acl::voice, {voice_mark_rule(5)}, acl_bit(Acl::voice));
-    const Bytes marked = tagged(phone, 0xd064, 46 << 2 | 1);
-
-    EXPECT_EQ(marked, through(1, tagged(phone, 0x1064)));
-    EXPECT_EQ(marked, through(1, marked)); // counts, though nothing is left to change
-    EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
-
-    EXPECT_EQ(tagged(phone, 101), through(1, tagged(phone, 101)));
-    EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
-    EXPECT_EQ(tagged(phone, 100), through(2, tagged(phone, 100)));
-    EXPECT_EQ(untagged(phone), through(1, untagged(phone))); // in VLAN 1
-    EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
-
-    install(Acl::voice, {voice_mark_rule(5)}, 0);
-    EXPECT_EQ(tagged(phone, 100), through(1, tagged(phone, 100)));
+    constexpr uint8_t mac_vlan = acl_bit(Acl::mac_vlan), voice = acl_bit(Acl::voice), security = acl_bit(Acl::security);
+    const Rule tag = voice_tag_rule(5), mark = voice_mark_rule(5), deny = deny_rule();
+    Rule any_form = tag, mark_pvid = mark;
+    any_form.form_mask = 0; // a tag has the last word even then
+    mark_pvid.vid = 1;
+    const auto packet = [](std::initializer_list<unsigned> tags, unsigned type, const Bytes &payload) {
+        return ethernet(server, phone, tags, type, payload);
+    };
+    // A checksum of 0xffff is wrong, and stays so where no DSCP changes.
+    const auto odd = [&](unsigned control, uint8_t first, uint8_t checksum) {
+        Bytes frame = tagged(phone, control, 46 << 2);
+        frame[18] = first;
+        frame[28] = frame[29] = checksum;
+        return frame;
+    };
+    const Bytes marked = tagged(phone, 0xd064, 46 << 2 | 1), arp = packet({}, 0x0806, Bytes(28, 1));
+    const struct {
+        const char *what;
+        PlaneState state;
+        std::vector<Passage> passages;
+    } rows[] = {
+        {"rules without a binding",
+         {{{tag}, {mark}, {}}, {}},
+         {unchanged(1, untagged(phone)), unchanged(1, tagged(phone, 100))}},
+        {"tags of the MAC-VLAN ACL",
+         {{{tag}, {}, {}}, {{1, mac_vlan}}},
+         {{1, untagged(phone), tagged(phone, 100)},
+          {1, tagged(phone, 0xb000), tagged(phone, 0xb064)}, // priority tag, with DEI
+          {1, packet({}, 3, {1, 2, 3}), packet({0x8100, 100}, 3, {1, 2, 3})},
+          {1, packet({0x8100, 0, 0x8100, 0}, 0x0806, {1}), packet({0x8100, 100, 0x8100, 0}, 0x0806, {1})},
+          unchanged(2, untagged(phone))}},
+        {"a rule for any form",
+         {{{any_form}, {}, {}}, {{1, mac_vlan}}},
+         {unchanged(1, tagged(phone, 8)), unchanged(1, untagged(stranger))}},
+        {"no rule left", {{{}, {}, {}}, {{1, mac_vlan}}}, {unchanged(1, untagged(phone))}},
+        {"marks of the voice ACL, which change their own bits alone",
+         {{{}, {mark}, {}}, {{1, voice}}},
+         {{1, tagged(phone, 0x1064), marked},
+          unchanged(1, marked), // counts, though nothing is left to change
+          {1, packet({0x88a8, 0xf064, 0x8100, 0x2009}, 5, {}), packet({0x88a8, 0xd064, 0x8100, 0x2009}, 5, {})},
+          {1, packet({0x8100, 100}, 0x86dd, ipv6(0xfe)), packet({0x8100, 0xc064}, 0x86dd, ipv6(46 << 2 | 2))},
+          {1, odd(100, 0x45, 0xff), odd(0xc064, 0x45, 0xff)},
+          {1, odd(100, 0x44, 7), odd(0xc064, 0x44, 7)}, // lies about its length
+          unchanged(1, tagged(phone, 101)),
+          unchanged(1, tagged(stranger, 100)),
+          unchanged(1, untagged(phone)), // in VLAN 1
+          unchanged(2, tagged(phone, 100))}},
+        {"no place for a CoS without a tag, none for a DSCP without IP",
+         {{{}, {}, {mark_pvid}}, {{1, security}}},
+         {unchanged(1, arp),
+          {1, untagged(phone), packet({}, 0x0800, ipv4(46 << 2 | 1))},
+          {1, packet({}, 0x86dd, ipv6(0)), packet({}, 0x86dd, ipv6(46 << 2))}}},
+        {"the security ACL judges what the voice ACL leaves",
+         {{{}, {mark}, {deny}}, {{1, voice | security}, {2, security}}},
+         {{1, tagged(stranger, 100), {}},
+          {2, tagged(phone, 100), {}}, // no voice ACL there
+          {1, tagged(phone, 0x1064), marked},
+          unchanged(1, tagged(stranger, 101))}},
+        {"tagged, then marked",
+         {{{tag}, {mark}, {deny}}, {{1, all_acls}}},
+         {{1, untagged(phone), tagged(phone, 0xc064, 46 << 2 | 1)}, unchanged(1, untagged(stranger))}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        state_ = row.state;
+        install();
+        for (const auto &[phyid, in, out] : row.passages) {
+            EXPECT_EQ(out, through(phyid, in));
+        }
+    }
+    const PortCounters counted = rig_->plane().counters(1);
+    EXPECT_EQ(std::tuple(26u, 5u, 10u, 1u), std::tuple(counted.in, counted.tagged, counted.remarked, counted.dropped));
 }
 
 const Mac reserved[] = {{0x01, 0x80, 0xc2, 0, 0, 0},
@@ -150,50 +197,11 @@ TEST_P(PlaneTest, VoiceVlansTagComesInWhereThePortIsInTheVlan)
     EXPECT_FALSE(through(3, tagged(stranger, voice_vlan)).empty());
 }
 
-// A frame without a tag has no place for a CoS, and one without IP none for a DSCP.
-TEST_P(PlaneTest, MarksOnlyWhatTheFrameHas)
-{
-    Rule rule = voice_mark_rule(1);
-    rule.vid = 1;
-    install(Acl::security, {rule}, acl_bit(Acl::security));
-    const Bytes arp = ethernet(broadcast, phone, {}, 0x0806, Bytes(28, 1));
-    EXPECT_EQ(arp, through(1, arp));
-    EXPECT_EQ(0u, rig_->plane().counters(1).remarked);
-    EXPECT_EQ(ethernet(server, phone, {}, 0x0800, ipv4(46 << 2 | 1)), through(1, untagged(phone)));
-    EXPECT_EQ(ethernet(server, phone, {}, 0x86dd, ipv6(46 << 2)),
-              through(1, ethernet(server, phone, {}, 0x86dd, ipv6(0))));
-    EXPECT_EQ(2u, rig_->plane().counters(1).remarked);
-}
-
-TEST_P(PlaneTest, SecurityRuleJudgesOnlyWhatTheVoiceAclLeaves)
-{
-    install(Acl::voice, {voice_mark_rule(5)}, 0);
-    state_.binding[2] = acl_bit(Acl::security);
-    install(Acl::security, {deny_rule()}, acl_bit(Acl::voice) | acl_bit(Acl::security));
-
-    EXPECT_TRUE(through(1, tagged(stranger, 100)).empty());
-    EXPECT_TRUE(through(2, tagged(phone, 100)).empty()); // no voice ACL there
-    EXPECT_EQ(1u, rig_->plane().counters(1).dropped);
-    EXPECT_FALSE(through(1, tagged(phone, 100)).empty());
-    EXPECT_FALSE(through(1, tagged(stranger, 101)).empty());
-
-    install(Acl::security, {}, acl_bit(Acl::voice) | acl_bit(Acl::security));
-    EXPECT_EQ(tagged(stranger, 100), through(1, tagged(stranger, 100)));
-    EXPECT_EQ(1u, rig_->plane().counters(1).dropped);
-}
-
-TEST_P(PlaneTest, UntaggedVoiceFrameIsTaggedThenMarked)
-{
-    state_.rules[0] = {voice_tag_rule(5)};
-    state_.rules[1] = {voice_mark_rule(5)};
-    install(Acl::security, {deny_rule()}, all_acls);
-    EXPECT_EQ(tagged(phone, 0xc064, 46 << 2 | 1), through(1, untagged(phone)));
-    EXPECT_EQ(untagged(stranger), through(1, untagged(stranger)));
-}
-
 TEST_P(PlaneTest, RefusedRulesChangeNothing)
 {
-    install(Acl::voice, {voice_mark_rule(5)}, acl_bit(Acl::voice));
+    state_.rules[1] = {voice_mark_rule(5)};
+    state_.binding[1] = acl_bit(Acl::voice);
+    install();
     Rule cos = voice_mark_rule(1), dscp = cos, vid = cos, tag = cos;
     cos.cos = 8;
     dscp.dscp = 64;
@@ -239,7 +247,8 @@ TEST_P(PlaneTest, TrapCopiesFramesOfVoiceDevicesAsTheyCameIn)
 
     ASSERT_EQ(0, rig_->plane().set_trap(1, false));
     through(1, untagged(phone));
-    install(Acl::voice, {}, 0);
+    state_.rules[1].clear();
+    install();
     through(2, untagged(phone));
     EXPECT_EQ(3u, trapped_.size());
 }
