@@ -174,14 +174,15 @@ TEST_F(ReconcileTest, PlaneKeepsItsStateUntilTheLastAnswer)
 TEST_F(ReconcileTest, SweepTakesOnlyTheMarkedOfItsKindAndAppType)
 {
     const std::string more = "v1 v2 v3 s1 1=2 2=2 3=4 ";
-    play({{"ace v 3; expire ace v", more, "ace v 3, "}, // what came before the first mark is in force
-          {"ace v 2; sweep ace s; sweep binding v", more},
+    play({{"ace v 3; expire ace v; ace v 2", more, "ace v 3, "}, // what came before the first mark is in force
+          {"sweep ace s; sweep binding v", more},
           {"sweep ace v", "v2 s1 1=2 2=2 3=4 ", "ace v 2, "}});
 }
 
 TEST_F(ReconcileTest, MarkedAclGivesWayToAnotherId)
 {
-    play({{"expire; acl v 300; sweep", "", "acl v 300, "}, {"ace v 1 = -7", "", "no ace v 1 -7, "}});
+    play({{"expire acl v; acl v 300; sweep acl v", "s1 3=4 ", "acl v 300, "},
+          {"ace v 1 = -7", "s1 3=4 ", "no ace v 1 -7, "}});
 }
 
 TEST_F(ReconcileTest, TimeLimitTakesOverAndLeavesTheRestMarked)
@@ -190,9 +191,11 @@ TEST_F(ReconcileTest, TimeLimitTakesOverAndLeavesTheRestMarked)
     loop_.advance(limit_us - 1);
     play({{"", before_}});
     loop_.advance(1);
-    play({{"", "v1 v2 v9 s1 1=2 2=2 3=4 ", good_}, {"sweep", again_}}); // 1 is swept late, with the turn
+    play({{"", "v1 v2 v9 s1 1=2 2=2 3=4 ", good_},
+          {"expire ace v; ace v 2; ace v 9; sweep ace v", "v2 v9 s1 1=2 2=2 3=4 ", "ace v 2, ace v 9, "},
+          {"sweep", again_}}); // the rest is swept late, with the turn
     EXPECT_EQ(1u, manager_->counters().timed_out);
-    EXPECT_EQ(0u, manager_->counters().reconciled);
+    EXPECT_EQ(1u, manager_->counters().reconciled);
 }
 
 TEST_F(ReconcileTest, RestartsAndARefusedEndGoBackToTheStateBefore)
