@@ -48,6 +48,9 @@ void ScenarioRun::take_step(const sim::ScenarioStep &step)
 {
     std::string refusal; // what a step cannot do for want of a module shows in the end
     oper::CommandContext context{&operator_, &simulation_, nullptr};
+    if (step.text.starts_with("store down ")) {
+        drop_refusals();
+    }
     step.command.row->run(context, step.command.args, refusal);
     simulation_.wait(0);
     if (step.text == "stop" || step.text == "start") {
@@ -88,9 +91,18 @@ bool ScenarioRun::start(std::string &why)
     return network_switch.agent().loaded();
 }
 
+// A refusal that the scenario has asked for waits for a request that the fault may have
+// prevented. A re-initialisation that it meets instead ends the process, as it should.
+void ScenarioRun::drop_refusals()
+{
+    std::string why;
+    simulation_.refuse_store_request("all", 0, why);
+}
+
 Snapshot ScenarioRun::reinitialise()
 {
     std::string why;
+    drop_refusals();
     for (const bool up : {false, true}) {
         simulation_.set_store_link("all", up, why);
         simulation_.wait(0);

@@ -39,6 +39,7 @@ class ScenarioRun
     bool ensure_started(std::string &why);
     bool start(std::string &why);
     void take_step(const sim::ScenarioStep &step);
+    void drop_refusals();
     uint32_t last_vlan() const;
     Snapshot settled();
 
