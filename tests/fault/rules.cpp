@@ -46,13 +46,6 @@ Ports ports_of(const Snapshot &snapshot, bool only_automatic)
     return ports;
 }
 
-bool is_off(const Snapshot &snapshot)
-{
-    const std::vector<std::string> &lines = snapshot.at("dump_glbal_configure");
-    return std::any_of(lines.begin(), lines.end(),
-                       [](const std::string &line) { return line.find("DISABLE") != std::string::npos; });
-}
-
 // Removes the lines in which the number behind mark is one of the ports, or is none of them.
 void erase_ports(std::vector<std::string> &lines, const std::string &mark, const Ports &ports, bool others = false)
 {
@@ -75,7 +68,8 @@ void clear(Lines &lines, const Snapshot &, const Ports &)
 
 void clear_while_off(Lines &lines, const Snapshot &snapshot, const Ports &)
 {
-    if (is_off(snapshot)) {
+    const Lines &settings = snapshot.at("dump_glbal_configure");
+    if (std::ranges::any_of(settings, [](const std::string &line) { return line.find("DISABLE") != line.npos; })) {
         lines.clear();
     }
 }

@@ -122,7 +122,13 @@ Snapshot ScenarioRun::restart()
 Snapshot ScenarioRun::next_calls()
 {
     std::string why;
-    operator_.set_vlan(last_vlan(), true, why);
+    uint32_t last_vlan = 1; // that the scenario has named
+    for (const sim::ScenarioStep &step : scenario_.steps) {
+        if (step.text.starts_with("vlan ")) {
+            last_vlan = static_cast<uint32_t>(step.command.args["VLAN"].number);
+        }
+    }
+    operator_.set_vlan(last_vlan, true, why);
     simulation_.wait(silence_us);
     for (const sim::ScenarioStep &step : scenario_.steps) {
         if (step.text.starts_with("play ")) {
@@ -130,18 +136,6 @@ Snapshot ScenarioRun::next_calls()
         }
     }
     return settled();
-}
-
-// The voice VLAN that the scenario has named last.
-uint32_t ScenarioRun::last_vlan() const
-{
-    uint32_t vlan = 1;
-    for (const sim::ScenarioStep &step : scenario_.steps) {
-        if (step.text.starts_with("vlan ")) {
-            vlan = static_cast<uint32_t>(step.command.args["VLAN"].number);
-        }
-    }
-    return vlan;
 }
 
 Snapshot ScenarioRun::settled()

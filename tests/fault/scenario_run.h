@@ -40,7 +40,6 @@ class ScenarioRun
     bool start(std::string &why);
     void take_step(const sim::ScenarioStep &step);
     void drop_refusals();
-    uint32_t last_vlan() const;
     Snapshot settled();
 
     const sim::Scenario &scenario_;

@@ -5,6 +5,7 @@
 #include "tests/fault/snapshot.h"
 
 #include "platform/mom/store.h"
+#include "tests/support/message_text.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -33,9 +34,7 @@ constexpr struct {
 constexpr const char *listings[] = {"dump_glbal_configure", "dump_all_oui", "dump_all_port", "dump_all_mac",
                                     "dump_recover_entry"};
 
-class Deaf final : public mom::SessionEvents
-{
-  public:
+struct Deaf final : mom::SessionEvents {
     void link_lost(uint32_t) override {}
     void link_back(uint32_t, bool) override {}
     void changed(const mom::Change &) override {}
@@ -43,13 +42,7 @@ class Deaf final : public mom::SessionEvents
 
 std::string hexadecimal(const std::string &bytes)
 {
-    std::string text;
-    for (const char byte : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(byte));
-        text += digits;
-    }
-    return text;
+    return test::to_hex(reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
 }
 
 std::string object_text(const mom::Object &object)
@@ -71,9 +64,7 @@ void add_objects(host::Switch &network_switch, Snapshot &snapshot)
         if (session->connect_now(row.db) != 0 || session->scan_now(row.db, row.type, objects) != 0) {
             lines.emplace_back("cannot be read");
         }
-        for (const mom::Object &object : objects) {
-            lines.push_back(object_text(object));
-        }
+        std::transform(objects.begin(), objects.end(), std::back_inserter(lines), object_text);
     }
 }
 

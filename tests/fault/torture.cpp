@@ -64,11 +64,8 @@ class Torture
         report_ = static_cast<Report *>(shared);
     }
 
-    // False where the scenario cannot be run at all.
+    // Prints what came of it. False after a failure, or where the scenario cannot be run at all.
     bool run();
-
-    size_t points() const { return points_; }
-    size_t failures() const { return failures_; }
 
   private:
     bool play_with_faults(const sim::Scenario &scenario, const sim::SimOptions &sim_options,
@@ -225,7 +222,8 @@ bool Torture::run()
         mine->concluded = true;
         std::exit(0); // leaks are looked for on the way out
     }
-    return played;
+    std::fprintf(options_.terminal, "bar torture.points %zu\nbar torture.failures %zu\n", points_, failures_);
+    return played && failures_ == 0;
 }
 
 // Returns in the parent, and in each child that is still alive.
@@ -298,9 +296,5 @@ int main(int argc, char **argv)
 {
     vvl::fault::Options options = vvl::fault::read_options(argc, argv);
     vvl::fault::redirect_output(options);
-    vvl::fault::Torture torture(options);
-    const bool complete = torture.run();
-    std::fprintf(options.terminal, "bar torture.points %zu\nbar torture.failures %zu\n", torture.points(),
-                 torture.failures());
-    return complete && torture.failures() == 0 ? 0 : 1;
+    return vvl::fault::Torture(options).run() ? 0 : 1;
 }

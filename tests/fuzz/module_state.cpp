@@ -37,14 +37,6 @@ void start_module()
     }
 }
 
-void end_subscription()
-{
-    tq_mom_record_t withdrawn = {TQ_MOM_WITHDRAWN, nullptr, TQ_MOM_RECORD, 0};
-    udp_vvlan_mac_subscribe(0);
-    udp_vvlan_mac_subscribe_callback(&platform().global, &withdrawn, nullptr); // of the one just ended
-    udp_vvlan_mac_subscribe_callback(&platform().global, &withdrawn, nullptr); // of the one registered
-}
-
 template <typename Visit> void for_each_oui(Visit visit)
 {
     for (vvlan_list_t &head : g_udp_vvlan_oui) {
@@ -121,7 +113,10 @@ void reset_module()
     static const bool started = (start_module(), true);
     require(started, "the module is started once");
     platform().faults.clear();
-    end_subscription();
+    tq_mom_record_t withdrawn = {TQ_MOM_WITHDRAWN, nullptr, TQ_MOM_RECORD, 0};
+    udp_vvlan_mac_subscribe(0);
+    udp_vvlan_mac_subscribe_callback(&platform().global, &withdrawn, nullptr); // of the one just ended
+    udp_vvlan_mac_subscribe_callback(&platform().global, &withdrawn, nullptr); // of the one registered
     udp_vvlan_oui_release();
     udp_vvlan_mac_release();
     udp_vvlan_port_release();

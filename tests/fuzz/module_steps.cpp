@@ -97,14 +97,8 @@ int step_debug(ByteReader &in, Records &)
 {
     static void (*const dumps[])() = {udp_vvlan_show_log_level, udp_vvlan_dump_glb_cfg, udp_vvlan_dump_oui,
                                       udp_vvlan_dump_port,      udp_vvlan_dump_all_mac, udp_vvlan_dump_recover_entry};
-    const uint32_t choice = in.below(8);
-    if (choice < std::size(dumps)) {
-        dumps[choice]();
-    } else if (choice == std::size(dumps)) {
-        udp_vvlan_dump_port_mac(static_cast<int>(in.one_of({1, 2, 64})));
-    } else {
-        udp_vvlan_set_zlog_level(static_cast<int>(in.one_of({0, 5})));
-    }
+    dumps[in.below(std::size(dumps))]();
+    udp_vvlan_dump_port_mac(static_cast<int>(in.one_of({1, 2, 64})));
     return 0;
 }
 
@@ -135,24 +129,6 @@ const Row &find_row(std::string_view name, ByteReader &in)
 
 // ---- A run ----
 
-void add_ouis()
-{
-    for (uint8_t maker = 0; maker < 4; maker++) {
-        uint8_t mac[VVLAN_MAC_SIZE] = {0, 0, maker};
-        uint8_t mask[VVLAN_MAC_SIZE] = {0xff, 0xff, 0xff};
-        require(udp_vvlan_oui_add_node(mac, mask) != nullptr, "an OUI is added");
-    }
-}
-
-void add_ports()
-{
-    for (uint32_t ifx = 1; ifx <= 3; ifx++) {
-        const auto port = to_message(p_bridge__vvlan_port_cfg__descriptor,
-                                     "{index{ifx:" + std::to_string(ifx) + "} enable:1 mode:1}");
-        udp_vvlan_handler_set_port_cfg(1, reinterpret_cast<PBridge__VvlanPortCfg *>(port.get()));
-    }
-}
-
 void configure(uint8_t choice)
 {
     g_vvlan_zlog_level = (choice & 8) != 0 ? 5 : 0;
@@ -160,11 +136,15 @@ void configure(uint8_t choice)
         udp_vvlan_add_vid(100);
         udp_vvlan_mac_subscribe(1);
     }
-    if ((choice & 2) != 0) {
-        add_ouis();
+    for (uint8_t maker = 0; (choice & 2) != 0 && maker < 4; maker++) {
+        uint8_t mac[VVLAN_MAC_SIZE] = {0, 0, maker};
+        uint8_t mask[VVLAN_MAC_SIZE] = {0xff, 0xff, 0xff};
+        require(udp_vvlan_oui_add_node(mac, mask) != nullptr, "an OUI is added");
     }
-    if ((choice & 4) != 0) {
-        add_ports();
+    for (uint32_t ifx = 1; (choice & 4) != 0 && ifx <= 3; ifx++) {
+        const auto port = to_message(p_bridge__vvlan_port_cfg__descriptor,
+                                     "{index{ifx:" + std::to_string(ifx) + "} enable:1 mode:1}");
+        udp_vvlan_handler_set_port_cfg(1, reinterpret_cast<PBridge__VvlanPortCfg *>(port.get()));
     }
 }
 
@@ -183,13 +163,6 @@ void prepare_platform(uint8_t choice)
     platform().stored = (choice & 1) != 0 ? &join.base : nullptr;
 }
 
-void check_refusal(const std::vector<uint64_t> &before)
-{
-    require(module_values() == before, "a refused record changes no state");
-    std::erase_if(platform().lines, [](const std::string &line) { return line.starts_with("ddm."); });
-    require(platform().lines.empty(), "a refused record asks neither the store nor the plane for anything");
-}
-
 } // namespace
 
 void run_module(std::string_view name, std::span<const uint8_t> input)
@@ -206,7 +179,9 @@ void run_module(std::string_view name, std::span<const uint8_t> input)
         check_module();
         require(platform().objects_live == 0, "what the plane hands out is given back");
         if (row.decoder && (rv == VVLAN_E_INVALID || rv == VVLAN_E_UNHANDLED)) {
-            check_refusal(before);
+            require(module_values() == before, "a refused record changes no state");
+            std::erase_if(platform().lines, [](const std::string &line) { return line.starts_with("ddm."); });
+            require(platform().lines.empty(), "a refused record asks neither the store nor the plane for anything");
         }
     }
 }

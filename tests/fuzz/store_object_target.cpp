@@ -1,6 +1,8 @@
 // Stored objects with any bytes on their way to a subscriber: one that cannot
 // be built is counted and skipped, one that can be is a message that packs
-// again. A keyless object taken apart into fields and joined is the same.
+// again. A keyless object taken apart into fields and joined is the same. A text
+// that is read as a key is the text that this key is written as, and any object's
+// key is read back as the same key.
 #include "platform/base/log.h"
 #include "platform/mom/delivery.h"
 #include "tests/fuzz/byte_reader.h"
@@ -32,6 +34,24 @@ void deliver(mom::Delivery &delivery, const mom::ObjectType &type, const mom::Ob
     }
 }
 
+void read_key(ByteReader &in)
+{
+    const mom::ObjectType &type = *mom::find_type(keyed[in.u8() % std::size(keyed)]);
+    const std::string text = in.text();
+    const mom::MessagePtr object = mom::decode_key(type, text);
+    std::string again;
+    require(!object || (mom::encode_key(type, *object, again) && again == text), "a text and its key are one to one");
+}
+
+void check_key(const mom::ObjectType &type, const ProtobufCMessage &object, const std::string &key)
+{
+    require(key.size() <= mom::key_size_max, "a key is not longer than the limit");
+    const mom::MessagePtr read = mom::decode_key(type, key);
+    std::string again;
+    require(read && mom::encode_key(type, *read, again) && again == key, "a key is read back");
+    require(mom::Match(type, object, TQ_MOM_MATCH_FIELDS).matches(object), "an object matches itself");
+}
+
 void deliver_keyed(ByteReader &in)
 {
     mom::Delivery delivery(nullptr, "fuzz");
@@ -42,6 +62,7 @@ void deliver_keyed(ByteReader &in)
     // The same under its own key, where it has one: that one is not skipped.
     const mom::MessagePtr message = mom::unpack(type, object.value.bytes);
     if (message && mom::encode_key(type, *message, object.key)) {
+        check_key(type, *message, object.key);
         deliver(delivery, type, object);
         require(delivery.counters.delivered != 0, "an object under its own key is delivered");
     }
@@ -76,10 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     using namespace vvl::test;
     static const auto quiet = vvl::set_log_sink([](vvl::LogLevel, const std::string &) {});
     ByteReader in({data, size});
-    if (in.flag()) {
-        deliver_keyed(in);
-    } else {
-        deliver_keyless(in);
-    }
+    static constexpr void (*steps[])(ByteReader &) = {deliver_keyless, deliver_keyed, read_key};
+    steps[in.below(std::size(steps))](in);
     return 0;
 }

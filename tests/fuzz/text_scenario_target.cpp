@@ -2,12 +2,18 @@
 // nothing, or what it returns are commands in the order of the file.
 #include "platform/operator/script.h"
 #include "platform/sim/runner.h"
-#include "tests/fuzz/memory_file.h"
+#include "tests/fuzz/byte_reader.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     using namespace vvl::test;
-    const std::string path = memory_file({data, size});
+    static const int file = memfd_create("fuzz", MFD_CLOEXEC); // the parser takes a path
+    require(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size),
+            "the file is written");
+    const std::string path = "/proc/self/fd/" + std::to_string(file);
     vvl::oper::Grammar grammar = vvl::sim::scenario_grammar();
     vvl::sim::Scenario scenario;
     std::string why;

@@ -12,17 +12,6 @@
 namespace vvl::test
 {
 
-// For exec; the words outlive the list.
-inline std::vector<char *> argument_list(std::vector<std::string> &words)
-{
-    std::vector<char *> list;
-    for (std::string &word : words) {
-        list.push_back(word.data());
-    }
-    list.push_back(nullptr);
-    return list;
-}
-
 class ChildProcess
 {
   public:
@@ -30,7 +19,11 @@ class ChildProcess
     // descriptor that the program gets a copy of; -1 leaves it the test's.
     explicit ChildProcess(std::vector<std::string> words, int error_output = -1)
     {
-        const std::vector<char *> arguments = argument_list(words);
+        std::vector<char *> arguments;
+        for (std::string &word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -121,9 +121,8 @@ constexpr fp_udp_mgr_ops_t manager_ops = {
 
 } // namespace
 
-int fp_udp_register_acl_handler(void *ctx, uint32_t app, const fp_udp_acl_cb_tbl_t *callbacks)
+int fp_udp_register_acl_handler(void *ctx, uint32_t app, const fp_udp_acl_cb_tbl_t *)
 {
-    platform().outcomes = callbacks;
     return platform().call("fp.register " + std::to_string(app) + platform().at(ctx));
 }
 

@@ -110,12 +110,6 @@ int note_cycle(const char *name, void *ctx, uint32_t db, const ProtobufCMessage 
     return note(name, ctx, db, tmpl, with_number("expiry", expiry) + with_number("ow", ow));
 }
 
-int note_end(const char *name, void *ctx, uint32_t db, const ProtobufCMessage *object, uint32_t,
-             tq_mom_callback_t callback, void *user, uint64_t ow)
-{
-    return note_write(name, ctx, db, object, callback, user, ow);
-}
-
 // A step of a connection. What it leaves in the platform is in the row.
 int note_link(const char *name, void *ctx, uint32_t db)
 {
@@ -159,7 +153,6 @@ RECORD(tq_mom_del, "del", note_write);
 RECORD(tq_mom_clear_expire, "clear_expire", note_write);
 RECORD(tq_mom_setow, "setow", note_write);
 RECORD(tq_mom_del_ow, "del_ow", note_write);
-RECORD(tq_mom_dsend_ow, "dsend_ow", note_end);
 RECORD(tq_mom_scan, "scan", note_request);
 RECORD(tq_mom_subscribe, "subscribe", note_request);
 RECORD(tq_mom_unsubscribe, "unsubscribe", note_request);
@@ -167,6 +160,12 @@ RECORD(tq_mom_dsend, "dsend", note_request);
 RECORD(tq_mom_dsbegin_sync, "dsbegin_sync", note_cycle);
 RECORD(tq_mom_dsbegin, "dsbegin", note_cycle);
 RECORD(tq_mom_dsbegin_ow, "dsbegin_ow", note_cycle);
+
+int tq_mom_dsend_ow(void *ctx, uint32_t db, const ProtobufCMessage *object, uint32_t, tq_mom_callback_t callback,
+                    void *user, uint64_t ow)
+{
+    return note_write("dsend_ow", ctx, db, object, callback, user, ow);
+}
 
 ProtobufCMessage *tq_mom_get_sync(void *ctx, uint32_t db, const ProtobufCMessage *key, uint32_t *)
 {

@@ -67,7 +67,6 @@ struct RecordingPlatform {
     tq_thread_func_t timer = nullptr;              // armed last
     std::map<std::string, ssat_handler_t> commands;
     fp_udp_mgr_t manager{};
-    const fp_udp_acl_cb_tbl_t *outcomes = nullptr;
     int objects_live = 0; // ACE and apply objects that were not released
     bool echo = false;    // lines go to standard error too: all that a process leaves that ends
 };

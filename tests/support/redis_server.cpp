@@ -3,12 +3,9 @@
 // it reads its append-only file.
 #include "tests/support/redis_server.h"
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -17,13 +14,6 @@
 
 namespace vvl::test
 {
-namespace
-{
-
-constexpr auto ready_limit = std::chrono::seconds(10);
-
-} // namespace
-
 RedisServer::RedisServer(std::vector<std::string> arguments, const std::vector<std::string> &sentinel)
     : arguments_(std::move(arguments)), is_sentinel_(!sentinel.empty())
 {
@@ -57,7 +47,7 @@ void RedisServer::start()
     words.insert(words.end(), own.begin(), own.end());
     words.insert(words.end(), arguments_.begin(), arguments_.end());
     process_.emplace(std::move(words));
-    const auto end = std::chrono::steady_clock::now() + ready_limit;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (cli({"PING"}) != "PONG\n") {
         if (process_->has_ended() || std::chrono::steady_clock::now() > end) {
             throw std::runtime_error("redis-server: does not answer; see " + folder_ + "/log");
@@ -83,28 +73,20 @@ void RedisServer::proceed()
 
 std::string RedisServer::cli(const std::vector<std::string> &arguments) const
 {
-    std::vector<std::string> words = {"redis-cli", "-s", socket()};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    const std::vector<char *> list = argument_list(words);
-    std::array<int, 2> out{};
-    if (pipe2(out.data(), O_CLOEXEC) != 0) {
-        throw std::runtime_error("redis-cli: no pipe");
+    std::string command = "redis-cli -s " + socket();
+    for (const std::string &argument : arguments) {
+        command += " '" + argument + "'";
     }
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(out[1], STDOUT_FILENO);
-        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
-        execvp(list[0], list.data());
-        _exit(127);
+    std::FILE *out = popen((command + " 2>/dev/null").c_str(), "re");
+    if (out == nullptr) {
+        throw std::runtime_error("redis-cli: cannot be run");
     }
-    close(out[1]);
     std::string text;
     std::array<char, 4096> buffer{};
-    for (ssize_t size = 0; (size = read(out[0], buffer.data(), buffer.size())) > 0;) {
-        text.append(buffer.data(), static_cast<size_t>(size));
+    for (size_t size = 0; (size = std::fread(buffer.data(), 1, buffer.size(), out)) > 0;) {
+        text.append(buffer.data(), size);
     }
-    close(out[0]);
-    waitpid(child, nullptr, 0);
+    pclose(out);
     return text;
 }
 

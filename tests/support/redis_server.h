@@ -31,7 +31,7 @@ class RedisServer
     std::string address() const { return "unix:" + socket(); }
     const std::string &folder() const { return folder_; }
 
-    // Runs redis-cli with these arguments on the server; returns what it prints.
+    // Runs redis-cli with these arguments, none of which has a quote in it, on the server; returns what it prints.
     std::string cli(const std::vector<std::string> &arguments) const;
 
   private:

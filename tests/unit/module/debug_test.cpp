@@ -114,26 +114,20 @@ TEST_F(Debug, LevelCommands)
     EXPECT_EQ(printed("show-zlog-level"), " can't Distinguish !\n");
 }
 
-TEST_F(Debug, DumpOfTheGlobalConfiguration)
+TEST_F(Debug, DumpsOfSettingsOuisMacsAndRecoveryEntries)
 {
     start();
     register_commands();
-    const auto text = [](const char *status, const char *vid, const char *mode) {
+    const auto settings = [](const char *status, const char *vid, const char *mode) {
         return std::string("\n\n  Voice VLAN status        : ") + status + "\n  Voice VLAN ID            : " + vid +
                "\n  Voice VLAN security mode : " + mode +
                "\n  Voice VLAN aging time    : 1440 minutes\n  Voice VLAN cos           : 6\n"
                "  Voice VLAN dscp          : 46\n";
     };
-    EXPECT_EQ(printed("dump_glbal_configure"), text("DISABLE", "0", "Normal"));
+    EXPECT_EQ(printed("dump_glbal_configure"), settings("DISABLE", "0", "Normal"));
     voice_vlan(100);
     cfg().secu_mode = 1;
-    EXPECT_EQ(printed("dump_glbal_configure"), text("ENABLE", "100", "Security"));
-}
-
-TEST_F(Debug, DumpOfOuisByBucketAndThenByAge)
-{
-    start();
-    register_commands();
+    EXPECT_EQ(printed("dump_glbal_configure"), settings("ENABLE", "100", "Security"));
     for (const char *mac : {"0F0000000000", "0A0000000001", "001122FF0000", "0A0000000002"}) {
         set_oui(mac, mask24); // buckets 15, 10, 3, 10
     }
@@ -142,6 +136,21 @@ TEST_F(Debug, DumpOfOuisByBucketAndThenByAge)
                                        "  <02> mac:0A00.0000.0001      mask:FFFF.FF00.0000\n"
                                        "  <03> mac:0A00.0000.0002      mask:FFFF.FF00.0000\n"
                                        "  <04> mac:0F00.0000.0000      mask:FFFF.FF00.0000\n");
+    set_port(5, 1, 1);
+    set_port(6, 1, 1);
+    const std::string ports = printed("dump_all_port");
+    EXPECT_EQ(std::count(ports.begin(), ports.end(), '\n'), 6) << ports;
+    set_mac("0F0000000001", 5);
+    set_mac("0F00000000FE", 5);
+    EXPECT_EQ(printed("dump_port_mac", 5), "\n\n  <00001> mac: 0F00.0000.0001 \n  <00002> mac: 0F00.0000.00FE \n");
+    EXPECT_EQ(printed("dump_port_mac", 7), "\n\nNot Found The Port by ifx=7");
+    set_mac("0F00000000FE", 5, 0);
+    for (int again = 0; again < 2; again++) { // numbered from 1 each time
+        EXPECT_EQ(printed("dump_all_mac"), "\n\n  <00001> mac: 0F00.0000.0001    vid:100    ifx:5\n");
+    }
+    EXPECT_EQ(printed("dump_recover_entry"), "");
+    MODULE(udp_vvlan_add_recover_entry)(9);
+    EXPECT_EQ(printed("dump_recover_entry"), "ifx = 9\n");
 }
 
 TEST_F(Debug, DumpOfPortsWithTheirBits)
@@ -171,23 +180,6 @@ TEST_F(Debug, DumpOfPortsWithTheirBits)
                         "   --------    -------  ---------  -----\n    ifx:   5      ") +
                 row.mode + "  0x105     " + row.status + "   00000120(s)   " + row.end + " 100 \n");
     }
-}
-
-TEST_F(Debug, DumpsOfMacsAndRecoveryEntries)
-{
-    prepare();
-    register_commands();
-    set_mac("021122000001", 5);
-    set_mac("0211220000FE", 5);
-    EXPECT_EQ(printed("dump_port_mac", 5), "\n\n  <00001> mac: 0211.2200.0001 \n  <00002> mac: 0211.2200.00FE \n");
-    EXPECT_EQ(printed("dump_port_mac", 6), "\n\nNot Found The Port by ifx=6");
-    set_mac("0211220000FE", 5, 0);
-    for (int again = 0; again < 2; again++) { // numbered from 1 each time
-        EXPECT_EQ(printed("dump_all_mac"), "\n\n  <00001> mac: 0211.2200.0001    vid:100    ifx:5\n");
-    }
-    EXPECT_EQ(printed("dump_recover_entry"), "");
-    MODULE(udp_vvlan_add_recover_entry)(9);
-    EXPECT_EQ(printed("dump_recover_entry"), "ifx = 9\n");
 }
 
 } // namespace

@@ -70,7 +70,7 @@ TEST_F(Decoders, NullAndFailedAndBareRecords)
     EXPECT_CALLS("");
 }
 
-TEST_F(Decoders, UnexpectedOperationsAreWarnedAbout)
+TEST_F(Decoders, UnexpectedOperationsAndIncompleteMessagesChangeNothing)
 {
     EXPECT_EQ(decode(oui, TQ_MOM_PUBLISH, "{index{mac{data:021122000000} mask{data:ffffff000000}}}"), -20);
     EXPECT_EQ(decode(port_cfg, TQ_MOM_HSET, "{index{ifx:6} enable:1 mode:1}"), -20);
@@ -78,20 +78,14 @@ TEST_F(Decoders, UnexpectedOperationsAreWarnedAbout)
     EXPECT_EQ(decode(recovery, TQ_MOM_PUBLISH, "{index{ifx:6}}"), -20);
     EXPECT_LOGS("", "warn receive a unexpected event. operate=24 . / warn receive a unexpected event. / "
                     "warn receive a unexpected event. operate=3 .");
-    EXPECT_CALLS("");
-}
-
-TEST_F(Decoders, MessagesWithMissingOrShortPartsChangeNothing)
-{
-    for (const char *fields :
-         {"{}", "{index{}}", "{index{mac{data:021122000000}}}", "{index{mask{data:ffffff000000}}}",
-          "{index{mac{data:0211220000} mask{data:ffffff000000}}}", "{index{mac{data:021122000000} mask{data:ff}}}",
-          "{index{mac{data:02112200000000} mask{data:ffffff000000}}}", "{index{mac{data:} mask{data:}}}"}) {
-        EXPECT_EQ(decode(oui, TQ_MOM_SET, fields), -4) << fields;
-        EXPECT_EQ(decode(oui, TQ_MOM_DEL, fields), -4) << fields;
-        EXPECT_NE(logs("error"), "");
-    }
     for (const int32_t operate : {TQ_MOM_SET, TQ_MOM_DEL}) {
+        for (const char *fields :
+             {"{}", "{index{}}", "{index{mac{data:021122000000}}}", "{index{mask{data:ffffff000000}}}",
+              "{index{mac{data:0211220000} mask{data:ffffff000000}}}", "{index{mac{data:021122000000} mask{data:ff}}}",
+              "{index{mac{data:02112200000000} mask{data:ffffff000000}}}", "{index{mac{data:} mask{data:}}}"}) {
+            EXPECT_EQ(decode(oui, operate, fields), -4) << fields;
+            EXPECT_NE(logs("error"), "");
+        }
         EXPECT_EQ(decode(port_cfg, operate, "{enable:1 mode:1}"), -4);
         EXPECT_EQ(decode(recovery, operate, "{}"), -4);
     }
@@ -133,8 +127,14 @@ TEST_F(Decoders, HandlersGetTheOperationAndTheirResultIsPassedOn)
         EXPECT_EQ(decode(noti, operate, "{index{phyid:261}}"), 0);
         EXPECT_EQ(bits(5), "EAJtM") << operate;
     }
-    platform().fail("ddm.ifx_of", -7);
-    EXPECT_EQ(decode(noti, TQ_MOM_SET, "{index{phyid:261}}"), -7);
+    for (const auto &[failing, decoder, operate, message, rv] :
+         {std::tuple{"ddm.ifx_of", noti, TQ_MOM_SET, "{index{phyid:261}}", -7},
+          {"set 4", noti, TQ_MOM_SET, "{index{phyid:261}}", -5},
+          {"del 8", port_cfg, TQ_MOM_DEL, "{index{ifx:5}}", -11}}) {
+        set_bits(5, "EAjTM");
+        platform().fail(failing, rv);
+        EXPECT_EQ(decode(decoder, operate, message), rv) << failing;
+    }
 }
 
 TEST_F(Decoders, HashSetAppliesTheSubscribedFieldAlone)
@@ -213,7 +213,8 @@ TEST_F(Decoders, JoinObjectsAreReadBackIntoTheRecoveryTable)
         EXPECT_EQ(decode(recovery, TQ_MOM_DEL, "{index{ifx:5}}"), 0);
         EXPECT_EQ(MODULE(udp_vvlan_recover_hash_size)(), 1u);
     }
-    MODULE(udp_vvlan_recover_db_clear)();
+    EXPECT_EQ(decode(recovery, TQ_MOM_SET, "{index{ifx:5}}"), 0);
+    MODULE(udp_vvlan_recover_db_clear)(); // of two
     EXPECT_EQ(MODULE(udp_vvlan_recover_hash_size)(), 0u);
 }
 

@@ -72,24 +72,6 @@ TEST_F(GlobalConfiguration, FailuresAreReportedAndTheSwitchKept)
                          "error Assert: sub(1) mac addr for voice vlan fail! rv=-5 ");
 }
 
-TEST_F(GlobalConfiguration, AceOfAnOuiThatCannotBeAllocatedIsReportedAtSwitchingOn)
-{
-    start();
-    set_oui(oui_phone, mask24);
-    // The security ACE has the same id and comes first.
-    for (const auto &[made_before, kind] : {std::pair{1, "cos"}, {2, "mvlan"}}) {
-        forget();
-        platform().fail("ace_alloc 1", 1, made_before, 1);
-        EXPECT_EQ(voice_vlan(100), 0);
-        EXPECT_LOGS("error", std::string("error Assert:alloc ace get a (NULL) data. / error Assert:add ") + kind +
-                                 "_ace fail !");
-        const std::string made = calls({"ace_set", "set 4"});
-        EXPECT_EQ(std::count(made.begin(), made.end(), '\n'), made_before) << made;
-        EXPECT_NE(made.find("\nset 4 p_bridge.vvlan_err_event{vid:100}"), std::string::npos);
-        EXPECT_EQ(cfg().enable, 1);
-    }
-}
-
 TEST_F(GlobalConfiguration, SecurityModeIsNormalisedAndRebindsEnabledPorts)
 {
     prepare();
@@ -129,24 +111,6 @@ TEST_F(GlobalConfiguration, AgeTimeKeepsSixteenBitsAndUnknownFieldsAreRefused)
     EXPECT_EQ(set_glb(9, ""), -20);
     EXPECT_LOGS("error", "error  field_tag(9)' operation is not found.");
     EXPECT_CALLS("");
-}
-
-TEST_F(GlobalConfiguration, AnswersOfThePlaneAreLoggedAndChangeNothing)
-{
-    prepare();
-    const fp_udp_acl_cb_tbl_t &answers = *platform().outcomes;
-    const vvlan_acl_desc_t &desc = cfg().cos_acl.desc;
-    answers.acl_success(nullptr, &desc);
-    answers.acl_failed(nullptr, &desc, -3);
-    answers.ace_success(nullptr, &desc, 1ull << 40);
-    answers.ace_failed(nullptr, &desc, 7, -3);
-    answers.apply_success(nullptr, &desc);
-    answers.apply_failed(nullptr, &desc, nullptr, -3);
-    const std::string acl = "acl(id=101, app_type=vvlan_secu_pas_app) ";
-    EXPECT_LOGS("", "info init " + acl + " successfully. / info init " + acl + " failed. err=-3 / info set " + acl +
-                        "ace(1099511627776) successfully. / info set " + acl + "ace(7) failed. err=-3 / info set " +
-                        acl + "apply successfully. / info set " + acl + "apply failed. err=-3");
-    EXPECT_EQ(cfg().cos_acl.created, 1);
 }
 
 } // namespace

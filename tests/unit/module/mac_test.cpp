@@ -92,26 +92,6 @@ TEST_F(Macs, AnotherVlanEndsTheOldSubscriptionWheneverItsWithdrawalArrives)
     EXPECT_EQ(calls({"sub", "unsub"}), of_vid("subscribe", "300")) << "the same VLAN is only subscribed again";
 }
 
-TEST_F(Macs, FailedRegistrationStepIsReturned)
-{
-    const struct {
-        const char *failing;
-        const char *key;
-        tq_mom_record_t record;
-        int rv;
-        size_t made;
-    } rows[] = {{"dsbegin_ow", subscription, established, 0, 1},
-                {"del_ow", subscription, withdrawn, -5, 1},
-                {"setow", cycle, cycle_open, -5, 1},
-                {"scan", cycle, cycle_open, -5, 3}};
-    for (const auto &row : rows) {
-        calls();
-        platform().fail(row.failing, -5);
-        EXPECT_EQ(deliver(row.key, row.record), row.rv) << row.failing;
-        EXPECT_EQ(platform().lines.size(), row.made) << row.failing;
-    }
-}
-
 TEST_F(Macs, WithdrawalThatNeverCameIsNotTakenForALaterOne)
 {
     voice_vlan(100, 0); // is not answered

@@ -121,23 +121,6 @@ TEST_F(Oui, ExhaustedAceIdsRefuseTheOui)
     EXPECT_EQ(ace_id(oui_phone, mask24), 77u);
 }
 
-TEST_F(Oui, OuisBeyondTheAceIdsAreNotMatchedPastTheEndOfTheSpans)
-{
-    int matched = 0;
-    for (uint8_t i = 1; i <= 128; i++) {
-        if (i == 128) {
-            MODULE(udp_vvlan_free_ace_id)(1); // an id given back while its OUI stays
-        }
-        ASSERT_NE(MODULE(udp_vvlan_oui_add_node)(bytes(numbered(i)).data(), bytes(mask24).data()), nullptr);
-    }
-    for (uint8_t i = 1; i <= 128; i++) {
-        matched += match(numbered(i)) == mask24;
-    }
-    EXPECT_EQ(matched, 127);
-    EXPECT_NE(ace_id(numbered(127), mask24), 0u);
-    EXPECT_EQ(match(numbered(127)), "none") << "the last of the last bucket";
-}
-
 TEST_F(Oui, FailedStepKeepsTheOui)
 {
     voice_vlan(100);

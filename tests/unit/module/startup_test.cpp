@@ -38,14 +38,6 @@ class Startup : public ModuleTest
     void disconnect(uint32_t db) { platform().disconnect_cb(&platform().global, db); }
 };
 
-TEST_F(Startup, NullContextIsRefusedAndTheStoredOneKept)
-{
-    open();
-    EXPECT_EQ(MODULE(udp_vvlan_global_init)(nullptr), -4);
-    EXPECT_EQ(MODULE(g_udp_vvlan_global), &platform().global);
-    EXPECT_LOGS("", "error Assert:<init> udp_vvlan_global_init failed.");
-}
-
 TEST_F(Startup, HookConnectsInOrderAndFourthDistinctDatabaseInitialisesInAnyOrder)
 {
     begin();
@@ -168,9 +160,12 @@ TEST_F(Startup, FailedInitialisationRunsEveryStepAndEndsTheProcessWithTheOredCod
                 "error <exit> init udp vvlan failed, rv = 51.\n$");
 }
 
-TEST_F(Startup, UnknownDatabaseIsReportedAndCompletesNothing)
+TEST_F(Startup, NullContextAndUnknownDatabaseAreReportedAndChangeNothing)
 {
     start();
+    EXPECT_EQ(MODULE(udp_vvlan_global_init)(nullptr), -4);
+    EXPECT_EQ(MODULE(g_udp_vvlan_global), &platform().global);
+    EXPECT_LOGS("", "error Assert:<init> udp_vvlan_global_init failed.");
     uint32_t unknown = 99;
     platform().disconnect_cb(&platform().global, 6);
     logs();
