@@ -93,6 +93,19 @@ struct PlanePort {
     uint16_t pvid = 1;          // VLAN of untagged frames, 1 to 4094
     bool uplink = false;        // towards the network rather than a device
     std::string interface = {}; // network interface; not used by a plane in this process
+    uint32_t ifx = 0;           // the operator's number of the port, for messages
+};
+
+// "port 1 (eth1)", as the operator knows it; without its interface where it has none.
+inline std::string name_of(const PlanePort &port)
+{
+    return "port " + std::to_string(port.ifx) + (port.interface.empty() ? "" : " (" + port.interface + ")");
+}
+
+enum class PortHealth {
+    served,     // the plane gets all frames of the port
+    restored,   // it did not, and does again
+    not_served, // somebody else is in the way
 };
 
 struct PortCounters {
@@ -124,6 +137,19 @@ class DataPlane : public Plane
     // The port's interface is gone: its addresses are forgotten. What is bound
     // to the port stays, for when the interface is back by add_port().
     virtual void remove_port(uint32_t phyid) { static_cast<void>(phyid); }
+
+    // The switch has these ports and no others: what an earlier agent left of
+    // another port is taken away. Before add_port(), by the agent alone.
+    virtual void keep_only(std::span<const PlanePort> ports) { static_cast<void>(ports); }
+
+    // Looks whether the plane still gets the frames of a port that was added, and
+    // puts back what somebody has taken away. what: what happened, or is in the way.
+    virtual PortHealth look_after(uint32_t phyid, std::string &what)
+    {
+        static_cast<void>(phyid);
+        static_cast<void>(what);
+        return PortHealth::served;
+    }
 
     virtual PortCounters counters(uint32_t phyid) const = 0; // zero for an unknown port
 };

@@ -3,6 +3,7 @@
 
 #ifdef VVLAN_HAS_EBPF
 #    include "platform/fp/ebpf/counters.h"
+#    include "platform/fp/ebpf/leave.h"
 #    include "platform/fp/ebpf/plane_ebpf.h"
 #endif
 #include "platform/fp/soft/plane_soft.h"
@@ -12,8 +13,11 @@ namespace vvl::host
 
 #ifdef VVLAN_HAS_EBPF
 
-static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &loop, const fp::EbpfOptions &options, std::string &why)
+static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &loop, const HostConfig &config, std::string &why)
 {
+    fp::EbpfOptions options = config.ebpf;
+    options.is_agent = config.network.has_agent;
+    options.is_sides = config.network.has_sides;
     return fp::EbpfPlane::open(loop, options, why);
 }
 
@@ -42,7 +46,7 @@ bool count_ebpf(const fp::EbpfOptions &options, std::vector<std::string> &report
 
 static constexpr const char *without_ebpf = "this vvland was built without the eBPF plane";
 
-static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &, const fp::EbpfOptions &, std::string &why)
+static std::unique_ptr<fp::DataPlane> open_ebpf(Loop &, const HostConfig &, std::string &why)
 {
     why = without_ebpf;
     return nullptr;
@@ -81,7 +85,7 @@ bool plane_has_interfaces(const HostConfig &config)
 
 std::unique_ptr<fp::DataPlane> make_plane(const HostConfig &config, Loop &loop, std::string &why)
 {
-    return config.plane == PlaneKind::ebpf ? open_ebpf(loop, config.ebpf, why) : std::make_unique<fp::SoftPlane>(loop);
+    return config.plane == PlaneKind::ebpf ? open_ebpf(loop, config, why) : std::make_unique<fp::SoftPlane>(loop);
 }
 
 } // namespace vvl::host

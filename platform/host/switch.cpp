@@ -10,6 +10,7 @@
 #include "platform/sides/packet_side.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace vvl::host
 {
@@ -56,6 +57,9 @@ struct Switch::Impl {
         : config(std::move(c)), loop(l), store(std::move(s)), plane(std::move(p)), manager(*plane, l),
           ids(port_ids(config.ports)), agent(l, *store, manager, ids, config.module)
     {
+        if (config.has_agent) {
+            keep_ports();
+        }
         if (config.ports_follow_interfaces) {
             return;
         }
@@ -67,10 +71,19 @@ struct Switch::Impl {
         }
     }
 
-    bool attach(const SwitchPort &port, std::string &why)
+    static fp::PlanePort plane_port(const SwitchPort &port)
     {
-        return plane->add_port({port.phyid, port.pvid, port.uplink, port.interface}, why);
+        return {port.phyid, port.pvid, port.uplink, port.interface, port.ifx};
     }
+
+    void keep_ports()
+    {
+        std::vector<fp::PlanePort> ports;
+        std::transform(config.ports.begin(), config.ports.end(), std::back_inserter(ports), plane_port);
+        plane->keep_only(ports);
+    }
+
+    bool attach(const SwitchPort &port, std::string &why) { return plane->add_port(plane_port(port), why); }
 
     const SwitchConfig config;
     Loop &loop;

@@ -11,9 +11,12 @@
 #include <linux/rtnetlink.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <optional>
+#include <utility>
 
 namespace vvl::sides
 {
@@ -154,8 +157,9 @@ bool read_list(mnl_socket *socket, LinkList &list, std::string &why)
 
 } // namespace
 
-LinkWatch::LinkWatch(Loop &loop, const std::vector<std::string> &interfaces, Changed changed)
-    : loop_(loop), changed_(std::move(changed))
+LinkWatch::LinkWatch(Loop &loop, const std::vector<std::string> &interfaces, Changed changed,
+                     FiltersChanged filters_changed)
+    : loop_(loop), changed_(std::move(changed)), filters_changed_(std::move(filters_changed))
 {
     for (const std::string &interface : interfaces) {
         states_.emplace(interface, LinkState{});
@@ -179,10 +183,12 @@ bool LinkWatch::start(std::string &why)
     if (events_ == nullptr) {
         return false;
     }
-    int group = RTNLGRP_LINK;
-    if (mnl_socket_setsockopt(events_.get(), NETLINK_ADD_MEMBERSHIP, &group, sizeof(group)) < 0) {
-        why = reason_of("cannot subscribe to events");
-        return false;
+    for (int group : {int{RTNLGRP_LINK}, int{RTNLGRP_TC}}) {
+        const bool is_wanted = group == RTNLGRP_LINK || filters_changed_;
+        if (is_wanted && mnl_socket_setsockopt(events_.get(), NETLINK_ADD_MEMBERSHIP, &group, sizeof(group)) < 0) {
+            why = reason_of("cannot subscribe to events");
+            return false;
+        }
     }
     watch_ = loop_.watch_fd(mnl_socket_get_fd(events_.get()), fd_readable, [this](unsigned) { read_events(); });
     return query_all(why);
@@ -202,6 +208,8 @@ void LinkWatch::take(std::span<const uint8_t> datagram)
             counters_.refused++;
         } else if (link) {
             apply(*link);
+        } else {
+            note_filters(message);
         }
     });
     if (!is_whole) {
@@ -222,6 +230,12 @@ LinkWatch::Socket LinkWatch::open_socket(int flags, std::string &why)
 }
 
 void LinkWatch::read_events()
+{
+    read_datagrams();
+    tell_of_filters();
+}
+
+void LinkWatch::read_datagrams()
 {
     Buffer buffer;
     for (int i = 0; i < link_events_per_turn_max; i++) {
@@ -297,6 +311,28 @@ void LinkWatch::apply(const LinkMessage &link)
     }
     if (link.present && states_.contains(link.name)) {
         set(link.name, {link.ifindex, link.up});
+    }
+}
+
+void LinkWatch::note_filters(const nlmsghdr *message)
+{
+    constexpr uint16_t types[] = {RTM_NEWQDISC, RTM_DELQDISC, RTM_NEWTFILTER, RTM_DELTFILTER, RTM_DELCHAIN};
+    if (!filters_changed_ || std::find(std::begin(types), std::end(types), message->nlmsg_type) == std::end(types) ||
+        mnl_nlmsg_get_payload_len(message) < sizeof(tcmsg)) {
+        return;
+    }
+    tcmsg info;
+    std::memcpy(&info, mnl_nlmsg_get_payload(message), sizeof(info));
+    const auto known = by_ifindex_.find(static_cast<uint32_t>(info.tcm_ifindex));
+    if (known != by_ifindex_.end()) {
+        noted_.insert(known->second);
+    }
+}
+
+void LinkWatch::tell_of_filters()
+{
+    for (const std::string &interface : std::exchange(noted_, {})) {
+        filters_changed_(interface);
     }
 }
 

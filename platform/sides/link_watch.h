@@ -18,11 +18,13 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
 
 struct mnl_socket;
+struct nlmsghdr;
 
 namespace vvl::sides
 {
@@ -50,8 +52,13 @@ class LinkWatch
     // Called for each change. Must not destroy the watch.
     using Changed = std::function<void(const std::string &interface, const LinkState &state)>;
 
+    // Called after queue disciplines or filters of an interface have changed, once
+    // for many changes; some calls may be missing. Must not destroy the watch.
+    using FiltersChanged = std::function<void(const std::string &interface)>;
+
     // The loop outlives the watch. Nothing is watched before start().
-    LinkWatch(Loop &loop, const std::vector<std::string> &interfaces, Changed changed);
+    LinkWatch(Loop &loop, const std::vector<std::string> &interfaces, Changed changed,
+              FiltersChanged filters_changed = {});
     ~LinkWatch();
 
     LinkWatch(const LinkWatch &) = delete;
@@ -79,15 +86,20 @@ class LinkWatch
     static Socket open_socket(int flags, std::string &why);
 
     void read_events();
+    void read_datagrams();
     bool query_all(std::string &why);
     void query_again();
     void replace_all(const std::vector<LinkMessage> &links);
     void apply(const LinkMessage &link);
+    void note_filters(const nlmsghdr *message);
+    void tell_of_filters();
     void set(const std::string &interface, const LinkState &state);
 
     Loop &loop_;
     Changed changed_;
-    std::map<std::string, LinkState> states_;    // of every watched name
+    FiltersChanged filters_changed_;          // may be empty
+    std::set<std::string> noted_;             // interfaces whose filters have changed; told of when the socket is empty
+    std::map<std::string, LinkState> states_; // of every watched name
     std::map<uint32_t, std::string> by_ifindex_; // the watched names that have an interface
     Socket events_;
     LoopId watch_ = 0;

@@ -1,18 +1,16 @@
-// A program of ours is recognised by its number where it is pinned, and by its
-// name otherwise; to ask for the name takes CAP_SYS_ADMIN. Another program that
-// has our place in the filters' order stays there.
+// A program of ours is recognised by the name of its filter, which libbpf makes of
+// the program's name when it attaches it. The filter has it whatever has become of
+// the pins and the agent since, and everybody may read it; to ask the program
+// itself takes CAP_SYS_ADMIN. Another program that has our place in the filters'
+// order stays there.
 #include "platform/fp/ebpf/attach.h"
 
+#include "platform/fp/ebpf/filters.h"
+
 #include <algorithm>
-#include <array>
-#include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <cerrno>
-#include <cstring>
-#include <libmnl/libmnl.h>
 #include <linux/pkt_sched.h>
-#include <linux/rtnetlink.h>
-#include <memory>
 
 namespace vvl::fp
 {
@@ -21,15 +19,17 @@ namespace
 
 struct Direction {
     bpf_tc_attach_point point;
+    uint32_t parent; // the handle of the hook
     const char *word;
-    const char *program; // its name in the kernel
+    const char *filter_name; // how the name of its filter begins
     UniqueFd KernelSide::*fd;
 };
 
 constexpr Direction directions[] = {
-    {BPF_TC_INGRESS, "ingress", "vvlan_ingress", &KernelSide::ingress},
-    {BPF_TC_EGRESS, "egress", "vvlan_egress", &KernelSide::egress},
+    {BPF_TC_INGRESS, TC_H_MAKE(TC_H_CLSACT, TC_H_MIN_INGRESS), "ingress", "vvlan_ingress:", &KernelSide::ingress},
+    {BPF_TC_EGRESS, TC_H_MAKE(TC_H_CLSACT, TC_H_MIN_EGRESS), "egress", "vvlan_egress:", &KernelSide::egress},
 };
+constexpr auto both_points = static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS);
 
 bpf_tc_hook hook_of(unsigned ifindex, bpf_tc_attach_point point)
 {
@@ -51,44 +51,57 @@ bpf_tc_opts our_place()
 
 enum class Occupant { nobody, ours, stranger };
 
-// Who stands at our place; program_id: of what stands there.
-Occupant occupant_of(unsigned ifindex, const KernelSide &side, const Direction &direction, uint32_t &program_id)
+// A hook of an interface, as far as our place in it is concerned.
+struct Hook {
+    Occupant occupant = Occupant::nobody; // of our place
+    uint32_t program_id = 0;              // of the occupant
+    std::string in_front;                 // a filter that frames pass before; empty: none
+};
+
+bool look_at_hook(unsigned ifindex, const Direction &direction, Hook &hook, std::string &why)
 {
-    const bpf_tc_hook hook = hook_of(ifindex, direction.point);
-    bpf_tc_opts options = our_place();
-    if (bpf_tc_query(&hook, &options) != 0) {
-        return Occupant::nobody;
+    std::vector<Filter> filters;
+    if (!list_filters(ifindex, direction.parent, filters, why)) {
+        return false;
     }
-    program_id = options.prog_id;
-    if (std::ranges::find(side.program_ids, program_id) != side.program_ids.end()) {
-        return Occupant::ours;
+    for (const Filter &filter : filters) {
+        const bool has_our_priority = filter.priority == VV_FILTER_PRIORITY;
+        if (has_our_priority && hook.occupant != Occupant::ours) { // one priority is of one kind of filters
+            const bool is_ours = filter.handle == VV_FILTER_HANDLE && filter.name.starts_with(direction.filter_name);
+            hook.occupant = is_ours ? Occupant::ours : Occupant::stranger;
+            hook.program_id = filter.program_id;
+        }
+        if (filter.priority < VV_FILTER_PRIORITY && hook.in_front.empty()) {
+            hook.in_front = filter.kind + " filter with priority " + std::to_string(filter.priority);
+        }
     }
-    const UniqueFd fd(bpf_prog_get_fd_by_id(program_id));
-    bpf_prog_info info{};
-    uint32_t size = sizeof info;
-    if (!fd || bpf_obj_get_info_by_fd(fd.get(), &info, &size) != 0) {
-        return Occupant::stranger;
-    }
-    return std::strcmp(info.name, direction.program) == 0 ? Occupant::ours : Occupant::stranger;
+    return true;
+}
+
+std::string place_is_taken(const Direction &direction)
+{
+    return std::string("another program has the filter ") + direction.word + " priority " +
+           std::to_string(VV_FILTER_PRIORITY) + " already";
 }
 
 bool attach_one(unsigned ifindex, const KernelSide &side, const Direction &direction, std::string &why)
 {
-    uint32_t attached = 0;
+    Hook found;
     const int fd = (side.*direction.fd).get();
-    const Occupant occupant = occupant_of(ifindex, side, direction, attached);
-    if (occupant == Occupant::stranger) {
-        why = std::string("another program has the filter ") + direction.word + " priority " +
-              std::to_string(VV_FILTER_PRIORITY) + " already";
+    if (!look_at_hook(ifindex, direction, found, why)) {
         return false;
     }
-    if (occupant == Occupant::ours && attached == id_of_program(fd)) {
+    if (found.occupant == Occupant::stranger) {
+        why = place_is_taken(direction);
+        return false;
+    }
+    if (found.occupant == Occupant::ours && found.program_id == id_of_program(fd)) {
         return true;
     }
     const bpf_tc_hook hook = hook_of(ifindex, direction.point);
     bpf_tc_opts options = our_place();
     options.prog_fd = fd;
-    options.flags = occupant == Occupant::ours ? BPF_TC_F_REPLACE : 0;
+    options.flags = found.occupant == Occupant::ours ? BPF_TC_F_REPLACE : 0;
     const int rv = bpf_tc_attach(&hook, &options);
     if (rv != 0) {
         why = std::string("the ") + direction.word + " program cannot be attached: " + error_text(rv);
@@ -96,51 +109,21 @@ bool attach_one(unsigned ifindex, const KernelSide &side, const Direction &direc
     return rv == 0;
 }
 
-struct SocketEnd {
-    void operator()(mnl_socket *socket) const { mnl_socket_close(socket); }
-};
-
-// Whether filters stand at a hook of the interface; true also where that cannot be told.
-bool has_filters(unsigned ifindex, uint32_t parent)
-{
-    const std::unique_ptr<mnl_socket, SocketEnd> socket(mnl_socket_open(NETLINK_ROUTE));
-    std::array<char, 16384> buffer{};
-    nlmsghdr *request = mnl_nlmsg_put_header(buffer.data());
-    request->nlmsg_type = RTM_GETTFILTER;
-    request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    auto *query = static_cast<tcmsg *>(mnl_nlmsg_put_extra_header(request, sizeof(tcmsg)));
-    query->tcm_ifindex = static_cast<int>(ifindex);
-    query->tcm_parent = parent;
-    if (socket == nullptr || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0 ||
-        mnl_socket_sendto(socket.get(), request, request->nlmsg_len) < 0) {
-        return true;
-    }
-    const auto stop_at_first = [](const nlmsghdr *, void *found) {
-        *static_cast<bool *>(found) = true;
-        return MNL_CB_STOP;
-    };
-    bool found = false;
-    int rv = MNL_CB_OK;
-    while (rv == MNL_CB_OK) {
-        const ssize_t size = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
-        rv = size < 0 ? MNL_CB_ERROR
-                      : mnl_cb_run(buffer.data(), static_cast<size_t>(size), 0, mnl_socket_get_portid(socket.get()),
-                                   stop_at_first, &found);
-    }
-    return found || rv == MNL_CB_ERROR;
-}
-
+// Whether no filter stands at the interface's hooks; false also where that cannot be told.
 bool is_unused(unsigned ifindex)
 {
-    return !has_filters(ifindex, TC_H_MAKE(TC_H_CLSACT, TC_H_MIN_INGRESS)) &&
-           !has_filters(ifindex, TC_H_MAKE(TC_H_CLSACT, TC_H_MIN_EGRESS));
+    std::string ignored;
+    return std::ranges::all_of(directions, [&](const Direction &direction) {
+        std::vector<Filter> filters;
+        return list_filters(ifindex, direction.parent, filters, ignored) && filters.empty();
+    });
 }
 
 } // namespace
 
 bool attach_programs(unsigned ifindex, const KernelSide &side, bool &made_clsact, std::string &why)
 {
-    bpf_tc_hook both = hook_of(ifindex, static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS));
+    bpf_tc_hook both = hook_of(ifindex, both_points);
     const int rv = bpf_tc_hook_create(&both);
     if (rv != 0 && rv != -EEXIST) {
         why = "no clsact queue discipline can be made: " + error_text(rv);
@@ -151,7 +134,7 @@ bool attach_programs(unsigned ifindex, const KernelSide &side, bool &made_clsact
         if (!attach_one(ifindex, side, direction, why)) {
             std::string ignored;
             if (made_clsact) {
-                detach_programs(ifindex, side, true, ignored);
+                detach_programs(ifindex, true, ignored);
             }
             return false;
         }
@@ -159,12 +142,52 @@ bool attach_programs(unsigned ifindex, const KernelSide &side, bool &made_clsact
     return true;
 }
 
-Detached detach_programs(unsigned ifindex, const KernelSide &side, bool made_clsact, std::string &why)
+Standing look_at_programs(unsigned ifindex, const KernelSide &side, std::string &what)
+{
+    Standing standing = Standing::complete;
+    for (const Direction &direction : directions) {
+        Hook hook;
+        if (!look_at_hook(ifindex, direction, hook, what)) {
+            return Standing::blocked;
+        }
+        if (hook.occupant == Occupant::stranger) {
+            what = place_is_taken(direction);
+            return Standing::blocked;
+        }
+        const bool is_there = hook.occupant == Occupant::ours;
+        if (!is_there || hook.program_id != id_of_program((side.*direction.fd).get())) {
+            what = std::string("the ") + direction.word + " program is " + (is_there ? "another version" : "missing");
+            standing = Standing::lost;
+        } else if (!hook.in_front.empty() && standing == Standing::complete) {
+            what = "a " + hook.in_front + " comes before the " + direction.word + " program";
+            standing = Standing::blocked;
+        }
+    }
+    return standing;
+}
+
+std::vector<uint32_t> programs_at(unsigned ifindex)
+{
+    std::vector<uint32_t> ids;
+    for (const Direction &direction : directions) {
+        Hook hook;
+        std::string ignored;
+        if (look_at_hook(ifindex, direction, hook, ignored) && hook.occupant == Occupant::ours) {
+            ids.push_back(hook.program_id);
+        }
+    }
+    return ids;
+}
+
+Detached detach_programs(unsigned ifindex, bool made_clsact, std::string &why)
 {
     Detached result = Detached::nothing;
     for (const Direction &direction : directions) {
-        uint32_t attached = 0;
-        if (occupant_of(ifindex, side, direction, attached) != Occupant::ours) {
+        Hook found;
+        if (!look_at_hook(ifindex, direction, found, why)) {
+            return Detached::failed;
+        }
+        if (found.occupant != Occupant::ours) {
             continue;
         }
         const bpf_tc_hook hook = hook_of(ifindex, direction.point);
@@ -176,7 +199,7 @@ Detached detach_programs(unsigned ifindex, const KernelSide &side, bool made_cls
         result = Detached::programs;
     }
     if (made_clsact && is_unused(ifindex)) {
-        bpf_tc_hook both = hook_of(ifindex, static_cast<bpf_tc_attach_point>(BPF_TC_INGRESS | BPF_TC_EGRESS));
+        bpf_tc_hook both = hook_of(ifindex, both_points);
         if (bpf_tc_hook_destroy(&both) == 0) {
             result = Detached::programs_and_clsact;
         }

@@ -1,6 +1,8 @@
 #include "platform/fp/ebpf/counters.h"
 
 #include "platform/fp/ace.h"
+#include "platform/fp/ebpf/attach.h"
+#include "platform/fp/ebpf/states.h"
 
 #include <array>
 #include <bpf/bpf.h>
@@ -43,9 +45,7 @@ std::string port_line(const KernelSide &side, uint32_t index)
 {
     const vv_port &port = side.shared().ports[index];
     const vv_port_counters counters = read_port_counters(side, index);
-    std::array<char, IF_NAMESIZE> name{"-"};
-    if_indextoname(port.ifindex, name.data());
-    std::string line = "port " + std::to_string(port.phyid) + " (" + name.data() + ")";
+    std::string line = name_of(port);
     const std::pair<const char *, uint64_t> columns[] = {{"in", counters.in},
                                                          {"out", counters.out},
                                                          {"tagged", counters.tagged},
@@ -57,6 +57,15 @@ std::string port_line(const KernelSide &side, uint32_t index)
         line += std::string(", ") + std::to_string(count) + " " + word;
     }
     return line + addresses_text(port.others, port.voice);
+}
+
+// Why the port is not served; empty where it is, or waits for its interface. The
+// interfaces are those of this network namespace.
+std::string trouble_of(const KernelSide &side, const vv_port &port)
+{
+    const unsigned ifindex = if_nametoindex(port.interface);
+    std::string what;
+    return ifindex == 0 || look_at_programs(ifindex, side, what) == Standing::complete ? "" : what;
 }
 
 } // namespace
@@ -86,9 +95,16 @@ bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report,
         }
         return false;
     }
+    const bool is_here = network_of_pins(options.pin_folder) == this_network();
     for (uint32_t index = 0; index < VV_PORTS_MAX; index++) {
-        if (side.shared().ports[index].flags & VV_PORT_USED) {
-            report.push_back(port_line(side, index));
+        const vv_port &port = side.shared().ports[index];
+        if (!is_configured(port)) {
+            continue;
+        }
+        report.push_back(port_line(side, index));
+        if (const std::string trouble = is_here ? trouble_of(side, port) : ""; !trouble.empty()) {
+            report.back() += ", not served: " + trouble;
+            why += (why.empty() ? "not served: " : ", ") + name_of(port);
         }
     }
     report.push_back("all ports" + addresses_text(side.shared().others, side.shared().voice));
@@ -101,7 +117,7 @@ bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report,
             }
         }
     }
-    return true;
+    return why.empty();
 }
 
 } // namespace vvl::fp

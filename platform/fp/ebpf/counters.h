@@ -20,7 +20,8 @@ PortCounters user_counters(const vv_port_counters &counters);
 uint64_t read_ace_counter(const KernelSide &side, Acl acl, uint64_t id);
 
 // The counters of what is pinned, whether or not an agent runs: one line per port,
-// and one per ACE that has acted.
+// and one per ACE that has acted. False too where a port is not served although its
+// interface is there; why names it, and its line the reason.
 bool ebpf_counters(const EbpfOptions &options, std::vector<std::string> &report, std::string &why);
 
 } // namespace vvl::fp

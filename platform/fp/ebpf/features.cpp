@@ -51,8 +51,9 @@ EbpfFeature jit()
 EbpfFeature pin_folder(const std::string &folder)
 {
     std::string why;
-    const bool good = prepare_pin_folder(folder, why);
-    rmdir(folder.c_str()); // to ask leaves nothing behind; one in use is not empty
+    PinFolderWork work;
+    const bool good = prepare_pin_folder(folder, work, why);
+    undo_pin_folder(work); // to ask leaves nothing behind, and takes nothing away
     return {"BPF file system", good, good ? folder : why};
 }
 

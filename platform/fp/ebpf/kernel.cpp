@@ -12,15 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <linux/magic.h>
 #include <memory>
-#include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace vvl::fp
@@ -28,7 +22,6 @@ namespace vvl::fp
 namespace
 {
 
-constexpr const char *usual_bpffs = "/sys/fs/bpf";
 constexpr uint32_t rules_max = VV_RULES_MAX;
 
 // A pinned object: its name in the folder, and where its descriptor is kept.
@@ -47,6 +40,12 @@ constexpr Pin map_pins[] = {
     {"events", &KernelSide::events},
 };
 constexpr Pin program_pins[] = {{"ingress", &KernelSide::ingress}, {"egress", &KernelSide::egress}};
+
+// Where a program is pinned until it takes the place of its predecessor.
+std::string fresh_name(const Pin &program)
+{
+    return std::string(program.name) + "-new"; // a BPF file system takes no dots
+}
 
 // What libbpf and the kernel's verifier said last, for the reason of a failure.
 std::string last_words;
@@ -125,12 +124,6 @@ bool pin(int fd, const std::string &path, std::string &why)
     return rv == 0;
 }
 
-void empty_folder(const std::string &path)
-{
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 bool make_anew(const std::string &pin_folder, std::string &why)
 {
     const Skeleton skeleton = load(nullptr, why);
@@ -142,7 +135,10 @@ bool make_anew(const std::string &pin_folder, std::string &why)
     shared.layout = VV_LAYOUT;
     shared.build = this_build();
     const std::string unfinished = pin_folder + "/unfinished";
-    empty_folder(unfinished);
+    const auto names = names_of_pins();
+    if (!remove_pins_of(pin_folder, "unfinished", names, why)) {
+        return false;
+    }
     if (mkdir(unfinished.c_str(), 0700) != 0) {
         why = unfinished + ": cannot be made: " + error_text(errno);
         return false;
@@ -177,7 +173,7 @@ bool renew_programs(KernelSide &side, std::string &why)
     };
     for (const auto &[program, fd] : programs) {
         const std::string path = side.folder + "/" + program.name;
-        const std::string fresh = path + "-new"; // a BPF file system takes no dots
+        const std::string fresh = side.folder + "/" + fresh_name(program);
         unlink(fresh.c_str());
         if (!pin(fd, fresh, why)) {
             return false;
@@ -187,11 +183,18 @@ bool renew_programs(KernelSide &side, std::string &why)
             return false;
         }
         side.*program.fd = UniqueFd(bpf_obj_get(path.c_str()));
-        side.program_ids.push_back(id_of_program(fd));
     }
     side.shared().build = this_build();
     log_line(LogLevel::info, "eBPF programs: replaced by those of this version");
     return true;
+}
+
+bool lock_roles(const EbpfOptions &options, KernelSide &side, std::string &why)
+{
+    if (options.is_agent && !(side.agent_lock = lock_role(options.pin_folder, PlaneRole::agent, why))) {
+        return false;
+    }
+    return !options.is_sides || (side.sides_lock = lock_role(options.pin_folder, PlaneRole::sides, why));
 }
 
 bool open_pins(KernelSide &side, bool writable, std::string &why)
@@ -213,7 +216,6 @@ bool open_pins(KernelSide &side, bool writable, std::string &why)
         if (!open_one(object)) {
             return false;
         }
-        side.program_ids.push_back(id_of_program((side.*object.fd).get()));
     }
     if (!side.globals_memory.map(side.globals.get(), sizeof(vv_shared), writable) ||
         !side.rules_memory.map(side.rules.get(), rules_max * sizeof(vv_rule), writable)) {
@@ -227,21 +229,7 @@ bool open_pins(KernelSide &side, bool writable, std::string &why)
     return true;
 }
 
-bool is_bpffs(const std::string &path)
-{
-    struct statfs info {
-    };
-    return statfs(path.c_str(), &info) == 0 && info.f_type == BPF_FS_MAGIC;
-}
-
 } // namespace
-
-UniqueFd::~UniqueFd()
-{
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
 
 SharedMemory::~SharedMemory()
 {
@@ -265,92 +253,63 @@ uint32_t id_of_program(int fd)
     return bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
 }
 
-std::string error_text(int error)
+std::vector<std::string> names_of_pins()
 {
-    return std::strerror(std::abs(error));
+    std::vector<std::string> names;
+    for (const Pin &map : map_pins) {
+        names.emplace_back(map.name);
+    }
+    for (const Pin &program : program_pins) {
+        names.emplace_back(program.name);
+        names.push_back(fresh_name(program));
+    }
+    return names;
 }
 
-bool prepare_pin_folder(const std::string &pin_folder, std::string &why)
+std::vector<uint32_t> programs_of(const std::string &layout_folder)
 {
-    std::error_code failed;
-    if (pin_folder.rfind(usual_bpffs, 0) == 0 && !is_bpffs(usual_bpffs) &&
-        mount("bpf", usual_bpffs, "bpf", 0, "mode=0700") != 0) {
-        why = std::string(usual_bpffs) + ": no BPF file system is mounted, and it cannot be: " + error_text(errno);
-        return false;
+    std::vector<uint32_t> ids;
+    for (const Pin &program : program_pins) {
+        for (const std::string &name : {std::string(program.name), fresh_name(program)}) {
+            if (const UniqueFd fd(bpf_obj_get((layout_folder + "/" + name).c_str())); fd) {
+                ids.push_back(id_of_program(fd.get()));
+            }
+        }
     }
-    std::filesystem::create_directories(pin_folder, failed);
-    if (failed) {
-        why = pin_folder + ": cannot be made: " + failed.message();
-        why += pin_folder.find('.') != std::string::npos ? " (a BPF file system takes no dots)" : "";
-        return false;
-    }
-    if (!is_bpffs(pin_folder)) {
-        why = pin_folder + ": not on a BPF file system (mount -t bpf)";
-        return false;
-    }
-    return true;
+    return ids;
 }
 
-bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why)
+bool open_kernel_side(const EbpfOptions &options, KernelSide &side, std::string &why)
 {
     libbpf_set_print(keep_words);
-    if (!prepare_pin_folder(pin_folder, why)) {
+    PinFolderWork ignored;
+    if (!prepare_pin_folder(options.pin_folder, ignored, why)) {
         return false;
     }
     // Two processes of one switch that start together open it one after the other.
-    const UniqueFd turn = take_turn(pin_folder, why);
-    if (!turn) {
+    const UniqueFd turn = take_turn(options.pin_folder, why);
+    if (!turn || !lock_roles(options, side, why)) {
         return false;
     }
-    side.folder = layout_folder(pin_folder);
-    if (access(side.folder.c_str(), F_OK) != 0 && !make_anew(pin_folder, why)) {
+    side.folder = layout_folder(options.pin_folder);
+    const bool may_make = options.is_agent || options.is_sides;
+    if (may_make && access(side.folder.c_str(), F_OK) != 0 && !make_anew(options.pin_folder, why)) {
         return false;
     }
     if (!open_pins(side, true, why)) {
         return false;
     }
-    return side.shared().build == this_build() || renew_programs(side, why);
+    return !options.is_agent || side.shared().build == this_build() || renew_programs(side, why);
 }
 
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why)
 {
     libbpf_set_print(keep_words);
     side.folder = layout_folder(pin_folder);
-    why.clear();
-    return access(side.folder.c_str(), F_OK) == 0 && open_pins(side, false, why);
-}
-
-UniqueFd take_turn(const std::string &pin_folder, std::string &why)
-{
-    UniqueFd folder(open(pin_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || flock(folder.get(), LOCK_EX) != 0) {
-        why = pin_folder + ": cannot be locked: " + error_text(errno);
-        return UniqueFd();
-    }
-    return folder;
-}
-
-bool lock_states(KernelSide &side)
-{
-    if (side.folder_lock) {
-        return true;
-    }
-    UniqueFd lock(open(side.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (check_pin_folder(pin_folder, why) != PinFolder::usable) {
         return false;
     }
-    side.folder_lock = std::move(lock);
-    return true;
-}
-
-bool remove_pins(const std::string &pin_folder, std::string &why)
-{
-    std::error_code failed;
-    std::filesystem::remove_all(pin_folder, failed);
-    if (failed) {
-        why = pin_folder + ": cannot be removed: " + failed.message();
-    }
-    return !failed;
+    return access(side.folder.c_str(), F_OK) == 0 && open_pins(side, false, why);
 }
 
 bool try_programs(std::string &why)

@@ -6,33 +6,15 @@
 #pragma once
 
 #include "platform/fp/ebpf/layout.h"
+#include "platform/fp/ebpf/options.h"
+#include "platform/fp/ebpf/pins.h"
 
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace vvl::fp
 {
-
-class UniqueFd
-{
-  public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd();
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
 
 // The values of a map, mapped into this process.
 class SharedMemory
@@ -52,9 +34,10 @@ class SharedMemory
 };
 
 struct KernelSide {
-    std::string folder;   // of the pins
-    UniqueFd folder_lock; // of the one process that writes states; see lock_states
-    UniqueFd globals;     // maps
+    std::string folder;  // of the pins of this layout
+    UniqueFd agent_lock; // held by the process that has the role; see lock_role()
+    UniqueFd sides_lock;
+    UniqueFd globals; // maps
     UniqueFd rules;
     UniqueFd seen;
     UniqueFd cache;
@@ -63,7 +46,6 @@ struct KernelSide {
     UniqueFd events;
     UniqueFd ingress; // programs
     UniqueFd egress;
-    std::vector<uint32_t> program_ids; // of the programs that are pinned, and of those whose place they took
     SharedMemory globals_memory;
     SharedMemory rules_memory;
 
@@ -71,37 +53,27 @@ struct KernelSide {
     vv_rule *all_rules() const { return static_cast<vv_rule *>(rules_memory.get()); } // VV_RULES_MAX
 };
 
-// Takes over what is pinned in the folder, with the programs of this build, or
-// makes them. On failure why names the object and the reason.
-bool open_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
+// Takes over what is pinned in the folder or makes it, after it has locked the
+// roles that the options ask for; without them it changes nothing. An agent puts
+// the programs of this build in place of earlier ones. On failure why names the
+// object and the reason.
+bool open_kernel_side(const EbpfOptions &options, KernelSide &side, std::string &why);
 
 // Opens what is pinned, for reading only. Returns false, with an empty why where
 // nothing is pinned and with the reason where it cannot be read.
 bool view_kernel_side(const std::string &pin_folder, KernelSide &side, std::string &why);
 
-// Makes other processes of the switch wait until the result is destroyed. Empty,
-// with the reason, on failure.
-UniqueFd take_turn(const std::string &pin_folder, std::string &why);
+// The names of all pins in the folder of a layout.
+std::vector<std::string> names_of_pins();
 
-// Makes this process the one that writes states. Returns false where another process is.
-bool lock_states(KernelSide &side);
-
-// Removes the pins; maps and programs go with their last user. Returns false
-// with the reason where a pin stays.
-bool remove_pins(const std::string &pin_folder, std::string &why);
+// The numbers of the programs that are pinned in the folder of a layout, of any one.
+std::vector<uint32_t> programs_of(const std::string &layout_folder);
 
 // Whether the kernel accepts the programs: loads and drops them. why holds the
 // end of the kernel's log.
 bool try_programs(std::string &why);
 
-// Whether the folder is on a BPF file system. Mounts one at its usual place
-// where that is missing and the folder is below it.
-bool prepare_pin_folder(const std::string &pin_folder, std::string &why);
-
 // The kernel's number of a program; 0 where it cannot be told.
 uint32_t id_of_program(int fd);
-
-// "No such file or directory" for 2 or -2.
-std::string error_text(int error);
 
 } // namespace vvl::fp

@@ -10,7 +10,7 @@
 
 #include <linux/types.h>
 
-#define VV_LAYOUT 2
+#define VV_LAYOUT 3
 #define VV_MAGIC 0x7676706cu
 
 #define VV_PORTS_MAX 4096       /* ports that are attached, bound or trapped */
@@ -27,6 +27,7 @@
 #define VV_SPEAKER_TICKS 300      /* a port's speaker that is silent for so long may be followed by another device */
 #define VV_EVENTS_SIZE (1u << 20) /* bytes of the ring of events; a power of two, whole pages */
 #define VV_TRAP_BYTES_MAX 2048    /* bytes of a trapped frame that are copied; a power of two */
+#define VV_INTERFACE_SIZE 16      /* bytes of an interface's name with the zero behind it */
 #define VV_TRAPS_PER_TICK 64      /* frames trapped on one port per tick; the others are only forwarded */
 
 /* The filter that holds a program at an interface's hook. The priority lets
@@ -112,11 +113,12 @@ struct vv_port {
     __u16 unused;
     __u32 trap_tick; /* tick that trap_count counts in */
     __u32 trap_count;
-    __u64 speaker;      /* its address; 0: there is none yet */
-    __u32 speaker_tick; /* when it was heard last */
-    __u32 unused_too;
-    struct vv_share others; /* addresses that no rule named when they were learned */
-    struct vv_share voice;  /* addresses that one did */
+    __u64 speaker;                     /* its address; 0: there is none yet */
+    __u32 speaker_tick;                /* when it was heard last */
+    __u32 ifx;                         /* the operator's number of the port; 0: it is not in the configuration */
+    struct vv_share others;            /* addresses that no rule named when they were learned */
+    struct vv_share voice;             /* addresses that one did */
+    char interface[VV_INTERFACE_SIZE]; /* its configured name, with zeros up to the end */
 };
 
 /* One value, mapped into the agent. */
@@ -230,7 +232,7 @@ struct vv_trapped {
 static_assert(sizeof(vv_rule) == 32);
 static_assert(sizeof(vv_acl) == VV_DIGITS * 16 * 16 + 24);
 static_assert(sizeof(vv_state) == VV_ACLS * sizeof(vv_acl) + VV_PORTS_MAX * 8ul);
-static_assert(sizeof(vv_port) == 56);
+static_assert(sizeof(vv_port) == 72);
 static_assert(sizeof(vv_shared) == 48 + VV_TURNS * 4 + VV_IFINDEX_PLACES * 8 + VV_PORTS_MAX * sizeof(vv_port) +
                                        VV_STATES * sizeof(vv_state));
 static_assert(sizeof(vv_seen) == 24 && sizeof(vv_event) == 24);

@@ -26,12 +26,13 @@ namespace vvl::fp
 class EbpfPlane final : public DataPlane
 {
   public:
-    // Takes over what is pinned, or loads the programs. Null on failure;
-    // why names the object and the reason.
+    // Takes over what is pinned, or loads the programs. Null on failure, also
+    // where another process has a role that the options ask for, with nothing
+    // changed; why names the object and the reason.
     static std::unique_ptr<EbpfPlane> open(Loop &loop, const EbpfOptions &options, std::string &why);
     ~EbpfPlane() override; // the programs go on
 
-    // Refuses with -EBUSY while another agent controls the plane.
+    // Refuses with -EBUSY where this process is not the agent.
     int install(const PlaneState &state) override;
     int set_trap(uint32_t phyid, bool on) override;
     void forget(uint16_t vlan, const Mac &mac) override;
@@ -44,6 +45,8 @@ class EbpfPlane final : public DataPlane
     // The kernel stops the frames of a link that is down by itself.
     void set_link(uint32_t phyid, bool up) override;
     void remove_port(uint32_t phyid) override;
+    void keep_only(std::span<const PlanePort> ports) override;
+    PortHealth look_after(uint32_t phyid, std::string &what) override;
     PortCounters counters(uint32_t phyid) const override;
 
     // Frames that an ACE acted on, since the maps were made; id 1 to 127.
@@ -57,10 +60,5 @@ class EbpfPlane final : public DataPlane
     explicit EbpfPlane(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
 };
-
-// Takes the programs off every interface of this network namespace and unpins
-// all of it. What others have attached stays, and so does a clsact queue
-// discipline that others use or made. report: one line per thing removed.
-bool ebpf_detach(const EbpfOptions &options, std::vector<std::string> &report, std::string &why);
 
 } // namespace vvl::fp

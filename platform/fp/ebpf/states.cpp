@@ -108,6 +108,20 @@ uint32_t first_place(uint32_t ifindex, uint32_t probe)
 
 } // namespace
 
+void name_port(vv_port &entry, const PlanePort &port)
+{
+    entry.ifx = port.ifx;
+    const size_t size = std::min(port.interface.size(), sizeof entry.interface - 1);
+    std::memset(entry.interface, 0, sizeof entry.interface);
+    std::memcpy(entry.interface, port.interface.data(), size);
+}
+
+std::string name_of(const vv_port &entry)
+{
+    const std::string interface(entry.interface, strnlen(entry.interface, sizeof entry.interface));
+    return name_of(PlanePort{.interface = interface, .ifx = entry.ifx});
+}
+
 States::States(vv_shared *shared, vv_rule *rules) : shared_(shared), rules_(rules)
 {
     for (uint32_t port = 0; port < VV_PORTS_MAX; port++) {

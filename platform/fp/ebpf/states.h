@@ -8,16 +8,26 @@
 #pragma once
 
 #include "platform/fp/ebpf/layout.h"
+#include "platform/fp/plane.h"
 #include "platform/fp/rule.h"
 
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace vvl::fp
 {
+
+// Records how the operator knows the port; every command that reads the pins names it so.
+void name_port(vv_port &entry, const PlanePort &port);
+std::string name_of(const vv_port &entry);
+inline bool is_configured(const vv_port &entry)
+{
+    return (entry.flags & VV_PORT_USED) != 0 && entry.interface[0] != '\0';
+}
 
 class States
 {

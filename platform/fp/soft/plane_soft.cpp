@@ -228,12 +228,12 @@ void SoftPlane::set_output(FrameOutput output)
 bool SoftPlane::add_port(const PlanePort &port, std::string &why)
 {
     if (port.pvid == 0 || port.pvid > vid_max) {
-        why = "port " + std::to_string(port.phyid) + ": PVID " + std::to_string(port.pvid) + " is not 1 to 4094";
+        why = name_of(port) + ": PVID " + std::to_string(port.pvid) + " is not 1 to 4094";
         return false;
     }
     Port *known = impl_->port_for_policy(port.phyid);
     if (!known) {
-        why = "port " + std::to_string(port.phyid) + ": the plane has " + std::to_string(ports_max) + " ports already";
+        why = name_of(port) + ": the plane has " + std::to_string(ports_max) + " ports already";
         return false;
     }
     known->known = true;

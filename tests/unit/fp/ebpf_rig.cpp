@@ -1,5 +1,6 @@
 #include "tests/unit/fp/ebpf_rig.h"
 
+#include "platform/fp/ebpf/leave.h"
 #include "tests/support/pinned_maps.h"
 
 #include <bpf/bpf.h>
@@ -100,6 +101,7 @@ void EbpfRig::restart_agent()
     }
     for (PlanePort port : ports_under_test) {
         port.interface = make_interface(port.phyid);
+        port.ifx = port.phyid;
         EXPECT_TRUE(plane_->add_port(port, why)) << why;
     }
 }

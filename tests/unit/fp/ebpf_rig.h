@@ -11,11 +11,29 @@
 #include <bpf/libbpf.h>
 #include <memory>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace vvl::fp::test
 {
 
 constexpr const char *pin_folder = "/sys/fs/bpf/plane";
+
+// Of a process that has no part in what the agent does.
+inline const EbpfOptions beside_the_agent{.pin_folder = pin_folder, .is_agent = false, .is_sides = false};
+
+// Runs it in a process of its own, which may change what belongs to a process;
+// returns 0 where it returned true.
+template <typename Part> int in_child(Part part)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(part() ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status;
+}
 
 // Makes the interface "port<phyid>" and returns its name.
 std::string make_interface(uint32_t phyid);
@@ -63,6 +81,7 @@ class EbpfRig final : public Rig
     Sent send(uint32_t phyid, const Bytes &frame) override;
     void advance(uint64_t delta_us) override { loop_.advance(delta_us); }
     ProbeResult leave(uint32_t phyid, const Bytes &frame); // at the egress of a port
+    void stop_agent() { plane_.reset(); }
     // The agent dies and starts again.
     void restart_agent();
 

@@ -1,18 +1,16 @@
 // What the plane in the kernel has beyond the contract of all planes: it
-// outlives the agent, it takes the tag off again towards a phone that does not
-// tag, and it leaves alone what others have put on its interfaces.
+// outlives the agent, and it takes the tag off again towards a phone that does
+// not tag.
 #include "platform/fp/ebpf/kernel.h"
+#include "platform/fp/ebpf/leave.h"
 #include "platform/fp/error.h"
 #include "tests/unit/fp/ebpf_rig.h"
 
-#include <bpf/bpf.h>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <linux/capability.h>
 #include <net/if.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace vvl::fp::test
@@ -68,18 +66,20 @@ TEST_F(EbpfTest, NextAgentTakesOverWhatTheLastOneLeft)
     const Sent before = rig_->send(1, from_phone());
     std::string why;
     for (int i = 0; i < 3; i++) {
-        KernelSide last, next;
-        ASSERT_TRUE(open_kernel_side(pin_folder, last, why)) << why;
+        KernelSide last;
+        ASSERT_TRUE(open_kernel_side(beside_the_agent, last, why)) << why;
+        const std::vector<uint32_t> before_start = programs_of(last.folder);
         last.shared().build += i == 1;
         rig_->restart_agent();
         EXPECT_EQ(state_, rig_->plane().installed());
         rig_->plane().set_events(this);
         EXPECT_EQ(before, rig_->send(1, from_phone()));
-        ASSERT_TRUE(open_kernel_side(pin_folder, next, why)) << why;
-        for (size_t hook = 0; hook < last.program_ids.size(); hook++) {
-            EXPECT_EQ(i == 1, last.program_ids[hook] != next.program_ids[hook]);
+        const std::vector<uint32_t> after_start = programs_of(last.folder);
+        ASSERT_EQ(2u, after_start.size());
+        for (size_t hook = 0; hook < after_start.size(); hook++) {
+            EXPECT_EQ(i == 1, before_start[hook] != after_start[hook]);
             EXPECT_TRUE(has(std::string("filter show dev port1 ") + (hook == 0 ? "ingress" : "egress") +
-                            " | grep ' id " + std::to_string(next.program_ids[hook]) + " '"));
+                            " | grep ' id " + std::to_string(after_start[hook]) + " '"));
         }
     }
     EXPECT_EQ(4u, rig_->plane().counters(1).tagged);
@@ -167,7 +167,7 @@ TEST_F(EbpfTest, InterfaceMayGoAndComeBack)
     ASSERT_EQ(0, std::system("ip link delete port1"));
     rig_->plane().remove_port(1);
     std::string why;
-    PlanePort port{.phyid = 1, .interface = "port1"};
+    PlanePort port{.phyid = 1, .interface = "port1", .ifx = 1};
     EXPECT_FALSE(rig_->plane().add_port(port, why));
     EXPECT_EQ("port 1 (port1): no such interface", why);
     make_interface(1);
@@ -180,81 +180,79 @@ TEST_F(EbpfTest, InterfaceMayGoAndComeBack)
     EXPECT_LT(in, rig_->plane().counters(1).in);
 }
 
-TEST_F(EbpfTest, DetachTakesOffOnlyWhatIsOurs)
+constexpr const char *capabilities_folder = "/sys/fs/bpf/capabilities";
+
+// An agent that is killed before it has attached anything.
+bool half_start()
 {
-    make_interface(77);
-    ASSERT_EQ(0, std::system("tc qdisc add dev port77 clsact && tc filter add dev port77 ingress u32 match u32 0 0"));
+    KernelSide side;
     std::string why;
-    ASSERT_TRUE(rig_->plane().add_port({.phyid = 77, .interface = "port77"}, why)) << why;
-    ASSERT_EQ(0, std::system("tc filter add dev port2 egress u32 match u32 0 0"));
-    std::vector<std::string> report;
-    EXPECT_TRUE(ebpf_detach({.pin_folder = pin_folder}, report, why)) << why;
-    EXPECT_EQ(6u, report.size()); // five interfaces and the pins
-    EXPECT_TRUE(has("filter show dev port77 ingress"));
-    EXPECT_FALSE(has("filter show dev port77 egress"));
-    EXPECT_TRUE(has("filter show dev port2 egress"));
-    EXPECT_FALSE(has("qdisc show dev port1 | grep clsact"));
-    EXPECT_NE(0, access(pin_folder, F_OK));
-    report.clear();
-    EXPECT_TRUE(ebpf_detach({.pin_folder = pin_folder}, report, why)) << why;
-    EXPECT_TRUE(report.empty());
-    std::system("ip link delete port77; ip link delete port2");
+    return open_kernel_side({.pin_folder = capabilities_folder}, side, why);
 }
 
-TEST_F(EbpfTest, SecondAgentAndStrangersAreRefused)
-{
-    VirtualLoop loop;
-    std::string why;
-    const auto second = EbpfPlane::open(loop, {.pin_folder = pin_folder}, why);
-    ASSERT_NE(nullptr, second) << why;
-    EXPECT_EQ(state_, second->installed()); // to read is free
-    EXPECT_EQ(-EBUSY, second->install({}));
-    EXPECT_EQ(state_, rig_->plane().installed());
-
-    make_interface(78);
-    ASSERT_EQ(0, bpf_obj_pin(Probe().ingress_program(), "/sys/fs/bpf/stranger"));
-    ASSERT_EQ(0, std::system(("tc qdisc add dev port78 clsact && tc filter add dev port78 egress prio " +
-                              std::to_string(VV_FILTER_PRIORITY) + " handle " + std::to_string(VV_FILTER_HANDLE) +
-                              " bpf da object-pinned /sys/fs/bpf/stranger")
-                                 .c_str()));
-    EXPECT_FALSE(rig_->plane().add_port({.phyid = 78, .interface = "port78"}, why));
-    EXPECT_EQ("port 78 (port78): another program has the filter egress priority 22102 already", why);
-    EXPECT_TRUE(has("filter show dev port78 egress | grep stranger"));
-    std::system("ip link delete port78; rm /sys/fs/bpf/stranger");
-
-    EXPECT_EQ(nullptr, EbpfPlane::open(loop, {.pin_folder = "/tmp"}, why));
-    EXPECT_EQ("/tmp: not on a BPF file system (mount -t bpf)", why);
-}
-
-// Loading, attaching and taking over, by a process that may do nothing else.
+// Loading, attaching and taking over, by a process that may do nothing else, from
+// whatever earlier agents have left.
 TEST_F(EbpfTest, TwoCapabilitiesAreEnough)
 {
+    struct Row {
+        const char *name;
+        bool (*left_by)(); // the agents since the first one
+    };
+    const std::string other_layout = std::string(capabilities_folder) + "/layout-1";
+    const Row rows[] = {
+        {"the same version", [] { return true; }},
+        {"another version, killed before it attached its programs",
+         [] {
+             KernelSide side;
+             std::string why;
+             return open_kernel_side({capabilities_folder, false, false}, side, why) && ++side.shared().build != 0 &&
+                    half_start();
+         }},
+        {"another layout, killed before it attached its programs",
+         [] {
+             const std::string from = std::string(capabilities_folder) + "/layout-" + std::to_string(VV_LAYOUT);
+             return rename(from.c_str(), (std::string(capabilities_folder) + "/layout-1").c_str()) == 0 && half_start();
+         }},
+        {"pins lost",
+         [] {
+             bool removed = false;
+             std::string why;
+             return remove_pins(capabilities_folder, names_of_pins(), removed, why) && removed;
+         }},
+    };
     make_interface(79);
-    const std::string folder = "/sys/fs/bpf/capabilities";
-    const pid_t child = fork();
-    if (child == 0) {
-        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-        __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
-        for (const unsigned capability : {unsigned{CAP_BPF}, unsigned{CAP_NET_ADMIN}}) {
-            data[capability / 32].effective |= 1u << capability % 32;
-            data[capability / 32].permitted |= 1u << capability % 32;
-        }
-        bool good = syscall(SYS_capset, &header, data) == 0;
-        for (int agent = 0; good && agent < 2; agent++) {
-            VirtualLoop loop;
-            std::string why;
-            const auto plane = EbpfPlane::open(loop, {.pin_folder = folder}, why);
-            good = plane != nullptr && plane->add_port({.phyid = 79, .interface = "port79"}, why);
-            std::fprintf(stderr, "%s", why.c_str());
-        }
-        _exit(good ? 0 : 1);
+    for (const Row &row : rows) {
+        const int status = in_child([&row] {
+            __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+            __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3]{};
+            for (const unsigned capability : {unsigned{CAP_BPF}, unsigned{CAP_NET_ADMIN}}) {
+                data[capability / 32].effective |= 1u << capability % 32;
+                data[capability / 32].permitted |= 1u << capability % 32;
+            }
+            bool good = syscall(SYS_capset, &header, data) == 0;
+            for (int agent = 0; good && agent < 3; agent++) {
+                VirtualLoop loop;
+                std::string why;
+                const PlanePort port{.phyid = 79, .interface = "port79"};
+                auto plane = EbpfPlane::open(loop, {.pin_folder = capabilities_folder}, why);
+                good = plane != nullptr;
+                if (good) {
+                    plane->keep_only({&port, 1});
+                    good = plane->add_port(port, why) && plane->look_after(79, why) == PortHealth::served;
+                }
+                plane.reset();
+                good = good && (agent != 0 || row.left_by());
+                std::fprintf(stderr, "%s", why.c_str());
+            }
+            return good;
+        });
+        EXPECT_EQ(0, status) << row.name;
+        EXPECT_NE(0, access(other_layout.c_str(), F_OK)) << row.name;
+        std::vector<std::string> report;
+        std::string why;
+        EXPECT_TRUE(ebpf_detach({.pin_folder = capabilities_folder}, report, why)) << why;
+        EXPECT_NE(0, std::system("tc filter show dev port79 ingress | grep -q ."));
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(0, status);
-    std::vector<std::string> report;
-    std::string why;
-    EXPECT_TRUE(ebpf_detach({.pin_folder = folder}, report, why)) << why;
     std::system("ip link delete port79");
 }
 

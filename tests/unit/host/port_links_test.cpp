@@ -29,6 +29,13 @@ class TellingPlane final : public fp::DataPlane
     void set_link(uint32_t phyid, bool up) override { told_ += std::to_string(phyid) + (up ? " up\n" : " down\n"); }
     fp::PortCounters counters(uint32_t) const override { return {}; }
     void remove_port(uint32_t phyid) override { told_ += "remove " + std::to_string(phyid) + "\n"; }
+    fp::PortHealth look_after(uint32_t, std::string &what) override
+    {
+        what = "lost";
+        return std::exchange(health, fp::PortHealth::served);
+    }
+
+    fp::PortHealth health = fp::PortHealth::served; // what the next look finds
 
   private:
     std::string &told_;
@@ -88,6 +95,31 @@ TEST_F(PortLinksTest, a_port_is_attached_to_each_interface_that_has_its_name)
                    "port 1 (eth1): the interface is gone\n"
                    "port 1 (eth1): attached, link down\n"
                    "port 2 (eth2): attached, link down\n");
+}
+
+// By a message of the kernel, and without one at the next tick.
+TEST_F(PortLinksTest, lost_programs_are_noticed)
+{
+    auto plane = std::make_unique<TellingPlane>(told);
+    TellingPlane &told_plane = *plane;
+    Switch target({"", {{1, 0x101, 1, false, "eth1"}}, true, true, true}, loop, mom::make_local_store(),
+                  std::move(plane));
+    ip("link add eth1 type veth peer name far1");
+    std::string why;
+    const auto links = follow_links(target, why);
+    ASSERT_NE(links, nullptr) << why;
+    log.clear();
+    told_plane.health = fp::PortHealth::restored;
+    test::run_command("tc qdisc add dev eth1 clsact");
+    wait_for("port 1 (eth1): lost; put back");
+    for (const fp::PortHealth health :
+         {fp::PortHealth::not_served, fp::PortHealth::not_served, fp::PortHealth::served}) {
+        told_plane.health = health;
+        loop.advance(1'000'000);
+    }
+    EXPECT_EQ(log, "port 1 (eth1): lost; put back\n"
+                   "port 1 (eth1): not served: lost\n"
+                   "port 1 (eth1): served again\n");
 }
 
 } // namespace
