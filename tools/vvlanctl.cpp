@@ -123,7 +123,7 @@ int show(mom::Store &store)
 
 } // namespace
 
-int main(int argc, char **argv)
+static int run_program(int argc, char **argv)
 {
     CLI::App app("Configuration of a voice VLAN, in its object store", "vvlanctl");
     mom::RedisOptions options;
@@ -140,7 +140,11 @@ int main(int argc, char **argv)
     load->add_option("FILE", file)->required();
     app.add_subcommand("show", "Show the configuration, and which ports have joined");
     app.add_subcommand("help-lines", "List the operator's lines");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? exit_good : exit_refused;
+    }
 
     if (app.got_subcommand("help-lines")) {
         std::fputs(oper::command_help(oper::operator_grammar()).c_str(), stdout);
@@ -157,4 +161,10 @@ int main(int argc, char **argv)
         return fail(program, exit_refused, why);
     }
     return app.got_subcommand("show") ? show(*store) : write_lines(*store, lines);
+}
+
+int main(int argc, char **argv)
+{
+    hold_standard_descriptors();
+    return end_output(program, run_program(argc, argv));
 }

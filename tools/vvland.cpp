@@ -107,6 +107,7 @@ void add_sim(CLI::App &app, int &code)
 
 int main(int argc, char **argv)
 {
+    hold_standard_descriptors();
     CLI::App app("Voice VLAN agent for Ethernet switches", "vvland");
     app.set_version_flag("--version", "vvland " VVLAND_VERSION);
     app.require_subcommand(1);
@@ -121,7 +122,7 @@ int main(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_good : exit_refused;
+        code = app.exit(error) == 0 ? exit_good : exit_refused;
     }
-    return code;
+    return end_output("vvland", code);
 }

@@ -2,15 +2,12 @@
 // only at its end, and is reported at the section's own line.
 #include "platform/host/config.h"
 
+#include "platform/base/file.h"
 #include "platform/host/agent.h"
 #include "platform/host/config_impl.h"
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 
 namespace vvl::host
 {
@@ -54,6 +51,10 @@ std::string_view without_comment(std::string_view line)
 
 bool ConfigParser::parse_line(std::string_view text, std::string &why)
 {
+    if (text.size() > input_line_size_max) {
+        why = "the line is longer than " + std::to_string(input_line_size_max) + " bytes";
+        return false;
+    }
     text = trim(without_comment(text));
     if (text.empty()) {
         return true;
@@ -222,26 +223,8 @@ bool parse_config(std::string_view text, const std::string &file, HostConfig &co
 
 bool read_config(const std::string &file, HostConfig &config, std::string &why)
 {
-    std::error_code error;
-    if (std::filesystem::is_directory(file, error)) {
-        why = file + ": is a folder";
-        return false;
-    }
-    errno = 0;
-    std::ifstream stream(file, std::ios::binary);
-    std::string text(config_size_max + 1, '\0');
-    if (!stream) {
-        why = file + ": " + std::strerror(errno);
-        return false;
-    }
-    stream.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (stream.bad()) {
-        why = file + ": cannot be read";
-        return false;
-    }
-    text.resize(static_cast<size_t>(stream.gcount()));
-    if (text.size() > config_size_max) {
-        why = file + ": larger than " + std::to_string(config_size_max) + " bytes";
+    std::string text;
+    if (!read_text_file(file, text, why, config_size_max)) {
         return false;
     }
     return parse_config(text, file, config, why);

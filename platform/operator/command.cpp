@@ -3,6 +3,8 @@
 // which is what the writer of the line needs.
 #include "platform/operator/command.h"
 
+#include "platform/base/file.h"
+
 #include <algorithm>
 
 namespace vvl::oper
@@ -245,8 +247,8 @@ bool split_words(std::string_view line, std::vector<std::string> &words, std::st
 
 bool parse_command(const Grammar &grammar, std::string_view line, Command &command, std::string &why)
 {
-    if (line.size() > command_line_size_max) {
-        why = "the line is longer than " + std::to_string(command_line_size_max) + " bytes";
+    if (line.size() > input_line_size_max) {
+        why = "the line is longer than " + std::to_string(input_line_size_max) + " bytes";
         return false;
     }
     if (std::any_of(line.begin(), line.end(),

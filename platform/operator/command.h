@@ -26,8 +26,6 @@ namespace vvl::oper
 
 class Operator;
 
-constexpr size_t command_line_size_max = 1024; // bytes; a longer line is refused
-
 // One argument, as written and as read. What is set depends on its type.
 struct Argument {
     std::string name;    // the pattern's word: "PORT", "on|off"

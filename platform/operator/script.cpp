@@ -2,10 +2,9 @@
 // works in a scenario works here.
 #include "platform/operator/script.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iostream>
+#include "platform/base/file.h"
+
+#include <algorithm>
 
 namespace vvl::oper
 {
@@ -14,26 +13,21 @@ bool for_each_line(const std::string &file,
                    const std::function<bool(unsigned number, const std::string &text, std::string &why)> &take,
                    std::string &why)
 {
-    std::ifstream stream;
-    const bool is_stdin = file == "-";
-    errno = 0;
-    if (!is_stdin) {
-        stream.open(file);
-    }
-    std::istream &input = is_stdin ? std::cin : stream;
     std::string text;
-    std::string reason;
-    for (unsigned number = 1; std::getline(input, text); number++) {
+    if (!read_text_file(file, text, why)) {
+        return false;
+    }
+    std::string_view rest = text;
+    for (unsigned number = 1; !rest.empty(); number++) {
+        const size_t end = std::min(rest.find('\n'), rest.size());
+        std::string reason;
         if (number > file_line_count_max) {
             reason = "more than " + std::to_string(file_line_count_max) + " lines";
-        } else if (take(number, text, reason)) {
+        } else if (take(number, std::string(rest.substr(0, end)), reason)) {
+            rest.remove_prefix(std::min(end + 1, rest.size()));
             continue;
         }
         why = file + ":" + std::to_string(number) + ": " + reason;
-        return false;
-    }
-    if (!input.eof()) { // not opened, or not readable, as a folder
-        why = file + ": " + std::strerror(errno);
         return false;
     }
     return true;

@@ -2,9 +2,16 @@
 // a damaged one would leave the switch in a state that nobody wants.
 #include "platform/sim/capture.h"
 
-#include <cerrno>
-#include <cstring>
+#include "platform/base/file.h"
+
 #include <pcap/pcap.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
 
 namespace vvl::sim
 {
@@ -20,18 +27,17 @@ using Pcap = std::unique_ptr<pcap_t, PcapCloser>;
 
 Pcap open_capture(const std::string &path, std::string &why)
 {
-    FILE *file = std::fopen(path.c_str(), "rb");
+    File file = open_input(path, why);
     if (file == nullptr) {
-        why = path + ": " + std::strerror(errno);
         return nullptr;
     }
     char reason[PCAP_ERRBUF_SIZE] = "";
-    Pcap pcap(pcap_fopen_offline(file, reason)); // closes the file with itself, but not when it fails
+    Pcap pcap(pcap_fopen_offline(file.get(), reason));
     if (pcap == nullptr) {
-        std::fclose(file);
         why = path + ": " + reason;
         return nullptr;
     }
+    static_cast<void>(file.release()); // the file is closed with the capture
     const int link = pcap_datalink(pcap.get());
     if (link != DLT_EN10MB) {
         const char *name = pcap_datalink_val_to_name(link);
@@ -42,7 +48,7 @@ Pcap open_capture(const std::string &path, std::string &why)
 }
 
 // What is wrong with a frame; empty where nothing is.
-std::string fault_of(const pcap_pkthdr &header, size_t size_so_far)
+std::string fault_of(const pcap_pkthdr &header)
 {
     if (header.len > capture_frame_size_max || header.caplen > capture_frame_size_max) {
         return "is larger than " + std::to_string(capture_frame_size_max) + " bytes";
@@ -50,9 +56,6 @@ std::string fault_of(const pcap_pkthdr &header, size_t size_so_far)
     if (header.caplen != header.len) {
         return "is cut short: " + std::to_string(header.caplen) + " of " + std::to_string(header.len) +
                " bytes were captured";
-    }
-    if (size_so_far + header.caplen > capture_size_max) {
-        return "makes the capture larger than " + std::to_string(capture_size_max) + " bytes";
     }
     return "";
 }
@@ -66,13 +69,12 @@ bool read_capture(const std::string &path, Capture &capture, std::string &why)
         return false;
     }
     Capture frames;
-    size_t size = 0;
     uint64_t first_us = 0;
     pcap_pkthdr *header = nullptr;
     const u_char *bytes = nullptr;
     int rv = 0;
     while ((rv = pcap_next_ex(pcap.get(), &header, &bytes)) == 1) {
-        const std::string fault = fault_of(*header, size);
+        const std::string fault = fault_of(*header);
         if (!fault.empty()) {
             why = path;
             why.append(": frame ").append(std::to_string(frames.size() + 1)).append(" ").append(fault);
@@ -86,7 +88,6 @@ bool read_capture(const std::string &path, Capture &capture, std::string &why)
             time_us = frames.back().time_us;
         }
         frames.push_back({time_us, {bytes, bytes + header->caplen}});
-        size += header->caplen;
     }
     if (rv != PCAP_ERROR_BREAK || frames.empty()) {
         why = path + ": " + (rv != PCAP_ERROR_BREAK ? pcap_geterr(pcap.get()) : "contains no frame");
@@ -95,6 +96,36 @@ bool read_capture(const std::string &path, Capture &capture, std::string &why)
     capture = std::move(frames);
     return true;
 }
+
+namespace
+{
+
+// What a capture begins with, in either byte order: pcap with microseconds or
+// nanoseconds, and pcapng.
+constexpr std::string_view capture_marks[] = {"\xd4\xc3\xb2\xa1", "\xa1\xb2\xc3\xd4", "\x4d\x3c\xb2\xa1",
+                                              "\xa1\xb2\x3c\x4d", "\x0a\x0d\x0d\x0a"};
+
+// A new file, an empty one or a capture. A mistyped path must not cost a file.
+bool may_overwrite(const std::string &path, std::string &why)
+{
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return true; // opening it tells what is wrong
+    }
+    const File file = open_input(path, why, SIZE_MAX);
+    if (file == nullptr) {
+        return false;
+    }
+    char mark[4] = "";
+    const size_t size = std::fread(mark, 1, sizeof mark, file.get());
+    if (size != 0 && std::ranges::find(capture_marks, std::string_view(mark, size)) == std::end(capture_marks)) {
+        why = path + ": exists and is not a capture; it is not overwritten";
+        return false;
+    }
+    return true;
+}
+
+} // namespace
 
 struct CaptureWriter::Impl {
     std::string path;
@@ -112,6 +143,9 @@ CaptureWriter::~CaptureWriter()
 
 bool CaptureWriter::open(const std::string &path, std::string &why)
 {
+    if (!may_overwrite(path, why)) {
+        return false;
+    }
     auto impl = std::make_unique<Impl>();
     impl->path = path;
     impl->pcap.reset(pcap_open_dead(DLT_EN10MB, capture_frame_size_max));

@@ -67,7 +67,7 @@ bool Simulation::run(std::string &why)
 bool Simulation::start(std::string &why)
 {
     if (!options_.capture_out.empty()) {
-        if (!writer_.open(options_.capture_out, why)) {
+        if (!output_is_no_input(why) || !writer_.open(options_.capture_out, why)) {
             return false;
         }
         plane().set_output([this](uint32_t, std::span<const uint8_t> frame) { writer_.write(loop_.now_us(), frame); });
@@ -80,6 +80,21 @@ bool Simulation::start(std::string &why)
         return false;
     }
     loop_.run_pending();
+    return true;
+}
+
+// A capture that the scenario plays would be emptied before it is read.
+bool Simulation::output_is_no_input(std::string &why) const
+{
+    for (const ScenarioStep &step : scenario_.steps) {
+        const oper::Argument *file = step.command.args.find("FILE");
+        std::error_code error;
+        if (file != nullptr &&
+            std::filesystem::equivalent(resolve(scenario_.path, file->text), options_.capture_out, error)) {
+            why = options_.capture_out + ": line " + std::to_string(step.line) + " plays it; it is not overwritten";
+            return false;
+        }
+    }
     return true;
 }
 

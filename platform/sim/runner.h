@@ -67,6 +67,7 @@ class Simulation
     };
 
     bool start(std::string &why);
+    bool output_is_no_input(std::string &why) const;
     bool run_steps(std::string &why);
     bool finish(std::string &why);
     void play_next(std::list<Playback>::iterator playback);

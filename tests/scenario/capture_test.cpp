@@ -83,5 +83,29 @@ TEST_F(CaptureTest, DamagedOrUnfitFileIsRefusedWithItsReason)
     }
 }
 
+TEST_F(CaptureTest, OnlyACaptureOrAnEmptyFileIsOverwritten)
+{
+    const std::string good = sample();
+    const std::pair<std::string, std::string> rows[] = {{good, ""},
+                                                        {patch(good, 0, 0xa1b23c4d), ""}, // nanoseconds
+                                                        {patch(good, 0, 0xd4c3b2a1), ""}, // the other byte order
+                                                        {"\x0a\x0d\x0d\x0a and so on", ""},
+                                                        {"", ""},
+                                                        {"vlan 100 on\n", "exists and is not a capture"},
+                                                        {"x", "exists and is not a capture"}};
+    for (const auto &[bytes, reason] : rows) {
+        const std::string path = folder.write("out.pcap", bytes);
+        CaptureWriter writer;
+        std::string why;
+        EXPECT_EQ(writer.open(path, why), reason.empty()) << bytes;
+        EXPECT_NE(why.find(reason), std::string::npos) << why;
+        EXPECT_TRUE(reason.empty() || TempFolder::read(path) == bytes) << "left alone";
+    }
+    CaptureWriter writer;
+    std::string why;
+    EXPECT_FALSE(writer.open("/dev/null", why));
+    EXPECT_EQ(why, "/dev/null: not a regular file");
+}
+
 } // namespace
 } // namespace vvl::sim

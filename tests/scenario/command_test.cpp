@@ -1,3 +1,4 @@
+#include "platform/base/file.h"
 #include "platform/sim/runner.h"
 
 #include <gtest/gtest.h>
@@ -74,8 +75,8 @@ TEST_F(CommandTest, BadLineIsRefusedWithItsReason)
         EXPECT_EQ(why, error) << line;
         EXPECT_EQ(command.row, nullptr) << line;
     }
-    EXPECT_FALSE(parse_command(grammar, "wait 1s" + std::string(command_line_size_max, ' '), command, why));
-    EXPECT_EQ(why, "the line is longer than 1024 bytes");
+    EXPECT_FALSE(parse_command(grammar, "wait 1s" + std::string(input_line_size_max, ' '), command, why));
+    EXPECT_EQ(why, "the line is longer than 4096 bytes");
 }
 
 TEST_F(CommandTest, RangesIncludeTheirEndsAndTimesAreMicroseconds)

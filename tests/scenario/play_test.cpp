@@ -190,6 +190,31 @@ TEST(PlayTest, LinkLossAndCapturesThatOverlap)
     EXPECT_TRUE(last_line(outcome.out).starts_with("frames: 15 in, 15 out, ")) << outcome.out;
 }
 
+TEST(PlayTest, OutputThatCannotBeWrittenFails)
+{
+    const Player player;
+    const std::string scenario = player.folder.write("s.vv", "vlan 100 on\nwait 1s\nplay pc.pcap port 1\n");
+    const std::string capture = TempFolder::read(std::string(EXAMPLES) + "/security/pc.pcap");
+    player.folder.write("pc.pcap", capture);
+    const std::string pc = "'" + player.folder.path("pc.pcap") + "'";
+    const std::string command = std::string(VVLAND_COMMAND) + " ";
+    const struct {
+        std::string arguments;
+        const char *error;
+    } rows[] = {{"sim '" + scenario + "' >/dev/full", "vvland: standard output: No space left on device"},
+                {"--help >/dev/full", "vvland: standard output: No space left on device"},
+                {"--help >&-", "vvland: standard output: Bad file descriptor"},
+                {"sim '" + scenario + "' --out " + pc + " >/dev/null", "line 3 plays it; it is not overwritten"},
+                {"sim '" + scenario + "' --out '" + scenario + "' >/dev/null", "exists and is not a capture"}};
+    for (const auto &row : rows) {
+        const std::string errors = player.folder.path("errors");
+        const int status = std::system((command + row.arguments + " 2>'" + errors + "'").c_str());
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << row.arguments;
+        EXPECT_NE(TempFolder::read(errors).find(row.error), std::string::npos) << TempFolder::read(errors);
+    }
+    EXPECT_EQ(TempFolder::read(player.folder.path("pc.pcap")), capture);
+}
+
 // Captures of real networks, which are not ours to give away. Each scenario
 // says what its capture must do; the capture's own name stands for %.
 struct RealCapture {

@@ -52,7 +52,7 @@ TEST(Config, a_good_file_is_read_with_defaults_and_paths_from_its_own_folder)
 }
 
 struct Fault {
-    const char *text;
+    std::string text;
     const char *reason; // what follows "f.conf:"
 };
 
@@ -63,6 +63,7 @@ const Fault faults[] = {
     {"[host\n", "1: a section line must end in ']'"},
     {"[host]\nmodule m\n", "2: expected '[section]' or 'key = value'"},
     {"[host]\nmodule = a\001b\n", "2: the line has a control character"},
+    {"[host]\n" + std::string(4097, '#'), "2: the line is longer than 4096 bytes"},
     // sections
     {"[host 1]\n", "1: unknown section '[host 1]'"},
     {"[host]\nmodule = m\n\n[host]\n", "4: section '[host]' is already in line 1"},
@@ -124,7 +125,7 @@ TEST(Config, a_file_that_cannot_be_read_is_named_with_the_reason)
     const TempFolder folder;
     const std::string large = folder.write("large.conf", std::string(config_size_max + 1, '\n'));
     const std::pair<std::string, std::string> rows[] = {{folder.path("none"), ": No such file or directory"},
-                                                        {folder.path(""), ": is a folder"},
+                                                        {folder.path(""), ": Is a directory"},
                                                         {large, ": larger than 1048576 bytes"}};
     for (const auto &[path, reason] : rows) {
         HostConfig config;
