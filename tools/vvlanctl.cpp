@@ -4,12 +4,16 @@
 // Every line is checked before the first one is written, and the program succeeds
 // only when the store has confirmed each of them.
 #include "platform/base/exit.h"
+#include "platform/host/config.h"
+#include "platform/host/switch.h"
 #include "platform/host/uv_loop.h"
 #include "platform/mom/databases.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/redis/store_redis.h"
 #include "platform/operator/operator.h"
 #include "platform/operator/script.h"
+
+#include "p_bridge.pb-c.h"
 
 #include <CLI/CLI.hpp>
 
@@ -48,7 +52,13 @@ int write_lines(mom::Store &store, const oper::Script &lines)
     host::UvLoop loop;
     oper::Operator op(store, loop);
     std::string why;
-    if (!op.connect(why) || !lines.run(op, why)) {
+    if (!op.connect(why)) {
+        return fail(program, exit_failed, why);
+    }
+    if (!lines.check(op, why)) {
+        return fail(program, exit_refused, why);
+    }
+    if (!lines.run(op, why)) {
         return fail(program, exit_failed, why);
     }
     wait_for_answers(loop, op);
@@ -80,12 +90,29 @@ void print_numbers(const ProtobufCMessage &message, const ProtobufCFieldDescript
     }
 }
 
+// What acts in place of the global settings that nobody has written, packed.
+std::string defaults_beside(const mom::FieldMap &fields)
+{
+    PBridge__BQos qos = P_BRIDGE__B_QOS__INIT;
+    qos.cos = 6;
+    qos.dscp = 46;
+    PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    config.age_time = fields.contains(mom::glb_cfg_age) ? 0 : 1440;
+    config.qos = fields.contains(mom::glb_cfg_qos) ? nullptr : &qos;
+    std::string bytes(protobuf_c_message_get_packed_size(&config.base), '\0');
+    protobuf_c_message_pack(&config.base, reinterpret_cast<uint8_t *>(bytes.data()));
+    return bytes;
+}
+
 void print_object(const std::string &type, const mom::Object &object)
 {
     std::printf("%s%s%s\n", type.c_str(), object.key.empty() ? "" : " ", object.key.c_str());
     const mom::ObjectType *known = mom::find_type(type);
     std::string bytes = object.value.bytes;
     const bool whole = !object.key.empty() || mom::join_fields(object.value.fields, bytes);
+    if (type == "p_bridge.vvlan_glb_cfg") {
+        bytes += defaults_beside(object.value.fields);
+    }
     if (const mom::MessagePtr message = whole ? mom::unpack(*known, bytes) : nullptr; message != nullptr) {
         print_numbers(*message, known->key, 4);
     } else {
@@ -121,6 +148,25 @@ int show(mom::Store &store)
     return exit_good;
 }
 
+// What the command line has not named is taken from the file.
+bool take_config(const std::string &file, mom::RedisOptions &options, oper::OperatorPorts &ports, std::string &why)
+{
+    host::HostConfig config;
+    if (!host::read_config(file, config, why)) {
+        return false;
+    }
+    if (config.store != host::StoreKind::redis && options.address.empty()) {
+        why = file + ": the store is in the agent's process, where vvlanctl cannot reach it";
+        return false;
+    }
+    for (const auto member :
+         {&mom::RedisOptions::address, &mom::RedisOptions::prefix, &mom::RedisOptions::credentials}) {
+        options.*member = (options.*member).empty() ? config.redis.*member : options.*member;
+    }
+    ports = host::operator_ports(config.network.ports);
+    return true;
+}
+
 } // namespace
 
 static int run_program(int argc, char **argv)
@@ -129,8 +175,9 @@ static int run_program(int argc, char **argv)
     mom::RedisOptions options;
     std::vector<std::string> words;
     std::string file;
-    app.add_option("--store", options.address, "redis://HOST:PORT, unix:PATH or sentinel://HOST:PORT,.../NAME")
-        ->required();
+    std::string config_file;
+    app.add_option("--store", options.address, "redis://HOST:PORT, unix:PATH or sentinel://HOST:PORT,.../NAME");
+    app.add_option("--config", config_file, "The switch's configuration file: its store, and the ports of the lines");
     app.add_option("--prefix", options.prefix, "Prefix of the switch's keys");
     app.add_option("--credentials", options.credentials, "File with PASSWORD or USER PASSWORD");
     app.require_subcommand(1);
@@ -151,7 +198,14 @@ static int run_program(int argc, char **argv)
         return exit_good;
     }
     std::string why;
-    oper::Script lines;
+    oper::OperatorPorts ports;
+    if (!config_file.empty() && !take_config(config_file, options, ports, why)) {
+        return fail(program, exit_refused, why);
+    }
+    if (options.address.empty()) {
+        return fail(program, exit_refused, "--store or --config is missing");
+    }
+    oper::Script lines(std::move(ports));
     const std::string text = CLI::detail::join(words, " ");
     if ((*set && !lines.add(text, text, why)) || (*load && !lines.read(file, why))) {
         return fail(program, exit_refused, why);

@@ -91,11 +91,12 @@ bool read_prio(const uint8_t *value, Rule &rule)
     return read_action(value, cos_max, rule.prio, rule.set_prio);
 }
 
+// VLAN 0 is for the manager to judge.
 bool read_add_tag(const uint8_t *value, Rule &rule)
 {
     rule.add_tag = true;
     rule.tag_vid = read_u16(value);
-    return rule.tag_vid >= 1 && rule.tag_vid <= vid_max && read_u16(value + 2) == 0;
+    return rule.tag_vid <= vid_max && read_u16(value + 2) == 0;
 }
 
 bool read_forward(const uint8_t *value, Rule &rule)

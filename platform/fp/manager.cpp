@@ -123,7 +123,13 @@ int Manager::ace_set(const vvlan_acl_desc_t *desc, const fp_udp_ace_t *ace)
     if (!read_ace(*ace, acl, rule, why)) {
         return refuse(request, error_invalid, why);
     }
-    table_.at(acl).set_ace(rule);
+    // A tag with VLAN 0 is one of a voice VLAN that is not chosen yet. The
+    // application sets the ACE again when it is.
+    if (rule.add_tag && rule.tag_vid == 0) {
+        table_.at(acl).remove_ace(rule.id);
+    } else {
+        table_.at(acl).set_ace(rule);
+    }
     return accept(request);
 }
 

@@ -149,6 +149,21 @@ std::string default_module_path()
     return (self.parent_path().parent_path() / "lib" / "libudp_vvlan.so").string();
 }
 
+bool check_module(const std::string &module, std::string &why)
+{
+    void *library = dlopen(loader_path(module).c_str(), RTLD_NOW | RTLD_LOCAL);
+    EntryPoints entry;
+    std::string reason = library == nullptr ? dl_reason() : "";
+    const bool good = library != nullptr && find_entry_points(library, entry, reason);
+    if (library != nullptr) {
+        dlclose(library);
+    }
+    if (!good) {
+        why = "module '" + loader_path(module) + "': " + reason;
+    }
+    return good;
+}
+
 Agent::Agent(Loop &loop, mom::Store &store, fp::Manager &manager, std::span<const PortId> ports,
              const std::string &module)
     : impl_(std::make_unique<Impl>(loop, store, manager, module))

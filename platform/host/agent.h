@@ -23,6 +23,10 @@ namespace vvl::host
 // relative to the folder of the executable.
 std::string default_module_path();
 
+// Whether the module can be loaded and has its entry points; nothing of it is
+// called. On failure why is the line with which load() would fail.
+bool check_module(const std::string &module, std::string &why);
+
 class Agent
 {
   public:

@@ -7,13 +7,16 @@
 #include "platform/host/services.h"
 
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 
 namespace vvl::host
@@ -77,6 +80,71 @@ std::unique_ptr<spdlog::formatter> line_formatter(bool journal)
     return formatter;
 }
 
+// Writes each line with one call, so that a process that dies loses none. A line
+// that cannot be written is counted, and the number reported when writing works
+// again: a full disk or a vanished reader must not end the agent.
+class LineSink final : public spdlog::sinks::base_sink<spdlog::details::null_mutex>
+{
+  public:
+    // descriptor: a file's, which the sink closes, or that of standard error.
+    explicit LineSink(int descriptor) : descriptor_(descriptor) {}
+    ~LineSink() override { replace(STDERR_FILENO); }
+
+    void replace(int descriptor)
+    {
+        if (descriptor_ != STDERR_FILENO) {
+            close(descriptor_);
+        }
+        descriptor_ = descriptor;
+    }
+
+  private:
+    void sink_it_(const spdlog::details::log_msg &message) override
+    {
+        if (lost_ != 0) {
+            const std::string text = std::to_string(lost_) + " log lines were lost: " + std::strerror(reason_);
+            lost_ = write_line({"host", level_enum::warn, text}) ? 0 : lost_;
+        }
+        lost_ += write_line(message) ? 0 : 1;
+    }
+
+    bool write_line(const spdlog::details::log_msg &message)
+    {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        size_t done = 0;
+        while (done < line.size()) {
+            const ssize_t count = write(descriptor_, line.data() + done, line.size() - done);
+            if (count < 0 && errno != EINTR) {
+                reason_ = errno;
+                return false;
+            }
+            done += count > 0 ? static_cast<size_t>(count) : 0;
+        }
+        return true;
+    }
+
+    void flush_() override {}
+
+    int descriptor_;
+    uint64_t lost_ = 0; // lines since the last one that was written
+    int reason_ = 0;    // errno of the last of them
+};
+
+// The descriptor of a log; negative with the reason in why. A FIFO without a
+// reader is an error, and one that is full loses lines, rather than wait.
+int open_log(const std::string &file, std::string &why)
+{
+    if (file.empty()) {
+        return STDERR_FILENO;
+    }
+    const int descriptor = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
+    if (descriptor < 0) {
+        why = "log file " + file + ": " + std::strerror(errno);
+    }
+    return descriptor;
+}
+
 } // namespace
 
 bool journal_is_listening()
@@ -93,7 +161,7 @@ bool journal_is_listening()
 struct Logging::Impl {
     spdlog::logger &logger(const std::string &category);
 
-    spdlog::sink_ptr sink;
+    std::shared_ptr<LineSink> sink;
     level_enum level = level_enum::info;
     std::map<std::string, std::unique_ptr<spdlog::logger>> loggers; // by category
 };
@@ -104,27 +172,36 @@ spdlog::logger &Logging::Impl::logger(const std::string &category)
     if (place == nullptr) {
         place = std::make_unique<spdlog::logger>(category, sink);
         place->set_level(level);
-        place->flush_on(level_enum::warn);
     }
     return *place;
 }
 
 std::unique_ptr<Logging> Logging::open(const LogConfig &config, std::string &why)
 {
-    auto impl = std::make_unique<Impl>();
-    impl->level = level_of(config.level);
-    try {
-        if (config.file.empty()) {
-            impl->sink = std::make_shared<spdlog::sinks::stderr_sink_st>();
-        } else {
-            impl->sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(config.file);
-        }
-    } catch (const spdlog::spdlog_ex &error) {
-        why = "log file: " + std::string(error.what());
+    const int descriptor = open_log(config.file, why);
+    if (descriptor < 0) {
         return nullptr;
     }
+    auto impl = std::make_unique<Impl>();
+    impl->level = level_of(config.level);
+    impl->sink = std::make_shared<LineSink>(descriptor);
     impl->sink->set_formatter(line_formatter(config.journal && config.file.empty()));
     return std::unique_ptr<Logging>(new Logging(std::move(impl)));
+}
+
+bool Logging::reopen(const LogConfig &config, std::string &why)
+{
+    const int descriptor = open_log(config.file, why);
+    if (descriptor < 0) {
+        return false;
+    }
+    impl_->sink->replace(descriptor);
+    impl_->sink->set_formatter(line_formatter(config.journal && config.file.empty()));
+    impl_->level = level_of(config.level);
+    for (auto &[category, logger] : impl_->loggers) {
+        logger->set_level(impl_->level);
+    }
+    return true;
 }
 
 Logging::Logging(std::unique_ptr<Impl> impl) : impl_(std::move(impl))
@@ -134,14 +211,13 @@ Logging::Logging(std::unique_ptr<Impl> impl) : impl_(std::move(impl))
         [log](LogLevel level, const std::string &text) { log->logger("host").log(level_of(level), "{}", text); });
     set_zlog_sink(
         {[log](const ZlogLine &line) { log->logger(line.category).log(level_of_zlog(line.level), "{}", line.text); },
-         [log] { log->sink->flush(); }});
+         {}});
 }
 
 Logging::~Logging()
 {
     set_zlog_sink({});
     set_log_sink({});
-    impl_->sink->flush();
 }
 
 } // namespace vvl::host

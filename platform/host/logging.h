@@ -29,7 +29,11 @@ class Logging
   public:
     // Null with the reason in why where the file cannot be opened.
     static std::unique_ptr<Logging> open(const LogConfig &config, std::string &why);
-    ~Logging(); // flushes; the default sinks take over again
+    ~Logging(); // the default sinks take over again
+
+    // Opens the file again, which may have been renamed or be another one, and
+    // takes over the level. On failure why has the reason and nothing changes.
+    bool reopen(const LogConfig &config, std::string &why);
 
     Logging(const Logging &) = delete;
     Logging &operator=(const Logging &) = delete;

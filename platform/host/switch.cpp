@@ -96,6 +96,18 @@ struct Switch::Impl {
     bool running = false;
 };
 
+oper::OperatorPorts operator_ports(const std::vector<SwitchPort> &ports)
+{
+    oper::OperatorPorts named;
+    for (const SwitchPort &port : ports) {
+        named.all.push_back(port.ifx);
+        if (port.uplink) {
+            named.uplinks.push_back(port.ifx);
+        }
+    }
+    return named;
+}
+
 Switch::Switch(SwitchConfig config, Loop &loop, std::unique_ptr<mom::Store> store, std::unique_ptr<fp::DataPlane> plane)
     : impl_(std::make_unique<Impl>(std::move(config), loop, std::move(store), std::move(plane)))
 {

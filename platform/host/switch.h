@@ -10,6 +10,7 @@
 #include "platform/fp/manager.h"
 #include "platform/fp/plane.h"
 #include "platform/host/agent.h"
+#include "platform/operator/command.h"
 
 #include <cstdint>
 #include <memory>
@@ -40,6 +41,9 @@ struct SwitchConfig {
     // The plane learns of ports by attach_port(), when their interfaces appear.
     bool ports_follow_interfaces = false;
 };
+
+// What an operator may name of these ports.
+oper::OperatorPorts operator_ports(const std::vector<SwitchPort> &ports);
 
 class Switch
 {

@@ -269,7 +269,7 @@ bool parse_command(const Grammar &grammar, std::string_view line, Command &comma
         Command parsed{&row, {}};
         Mismatch miss;
         if (match_row(grammar, row, words, parsed.args, miss)) {
-            if (row.check != nullptr && !row.check(parsed.args, why)) {
+            if (row.check != nullptr && !row.check(grammar, parsed.args, why)) {
                 return false;
             }
             command = std::move(parsed);

@@ -57,17 +57,26 @@ struct CommandContext {
     sim::Scenario *scenario = nullptr; // declarations, run while the file is read
 };
 
+// The configuration that lines are checked against: what the store has, with
+// what the lines before have changed.
+struct PresentConfig {
+    uint32_t vlan = 0; // the voice VLAN that is on; 0: none
+};
+
+struct Grammar;
+
 struct CommandRow {
     const char *pattern;
     const char *help;
     // Carries the command out. On failure why is the reason, and nothing has changed.
     bool (*run)(CommandContext &context, const Arguments &args, std::string &why);
     // Checks what the type of a single argument cannot check (null: nothing).
-    bool (*check)(const Arguments &args, std::string &why) = nullptr;
+    bool (*check)(const Grammar &grammar, const Arguments &args, std::string &why) = nullptr;
     bool declaration = false; // must come before the first other command
+    // Refuses a line that the switch would ignore or misread in this configuration,
+    // or carries it out on present (null: nothing to check).
+    bool (*apply)(PresentConfig &present, const Arguments &args, std::string &why) = nullptr;
 };
-
-struct Grammar;
 
 // A type of argument, by its word in the patterns.
 struct ArgumentType {
@@ -81,10 +90,16 @@ struct ArgumentType {
     const char *words = nullptr; // of read_word: "a|b|c"
 };
 
+// The ports that an operator may name, by interface index.
+struct OperatorPorts {
+    std::vector<uint32_t> all;     // empty: any number is a port
+    std::vector<uint32_t> uplinks; // those of them that cannot be voice ports
+};
+
 struct Grammar {
     std::vector<CommandRow> rows;
     std::vector<ArgumentType> types;
-    std::vector<uint32_t> ports; // a PORT is one of these; empty: any
+    OperatorPorts ports;
 };
 
 struct Command {

@@ -92,7 +92,7 @@ bool read_port(const ArgumentType &type, const Grammar &grammar, const std::stri
     if (!read_number(type, grammar, text, argument, why)) {
         return false;
     }
-    const auto &ports = grammar.ports;
+    const auto &ports = grammar.ports.all;
     if (!ports.empty() && std::find(ports.begin(), ports.end(), argument.number) == ports.end()) {
         why = "port " + text + " does not exist";
         return false;

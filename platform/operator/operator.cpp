@@ -7,6 +7,8 @@
 
 #include "p_bridge.pb-c.h"
 
+#include <algorithm>
+
 namespace vvl::oper
 {
 namespace
@@ -137,6 +139,18 @@ bool Operator::port_is_automatic(uint32_t ifx)
     return automatic;
 }
 
+bool Operator::read_present(PresentConfig &present, std::string &why)
+{
+    PBridge__VvlanGlbCfg key = P_BRIDGE__VVLAN_GLB_CFG__INIT;
+    uint32_t result = 0;
+    ProtobufCMessage *found = tq_mom_get_sync(client_.ctx(), mom::db_config, &key.base, &result);
+    const auto *config = reinterpret_cast<const PBridge__VvlanGlbCfg *>(found); // as in port_is_automatic
+    const PBridge__VvlanEn *glb_switch = config != nullptr ? config->glb_switch : nullptr;
+    present.vlan = glb_switch != nullptr && glb_switch->enable != 0 ? glb_switch->vlan : 0;
+    tq_mom_tq_obj_free(found);
+    return succeed(static_cast<int>(result), "voice VLAN", why);
+}
+
 // ---- Commands ---------------------------------------------------------------
 
 namespace
@@ -150,6 +164,45 @@ uint32_t number_of(const Arguments &args, const char *name)
 bool run_vlan(CommandContext &context, const Arguments &args, std::string &why)
 {
     return context.op->set_vlan(number_of(args, "VLAN"), args["on|off"].text == "on", why);
+}
+
+// The module ignores the end of another VLAN than its own, but the store would keep it.
+bool apply_vlan(PresentConfig &present, const Arguments &args, std::string &why)
+{
+    const uint32_t vlan = number_of(args, "VLAN");
+    const bool on = args["on|off"].text == "on";
+    if (!on && present.vlan != 0 && present.vlan != vlan) {
+        why = "voice VLAN " + std::to_string(vlan) + " is not on; voice VLAN " + std::to_string(present.vlan) + " is";
+        return false;
+    }
+    present.vlan = on ? vlan : 0;
+    return true;
+}
+
+// What is there already may always be removed.
+bool check_oui(const Grammar &, const Arguments &args, std::string &why)
+{
+    const Argument &oui = args["OUI"];
+    const bool is_group = (oui.mac[0] & 1) != 0;
+    // The module looks learned addresses up by prefix masks only.
+    const bool is_prefix =
+        oui_text(oui.mac, oui.mask).find(':', oui_text(oui.mac, oui.mask).find('/')) == std::string::npos;
+    if (args["add|del"].text == "add" && (is_group || !is_prefix)) {
+        why = "OUI " + oui.text + (is_group ? ": a group address is no device's" : ": the mask is not a prefix");
+        return false;
+    }
+    return true;
+}
+
+bool check_voice_port(const Grammar &grammar, const Arguments &args, std::string &why)
+{
+    const uint32_t ifx = number_of(args, "PORT");
+    const auto &uplinks = grammar.ports.uplinks;
+    if (std::find(uplinks.begin(), uplinks.end(), ifx) != uplinks.end()) {
+        why = "port " + std::to_string(ifx) + " is an uplink, which cannot be a voice port";
+        return false;
+    }
+    return true;
 }
 
 bool run_oui(CommandContext &context, const Arguments &args, std::string &why)
@@ -192,9 +245,9 @@ bool run_age(CommandContext &context, const Arguments &args, std::string &why)
 }
 
 constexpr CommandRow rows[] = {
-    {"vlan VLAN on|off", "switch the voice VLAN on or off", run_vlan},
-    {"oui add|del OUI", "voice devices by their address range", run_oui},
-    {"port PORT auto|manual", "enable a port; auto: it joins with its first voice frame", run_port},
+    {"vlan VLAN on|off", "switch the voice VLAN on or off", run_vlan, nullptr, false, apply_vlan},
+    {"oui add|del OUI", "voice devices by their address range", run_oui, check_oui},
+    {"port PORT auto|manual", "enable a port; auto: it joins with its first voice frame", run_port, check_voice_port},
     {"port PORT disable [auto|manual]", "disable a port; it keeps its mode unless one is given", run_port_disable},
     {"port PORT delete", "remove a port's configuration", run_port_delete},
     {"qos cos COS dscp DSCP", "priority of voice traffic", run_qos},
@@ -223,7 +276,7 @@ std::span<const ArgumentType> operator_types()
     return types;
 }
 
-Grammar operator_grammar(std::vector<uint32_t> ports)
+Grammar operator_grammar(OperatorPorts ports)
 {
     return {{std::begin(rows), std::end(rows)}, {std::begin(types), std::end(types)}, std::move(ports)};
 }

@@ -36,6 +36,9 @@ class Operator
     // The mode in the port's configuration; automatic where the port has none.
     bool port_is_automatic(uint32_t ifx);
 
+    // Reads what lines are checked against. On failure why has the reason.
+    bool read_present(PresentConfig &present, std::string &why);
+
     // The number of writes that the store has not answered yet, and of those that
     // it has refused. Writes that were under way when the connection was lost
     // stay unanswered.
@@ -56,7 +59,7 @@ class Operator
 // The rows that need CommandContext::op, and the types that they use.
 std::span<const CommandRow> operator_commands();
 std::span<const ArgumentType> operator_types();
-// Both as a grammar. ports: what a PORT may be; empty: any number.
-Grammar operator_grammar(std::vector<uint32_t> ports = {});
+// Both as a grammar.
+Grammar operator_grammar(OperatorPorts ports = {});
 
 } // namespace vvl::oper

@@ -33,7 +33,7 @@ bool for_each_line(const std::string &file,
     return true;
 }
 
-Script::Script(std::vector<uint32_t> ports) : grammar_(operator_grammar(std::move(ports))) {}
+Script::Script(OperatorPorts ports) : grammar_(operator_grammar(std::move(ports))) {}
 
 bool Script::take(std::string where, std::string_view text, std::string &reason)
 {
@@ -70,6 +70,24 @@ bool Script::read(const std::string &file, std::string &why)
         lines_.resize(count_before);
     }
     return good;
+}
+
+bool Script::check(Operator &op, std::string &why) const
+{
+    PresentConfig present;
+    return op.read_present(present, why) && check(present, why);
+}
+
+bool Script::check(PresentConfig present, std::string &why) const
+{
+    for (const Line &line : lines_) {
+        std::string reason;
+        if (line.command.row->apply != nullptr && !line.command.row->apply(present, line.command.args, reason)) {
+            why = line.where + ": " + reason;
+            return false;
+        }
+    }
+    return true;
 }
 
 bool Script::run(Operator &op, std::string &why) const

@@ -26,8 +26,7 @@ bool for_each_line(const std::string &file,
 class Script
 {
   public:
-    // ports: the interface indexes of the switch; empty: a PORT may be any number.
-    explicit Script(std::vector<uint32_t> ports = {});
+    explicit Script(OperatorPorts ports = {});
     Script(const Script &) = delete; // the commands point into the grammar
     Script &operator=(const Script &) = delete;
 
@@ -38,7 +37,14 @@ class Script
     // Adds the lines of a file; on failure as for_each_line, and nothing is added.
     bool read(const std::string &file, std::string &why);
 
-    // Carries the commands out. On failure why is "WHERE: reason", and the
+    // Checks the commands in their order against the present configuration. On
+    // failure why is "WHERE: reason", or why it cannot be read.
+    bool check(Operator &op, std::string &why) const;
+
+    // The same against an empty configuration, or what present holds.
+    bool check(PresentConfig present, std::string &why) const;
+
+    // Carries the commands out, which check() has accepted. On failure why is "WHERE: reason", and the
     // commands before the failing one have been carried out.
     bool run(Operator &op, std::string &why) const;
 

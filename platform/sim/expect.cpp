@@ -145,7 +145,7 @@ bool expect_frames(CommandContext &context, const Arguments &args, std::string &
     return false;
 }
 
-bool check_key(const Arguments &args, std::string &why)
+bool check_key(const Grammar &, const Arguments &args, std::string &why)
 {
     const std::string &type = args["TYPE"].text;
     const std::string &key = args["KEY"].text;

@@ -116,10 +116,7 @@ bool add_line(const std::string &line, size_t number, Grammar &grammar, Scenario
     if (!command.row->run(context, command.args, why)) {
         return false;
     }
-    grammar.ports.clear();
-    for (const host::SwitchPort &port : scenario.ports()) {
-        grammar.ports.push_back(port.ifx);
-    }
+    grammar.ports = host::operator_ports(scenario.ports());
     return true;
 }
 
@@ -166,9 +163,7 @@ bool read_scenario(const std::string &path, Grammar &grammar, Scenario &scenario
 {
     Scenario read;
     read.path = path;
-    for (const host::SwitchPort &port : read.ports()) {
-        grammar.ports.push_back(port.ifx);
-    }
+    grammar.ports = host::operator_ports(read.ports());
     bool is_empty = true;
     auto take = [&](unsigned number, const std::string &line, std::string &reason) {
         is_empty = false;

@@ -39,6 +39,11 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
      "OUI 00:00:00:00:00:00/00:00:00:00:00:00: '00:00:00:00:00:00' is neither a prefix length nor a mask"},
     {"oui add 00:04:76/24",
      "'00:04:76/24' is not an OUI: expected ADDRESS/BITS or ADDRESS/MASK, as in 00:04:76:00:00:00/24"},
+    {"oui add ff:ff:ff:ff:ff:ff/48", "OUI ff:ff:ff:ff:ff:ff/48: a group address is no device's"},
+    {"oui add 01:04:76:00:00:00/24", "OUI 01:04:76:00:00:00/24: a group address is no device's"},
+    {"oui add 00:04:00:00:00:01/ff:ff:00:00:00:ff",
+     "OUI 00:04:00:00:00:01/ff:ff:00:00:00:ff: the mask is not a prefix"},
+    {"port 24 auto", "port 24 is an uplink, which cannot be a voice port"},
     // Times.
     {"wait 30", "'30' is not a time: expected a number with us, ms, s, m, h or d, as in 30s"},
     {"wait 9223372036854775807d", "time '9223372036854775807d' is more than 10000 days"},
@@ -54,7 +59,7 @@ constexpr std::pair<const char *, const char *> bad_lines[] = {
 class CommandTest : public testing::Test
 {
   protected:
-    CommandTest() { grammar.ports = {1, 2, 24}; }
+    CommandTest() { grammar.ports = {{1, 2, 24}, {24}}; }
 
     const Arguments &parse(std::string_view line)
     {
@@ -104,7 +109,7 @@ TEST_F(CommandTest, OuiTakesPrefixLengthOrMask)
     EXPECT_EQ(by_length.mac, (Mac{0x00, 0x04, 0x76}));
     EXPECT_EQ(by_length.mask, by_mask.mask);
     EXPECT_EQ(oui_text(by_mask.mac, by_mask.mask), "00:04:76:00:00:00/24");
-    const Argument odd = parse("oui add 00:04:00:00:00:01/ff:ff:00:00:00:ff")["OUI"];
+    const Argument odd = parse("oui del 00:04:00:00:00:01/ff:ff:00:00:00:ff")["OUI"];
     EXPECT_EQ(oui_text(odd.mac, odd.mask), "00:04:00:00:00:01/ff:ff:00:00:00:ff");
 }
 

@@ -3,6 +3,7 @@
 #include "platform/base/virtual_loop.h"
 #include "platform/mom/keys.h"
 #include "platform/mom/local/store_local.h"
+#include "platform/operator/script.h"
 #include "tests/support/message_text.h"
 
 #include <gtest/gtest.h>

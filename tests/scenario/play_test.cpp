@@ -144,6 +144,7 @@ TEST(PlayTest, ErrorsNameTheLineAndTheReason)
         {"expect object p_bridge.vvlan_oui_cfg 00:04:77:00:00:00/24", 1,
          "expected object p_bridge.vvlan_oui_cfg 00:04:77:00:00:00/24, found none"},
         {"start", 1, "the module is already loaded"},
+        {"vlan 200 off", 1, "voice VLAN 200 is not on; voice VLAN 100 is"},
         {"debug no_such", 1, "no_such"},
     };
     for (const auto &row : rows) {

@@ -34,7 +34,7 @@ class ScenarioFileTest : public testing::Test
 
 TEST_F(ScenarioFileTest, DeclarationsDecideWhichPortsExist)
 {
-    ASSERT_TRUE(read("port 8 auto\nport 24 manual\n")) << why;
+    ASSERT_TRUE(read("port 8 auto\nport 24 disable\n")) << why;
     EXPECT_EQ(scenario.ports().size(), 9u);
     EXPECT_FALSE(read("port 9 auto\n"));
     EXPECT_EQ(why, ":1: port 9 does not exist");
@@ -57,6 +57,7 @@ TEST_F(ScenarioFileTest, DeclarationsThatDoNotFitAreRefused)
         {"port-map 1 5\nport-map 2 5\n", ":2: ports 1 and 2 have the same physical port"},
         {"port-map 1 5\nport-map 1 6\n", ":2: port 1 is mapped twice"},
         {"ports 1..2000\n", ":1: more than 1024 ports"},
+        {"uplink 2\nport 2 manual\n", ":2: port 2 is an uplink, which cannot be a voice port"},
         {"", ": is empty"},
     };
     for (const auto &[text, error] : cases) {

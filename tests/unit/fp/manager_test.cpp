@@ -54,6 +54,18 @@ TEST_F(ManagerTest, DeletionsTakeWhatBelongsToThemAndAreNotReported)
     EXPECT_EQ(0u, manager_->counters().refused);
 }
 
+TEST_F(ManagerTest, TagOfAVlanThatIsNotChosenYetIsNoRuleAndNoFault)
+{
+    play({{"acl m", "", "acl m, "}});
+    for (const auto &[field, count] :
+         {std::pair{"add_tag 2 00000000", 0u}, {"add_tag 2 64000000", 1u}, {"add_tag 2 00000000", 0u}}) {
+        EXPECT_EQ(0, set_ace('m', 7, {field}));
+        play({{"", count != 0 ? "m7 " : "", "ace m 7, "}});
+        EXPECT_EQ(count, plane_.state.rules[0].size()) << field;
+    }
+    EXPECT_TRUE(log_.empty());
+}
+
 TEST_F(ManagerTest, FieldsThatCannotBeCarriedOutAreRefusedByName)
 {
     const std::pair<char, Fields> rows[] = {
@@ -62,7 +74,7 @@ TEST_F(ManagerTest, FieldsThatCannotBeCarriedOutAreRefusedByName)
         {'v', {"src_mac 1 0000000000000000000000", "vid 1 6400", "fwd 2 ", "cos 2 " + std::string(600, '0')}},
         {'v', {"cos 2 080000000000", "cos 2 000000000001", "ipv4_dscp 2 400000000000", "prio_in 2 080000000000"}},
         {'v', {"vid 1 ff0fffff", "vlan_form 1 0303", "vlan_form 1 0004", "fwd 2 02", "add_tag 2 64000000"}},
-        {'m', {"add_tag 2 00000000", "add_tag 2 ff0f0000", "add_tag 2 01000100", "fwd 2 00"}}};
+        {'m', {"add_tag 2 ff0f0000", "add_tag 2 01000100", "fwd 2 00"}}};
     play({{"acl v; acl m", "", "acl v, acl m, "}});
     for (const auto &[app, fields] : rows) {
         for (const std::string &field : fields) {

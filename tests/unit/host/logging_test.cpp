@@ -1,5 +1,7 @@
 // The log's levels, categories and forms, through the calls that write to it.
 #include "platform/host/logging.h"
+
+#include "platform/host/services.h"
 #include "tests/scenario/temp_folder.h"
 #include "tq_zlog.h"
 
@@ -75,6 +77,25 @@ TEST(Logging, a_file_that_cannot_be_opened_is_named_and_the_old_sinks_stay)
     log_line(LogLevel::info, "still here");
     EXPECT_EQ(seen, "still here");
     set_log_sink({});
+}
+
+TEST(Logging, lines_that_cannot_be_written_are_counted_and_the_log_goes_on)
+{
+    const TempFolder folder;
+    std::string why;
+    const auto logging = Logging::open({LogLevel::info, "/dev/full", false}, why);
+    ASSERT_NE(logging, nullptr) << why;
+    log_line(LogLevel::error, "lost");
+    flush_zlog();
+    log_line(LogLevel::info, "lost too");
+    EXPECT_FALSE(logging->reopen({LogLevel::info, folder.path("none/log"), false}, why));
+    ASSERT_TRUE(logging->reopen({LogLevel::error, folder.path("log"), false}, why)) << why;
+    log_line(LogLevel::info, "below the level");
+    log_line(LogLevel::error, "kept");
+    const std::string text = TempFolder::read(folder.path("log"));
+    EXPECT_NE(text.find("host: 2 log lines were lost: No space left on device\n"), std::string::npos) << text;
+    EXPECT_TRUE(text.ends_with("host: kept\n")) << text;
+    EXPECT_EQ(text.find("below"), std::string::npos) << text;
 }
 
 TEST(Logging, only_the_stream_that_the_journal_named_counts_as_the_journal)
