@@ -104,7 +104,7 @@ bool Simulation::run_steps(std::string &why)
     for (const ScenarioStep &step : scenario_.steps) {
         std::string reason;
         timeline_.add(LineKind::command, step.text);
-        const bool done = check_step(step, reason) && step.command.row->run(context, step.command.args, reason);
+        const bool done = step.command.row->run(context, step.command.args, reason);
         loop_.run_pending();
         if (!done) {
             why = scenario_.path + ":" + std::to_string(step.line) + ": " + reason;
@@ -112,13 +112,6 @@ bool Simulation::run_steps(std::string &why)
         }
     }
     return true;
-}
-
-bool Simulation::check_step(const ScenarioStep &step, std::string &why)
-{
-    const auto apply = step.command.row->apply;
-    oper::PresentConfig present;
-    return apply == nullptr || (operator_.read_present(present, why) && apply(present, step.command.args, why));
 }
 
 bool Simulation::finish(std::string &why)

@@ -68,7 +68,6 @@ class Simulation
 
     bool start(std::string &why);
     bool output_is_no_input(std::string &why) const;
-    bool check_step(const ScenarioStep &step, std::string &why);
     bool run_steps(std::string &why);
     bool finish(std::string &why);
     void play_next(std::list<Playback>::iterator playback);

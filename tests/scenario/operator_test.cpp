@@ -66,5 +66,32 @@ TEST(OperatorTest, EachLineWritesItsObjectAndLeavesTheRestAlone)
     }
 }
 
+TEST(OperatorTest, EndOfAnotherVoiceVlanThanThePresentOneIsRefused)
+{
+    const struct {
+        const char *stored;
+        const char *line;
+        const char *why; // null: accepted
+    } rows[] = {{"vlan 100 on", "vlan 200 off", "there: voice VLAN 200 is not on; voice VLAN 100 is"},
+                {"vlan 100 on", "vlan 100 off", nullptr},
+                {"vlan 100 on", "vlan 200 on", nullptr},
+                {"vlan 100 off", "vlan 200 off", nullptr}}; // ends nothing that is on
+    VirtualLoop loop;
+    const auto store = mom::make_local_store();
+    Operator op(*store, loop);
+    std::string why;
+    ASSERT_TRUE(op.connect(why)) << why;
+    for (const auto &row : rows) {
+        why.clear();
+        Script present;
+        Script script;
+        ASSERT_TRUE(present.add("here", row.stored, why) && present.run(op, why)) << why;
+        ASSERT_TRUE(script.add("there", row.line, why)) << why;
+        EXPECT_EQ(script.check(op, why), row.why == nullptr) << row.line;
+        EXPECT_EQ(why, row.why == nullptr ? "" : row.why);
+        loop.run_pending();
+    }
+}
+
 } // namespace
 } // namespace vvl::oper
