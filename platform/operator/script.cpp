@@ -27,7 +27,8 @@ bool for_each_line(const std::string &file,
             rest.remove_prefix(std::min(end + 1, rest.size()));
             continue;
         }
-        why = file + ":" + std::to_string(number) + ": " + reason;
+        why = file;
+        why += ":" + std::to_string(number) + ": " + reason;
         return false;
     }
     return true;

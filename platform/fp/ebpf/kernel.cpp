@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -268,10 +269,11 @@ std::vector<std::string> names_of_pins()
 
 std::vector<uint32_t> programs_of(const std::string &layout_folder)
 {
+    const std::filesystem::path folder = layout_folder;
     std::vector<uint32_t> ids;
     for (const Pin &program : program_pins) {
         for (const std::string &name : {std::string(program.name), fresh_name(program)}) {
-            if (const UniqueFd fd(bpf_obj_get((layout_folder + "/" + name).c_str())); fd) {
+            if (const UniqueFd fd(bpf_obj_get((folder / name).c_str())); fd) {
                 ids.push_back(id_of_program(fd.get()));
             }
         }

@@ -5,6 +5,7 @@
 #include "platform/fp/ebpf/kernel.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <net/if.h>
 #include <set>
@@ -94,7 +95,7 @@ void leave_other_layouts(const std::string &pin_folder, std::span<const PlanePor
         if (!turn || layout == current) {
             continue;
         }
-        const std::vector<uint32_t> programs = programs_of(pin_folder + "/" + layout);
+        const std::vector<uint32_t> programs = programs_of(std::filesystem::path(pin_folder) / layout);
         bool is_in_use = false;
         for_each_interface([&](uint32_t ifindex, const std::string &name) {
             const auto attached = programs_at(ifindex);

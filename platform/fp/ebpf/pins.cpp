@@ -248,14 +248,15 @@ uint64_t network_of_pins(const std::string &pin_folder)
 
 void set_network_of_pins(const std::string &pin_folder, uint64_t network)
 {
+    const std::filesystem::path folder = pin_folder;
     const std::string wanted = network_prefix + std::to_string(network);
     for (const std::string &name : names_with(pin_folder, network_prefix)) {
         if (name != wanted) {
-            rmdir((pin_folder + "/" + name).c_str());
+            rmdir((folder / name).c_str());
         }
     }
     if (network != 0) {
-        mkdir((pin_folder + "/" + wanted).c_str(), 0700);
+        mkdir((folder / wanted).c_str(), 0700);
     }
 }
 
@@ -278,7 +279,8 @@ bool remove_pins_of(const std::string &pin_folder, const std::string &folder, st
     }
     for (const std::string &name : names) {
         if (unlinkat(open.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
-            why = pin_folder + "/" + folder + "/" + name + ": cannot be removed: " + error_text(errno);
+            why = (std::filesystem::path(pin_folder) / folder / name).string() +
+                  ": cannot be removed: " + error_text(errno);
             return false;
         }
     }
