@@ -29,7 +29,7 @@ in_namespace() {
 # Call it before make_network: namespaces that exist already do not get the mount.
 mount_bpf() {
     mkdir "$folder/bpf"
-    mount -t bpf bpf "$folder/bpf"
+    mount -t bpf -o mode=0700 bpf "$folder/bpf"
 }
 
 make_network() {
