@@ -90,17 +90,22 @@ void print_numbers(const ProtobufCMessage &message, const ProtobufCFieldDescript
     }
 }
 
+// What the module starts with, and keeps while nobody writes these settings.
+constexpr uint32_t age_default = 1440; // minutes
+constexpr uint32_t cos_default = 6;
+constexpr uint32_t dscp_default = 46;
+
 // What acts in place of the global settings that nobody has written, packed.
 std::string defaults_beside(const mom::FieldMap &fields)
 {
     PBridge__BQos qos = P_BRIDGE__B_QOS__INIT;
-    qos.cos = 6;
-    qos.dscp = 46;
+    qos.cos = cos_default;
+    qos.dscp = dscp_default;
     PBridge__VvlanGlbCfg config = P_BRIDGE__VVLAN_GLB_CFG__INIT;
-    config.age_time = fields.contains(mom::glb_cfg_age) ? 0 : 1440;
+    config.age_time = fields.contains(mom::glb_cfg_age) ? 0 : age_default;
     config.qos = fields.contains(mom::glb_cfg_qos) ? nullptr : &qos;
-    std::string bytes(protobuf_c_message_get_packed_size(&config.base), '\0');
-    protobuf_c_message_pack(&config.base, reinterpret_cast<uint8_t *>(bytes.data()));
+    std::string bytes;
+    mom::pack(config.base, bytes); // far below the limit of its size
     return bytes;
 }
 

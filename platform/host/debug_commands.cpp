@@ -16,7 +16,6 @@ namespace vvl::host
 namespace
 {
 
-constexpr int result_invalid = -4;
 constexpr int result_full = -6;
 constexpr int result_taken = -17;
 

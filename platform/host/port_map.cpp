@@ -10,7 +10,6 @@ namespace vvl::host
 namespace
 {
 
-constexpr int result_invalid = -4;
 constexpr int result_unknown = -7;
 
 using Index = std::unordered_map<uint32_t, uint32_t>;

@@ -54,6 +54,8 @@ struct tq_thread_master {
 namespace vvl::host
 {
 
+constexpr int result_invalid = -4; // of the C services: an argument is missing or out of range
+
 // ---- Context -----------------------------------------------------------
 
 // The context that a module gets. The module and its store client hold the

@@ -3,6 +3,7 @@
 // What the killed agents leave in the store must be what an agent leaves that was
 // never killed, and a new agent must make the same tables and plane of it.
 #include "platform/host/services.h"
+#include "platform/mom/databases.h"
 #include "platform/sides/bridge_side.h"
 #include "platform/sides/packet_side.h"
 #include "tests/drill/rig.h"
@@ -19,7 +20,6 @@ namespace vvl::drill
 namespace
 {
 
-constexpr uint32_t config_db = 4;
 constexpr const char *join_type = "u_bridge.vvlan_join";
 constexpr const char *trap_type = "u_bridge.vvlan_port_cfg";
 constexpr const char *report_type = "p_bridge.vvlan_port_auto";
@@ -36,7 +36,7 @@ struct Surroundings : mom::SessionEvents {
         host::set_port_map(ports);
         EXPECT_TRUE(packet.start(why) && bridge.start(why) && op.connect(why)) << why;
         for (const auto &[db, type] :
-             {std::pair(TQ_MOM_UDP_DB, join_type), {TQ_MOM_UDP_DB, trap_type}, {config_db, report_type}}) {
+             {std::pair(TQ_MOM_UDP_DB, join_type), {TQ_MOM_UDP_DB, trap_type}, {mom::db_config, report_type}}) {
             EXPECT_EQ(observer->connect_now(db), 0);
             EXPECT_EQ(observer->watch(db, type, {}), 0);
         }
@@ -68,7 +68,7 @@ struct Surroundings : mom::SessionEvents {
         for (const mom::Object &join : objects) {
             unreported.insert(join.key);
         }
-        EXPECT_EQ(observer->scan_now(config_db, report_type, objects), 0);
+        EXPECT_EQ(observer->scan_now(mom::db_config, report_type, objects), 0);
         for (const mom::Object &report : objects) {
             unreported.erase(report.key);
         }
@@ -80,7 +80,7 @@ struct Surroundings : mom::SessionEvents {
             if (are_calling) {
                 storm();
             }
-            return count(TQ_MOM_UDP_DB, join_type) == joined && count(config_db, report_type) == joined &&
+            return count(TQ_MOM_UDP_DB, join_type) == joined && count(mom::db_config, report_type) == joined &&
                    count(TQ_MOM_UDP_DB, trap_type) == trapped;
         });
     }
